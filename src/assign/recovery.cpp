@@ -1,0 +1,118 @@
+#include "assign/recovery.h"
+
+#include <cerrno>
+#include <vector>
+
+#include "common/json_file.h"
+#include "common/log.h"
+#include "common/scoped_lock.h"
+#include "deploy/crt_files.h"
+#include "deploy/key_types.h"
+#include "mkcert/default_set.h"
+#include "platform/file_test.h"
+#include "platform/services.h"
+#include "store/names.h"
+#include "store/paths.h"
+
+namespace opalcrt
+{
+
+namespace
+{
+
+constexpr const char *kLogSource = log_source::kUtils;
+constexpr int kRecoverLockSeconds = 30;
+
+constexpr const char *kKeyTypeFiles[] = {"cert.pem", "fullchain.pem", "privkey.pem"};
+constexpr const char *kPlainFiles[] = {"cert.pem", "privkey.pem", "fullchain.pem"};
+
+// The required files, in the order in which they are looked for.
+std::vector<std::string> ListRequiredFiles(const std::string &certId)
+{
+    std::vector<std::string> names;
+    if (HasCrtKeyTypes(certId)) {
+        for (const KeyType type : GetCrtKeyTypes(certId)) {
+            for (const char *name : kKeyTypeFiles) {
+                names.push_back(KeyTypePrefix(type) + name);
+            }
+        }
+    }
+    names.insert(names.end(), std::begin(kPlainFiles), std::end(kPlainFiles));
+    return names;
+}
+
+} // namespace
+
+bool CheckAndRecoverCrt(const std::string &certId)
+{
+    Json::Value info;
+    if (!fromFile(kInfoPath, info)) {
+        LOG_ERROR_STATE("Broken [%s].", kInfoPath);
+        return false;
+    }
+    // An id is one folder name of the archive: one with a "/" or ".." would have a set generated elsewhere.
+    if (!IsPlainFolderName(certId) || !info.isObject() || !info[certId].isObject()) {
+        LOG_ERROR("Invalid cert id: [%s]", certId.c_str());
+        return false;
+    }
+
+    const std::string folder = GetCrtFolderPath(certId);
+    bool isUnknown = false;
+    if (IsCrtComplete(certId, folder, isUnknown)) {
+        return true;
+    }
+    if (isUnknown || !RecoverCrt(certId, folder)) {
+        LOG_ERROR("Failed to recover certificate for [%s]", certId.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool IsCrtComplete(const std::string &certId, const std::string &folder, bool &isUnknown)
+{
+    isUnknown = false;
+    if (!CheckRealDirectory(folder)) {
+        LOG_ERROR("Folder not exits [%s]", folder.c_str());
+        isUnknown = YLIBCFileCheckDir(folder.c_str()) < 0;
+        return false;
+    }
+    for (const std::string &name : ListRequiredFiles(certId)) {
+        const int exists = YLIBCFileExist((folder + "/" + name).c_str());
+        if (exists != 1) {
+            LOG_ERROR("Lack of necessary files in cert dir [%s]", folder.c_str());
+            isUnknown = exists < 0;
+            return false;
+        }
+    }
+    return true;
+}
+
+bool RecoverCrt(const std::string &certId, const std::string &folder)
+{
+    LOG_ERROR("%s is incomplete, start recovering", certId.c_str());
+
+    const ScopedLock lock(kRecoverLock, kLockExclusive, kRecoverLockSeconds, UnlockLine::kStore);
+    if (!lock.IsHeld()) {
+        LOG_ERROR("Failed to lock file [%s]", kRecoverLock);
+        return false;
+    }
+
+    if (genDefaultCrtSet(folder) != 0) {
+        LOG_ERROR("Failed to generate default certificate to recover for [%s]", certId.c_str());
+        return false;
+    }
+
+    Json::Value crtInfo(Json::objectValue);
+    crtInfo["is_broken"] = true;
+    if (!toFile(folder + "/cert_info", crtInfo)) {
+        LOG_ERROR("Failed to write cert info [%d]", errno);
+        return false;
+    }
+
+    if (OPALSysNotifySendNotifiction("certificate_broken", nullptr) != 0) {
+        LOG_ERROR("Failed to send notification for certificate broken");
+    }
+    return true;
+}
+
+} // namespace opalcrt

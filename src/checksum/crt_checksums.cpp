@@ -1,0 +1,164 @@
+#include "checksum/crt_checksums.h"
+
+#include <fcntl.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <iomanip>
+#include <memory>
+#include <sstream>
+
+#include "checksum/openssl_error.h"
+#include "common/json_file.h"
+#include "common/json_member.h"
+#include "common/log.h"
+#include "platform/file_test.h"
+#include "store/paths.h"
+
+namespace opalcrt
+{
+
+namespace
+{
+
+constexpr const char *kLogSource = log_source::kUtils;
+
+struct Free {
+    void operator()(char *memory) const { free(memory); }
+    void operator()(X509 *crt) const { X509_free(crt); }
+    void operator()(unsigned char *memory) const { OPENSSL_free(memory); }
+    void operator()(EVP_MD_CTX *context) const { EVP_MD_CTX_free(context); }
+};
+
+// Opens a certificate's file; null, logged, also when a link or ".." on the way leads elsewhere.
+UniqueFile OpenCrtFile(const std::string &path)
+{
+    errno = 0;
+    const std::unique_ptr<char, Free> resolved(realpath(path.c_str(), nullptr));
+    if (resolved == nullptr) {
+        LOG_ERROR("Realpath %s failed. %s", path.c_str(), strerror(errno));
+        return nullptr;
+    }
+    if (strncmp(resolved.get(), path.c_str(), strlen(resolved.get())) != 0) {
+        LOG_ERROR("Invalid path for %s, %s.", resolved.get(), path.c_str());
+        return nullptr;
+    }
+    errno = 0;
+    UniqueFile file = OpenForReading(resolved.get());
+    if (file == nullptr) {
+        LOG_ERROR("Open %s failed. %s", resolved.get(), strerror(errno));
+    }
+    return file;
+}
+
+std::string ToHex(const unsigned char *bytes, size_t count)
+{
+    std::ostringstream text;
+    text << std::hex << std::setfill('0');
+    for (size_t index = 0; index < count; ++index) {
+        text << std::setw(2) << static_cast<unsigned>(bytes[index]);
+    }
+    return text.str();
+}
+
+bool HashDer(const unsigned char *der, size_t length, std::string &checksum)
+{
+    const std::unique_ptr<EVP_MD_CTX, Free> context(EVP_MD_CTX_new());
+    if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
+        LogOpenSSLError("SHA256 init failed.");
+        return false;
+    }
+    if (EVP_DigestUpdate(context.get(), der, length) != 1) {
+        LogOpenSSLError("SHA256 update failed.");
+        return false;
+    }
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned digestLength = 0;
+    if (EVP_DigestFinal_ex(context.get(), digest, &digestLength) != 1) {
+        LogOpenSSLError("SHA256 final failed.");
+        return false;
+    }
+    checksum = ToHex(digest, digestLength);
+    return true;
+}
+
+bool GetCrtChecksum(const std::string &certId, std::string &checksum)
+{
+    UniqueFile file = OpenCrtFile(GetCrtFolderPath(certId) + "/cert.pem");
+    if (file == nullptr) {
+        return false;
+    }
+    const std::unique_ptr<X509, Free> crt(PEM_read_X509(file.get(), nullptr, nullptr, nullptr));
+    file.reset();
+    if (crt == nullptr) {
+        LogOpenSSLError("Read X509 failed.");
+        return false;
+    }
+
+    unsigned char *encoded = nullptr;
+    const int length = i2d_X509(crt.get(), &encoded);
+    const std::unique_ptr<unsigned char, Free> der(encoded);
+    if (length < 0) {
+        LogOpenSSLError("PEM to DER failed.");
+        return false;
+    }
+    return HashDer(der.get(), static_cast<size_t>(length), checksum);
+}
+
+bool AppendServices(const std::string &certId, const Json::Value &services, Json::Value &report)
+{
+    for (const Json::Value &serviceObj : services) {
+        if (!serviceObj.isObject()) {
+            LOG_ERROR("Incorrect format for %s", kInfoPath);
+            return false;
+        }
+        std::string checksum;
+        if (!GetCrtChecksum(certId, checksum)) {
+            return false;
+        }
+        Json::Value entry(Json::objectValue);
+        entry["service"] = GetMember(serviceObj, "service");
+        entry["subscriber"] = GetMember(serviceObj, "subscriber");
+        entry["checksum"] = checksum;
+        report.append(std::move(entry));
+    }
+    return true;
+}
+
+} // namespace
+
+bool ListCrtChecksums(Json::Value &report)
+{
+    // The caller's OPENSSL_CONF must not decide what is loaded here.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
+
+    errno = 0;
+    Json::Value info;
+    if (!fromFile(kInfoPath, info)) {
+        LOG_ERROR("Open %s failed. %s", kInfoPath, strerror(errno));
+        return false;
+    }
+    if (!info.isObject()) {
+        LOG_ERROR("Incorrect format for %s", kInfoPath);
+        return false;
+    }
+
+    for (const std::string &certId : info.getMemberNames()) {
+        const Json::Value &services = GetMember(info[certId], "services");
+        if (!services.isArray()) {
+            LOG_ERROR("Incorrect format for %s", kInfoPath);
+            return false;
+        }
+        if (!AppendServices(certId, services, report)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace opalcrt

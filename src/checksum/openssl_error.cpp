@@ -1,0 +1,33 @@
+#include "checksum/openssl_error.h"
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+
+#include <string>
+
+#include "common/log.h"
+
+namespace opalcrt
+{
+
+namespace
+{
+constexpr const char *kLogSource = log_source::kUtils;
+}
+
+void LogOpenSSLError(const char *step)
+{
+    BIO *bio = BIO_new(BIO_s_mem());
+    if (bio == nullptr) {
+        LOG_ERROR("Fatal Error. new bio failed.");
+        return;
+    }
+    ERR_print_errors(bio);
+    char *data = nullptr;
+    const long length = BIO_get_mem_data(bio, &data);
+    const std::string text(data != nullptr ? data : "", length > 0 ? static_cast<size_t>(length) : 0);
+    LOG_ERROR_JSON(text, "%s [%s]", step, text.c_str());
+    BIO_free(bio);
+}
+
+} // namespace opalcrt

@@ -1,0 +1,42 @@
+#include "common/json_member.h"
+
+#include <cstring>
+
+namespace opalcrt
+{
+
+const Json::Value &GetMember(const Json::Value &object, const char *key)
+{
+    const Json::Value *member = object.isObject() ? object.find(key, key + strlen(key)) : nullptr;
+    return member != nullptr ? *member : Json::Value::nullSingleton();
+}
+
+std::string GetString(const Json::Value &object, const char *key)
+{
+    const Json::Value &member = GetMember(object, key);
+    return member.isString() ? member.asString() : std::string();
+}
+
+bool GetBool(const Json::Value &object, const char *key)
+{
+    const Json::Value &member = GetMember(object, key);
+    return member.isBool() && member.asBool();
+}
+
+bool HasString(const Json::Value &object, const char *key)
+{
+    return GetMember(object, key).isString();
+}
+
+bool HasBool(const Json::Value &object, const char *key)
+{
+    return GetMember(object, key).isBool();
+}
+
+bool IsSameService(const Json::Value &one, const Json::Value &other)
+{
+    return GetString(one, "subscriber") == GetString(other, "subscriber") &&
+           GetString(one, "service") == GetString(other, "service");
+}
+
+} // namespace opalcrt

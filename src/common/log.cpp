@@ -1,0 +1,60 @@
+#include "common/log.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+
+namespace opalcrt
+{
+
+namespace
+{
+
+std::string Format(const char *format, va_list args)
+{
+    va_list measured;
+    va_copy(measured, args);
+    const int length = vsnprintf(nullptr, 0, format, measured);
+    va_end(measured);
+    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+    vsnprintf(text.data(), text.size() + 1, format, args);
+    return text;
+}
+
+// Shortens `longText` inside `line`, never in the middle of a UTF-8 character.
+void CutLongText(std::string &line, const std::string &longText)
+{
+    if (line.size() <= kLongestLogLine) {
+        return;
+    }
+    const size_t excess = line.size() - kLongestLogLine;
+    const size_t start = longText.size() > excess ? line.find(longText) : std::string::npos;
+    if (start == std::string::npos) {
+        line.resize(kLongestLogLine);
+        return;
+    }
+    const size_t end = start + longText.size();
+    size_t cut = end - excess;
+    while (cut > start && (static_cast<unsigned char>(line[cut]) & 0xC0) == 0x80) {
+        --cut;
+    }
+    line.erase(cut, end - cut);
+}
+
+} // namespace
+
+void LogLine(int priority, const char *source, int line, const std::string &longText, const char *format, ...)
+{
+    const int error = errno;
+    va_list args;
+    va_start(args, format);
+    std::string text = source + std::string(":") + std::to_string(line) + " ";
+    errno = error;
+    text += Format(format, args);
+    va_end(args);
+    CutLongText(text, longText);
+    syslog(LOG_USER | priority, "%s", text.c_str());
+    errno = error;
+}
+
+} // namespace opalcrt

@@ -1,0 +1,92 @@
+#include "frontend/services_list.h"
+
+#include "common/json_file.h"
+#include "common/json_member.h"
+#include "common/log.h"
+#include "common/scoped_lock.h"
+#include "store/paths.h"
+
+namespace opalcrt
+{
+
+namespace
+{
+
+constexpr const char *kLogSource = log_source::kFrontEnd;
+constexpr int kServicesLockSeconds = 60;
+
+// Reads the list, lets `change` make the new one of it, and writes that, all under the lock.
+template <typename Change> bool ChangeRegisterServices(Change change)
+{
+    const ScopedLock lock(kServicesLock, kLockExclusive, kServicesLockSeconds, UnlockLine::kFrontEnd);
+    if (!lock.IsHeld()) {
+        LOG_ERROR("Failed to lock [%s]", kServicesLock);
+        return false;
+    }
+
+    Json::Value list;
+    if (!fromFile(kServicesPath, list)) {
+        LOG_ERROR("Failed to read register services, it may missed or broken");
+        return false;
+    }
+    if (!list.isArray()) {
+        const std::string text = ToLogText(list);
+        LOG_ERROR_JSON(text, "Incorrect format of register services [%s]", text.c_str());
+        return false;
+    }
+
+    change(list);
+    if (!toFile(kServicesPath, list, true)) {
+        LOG_ERROR("Failed to write register services (%m)");
+        return false;
+    }
+    return true;
+}
+
+void PutService(Json::Value &list, const Json::Value &serviceObj)
+{
+    for (Json::Value &listed : list) {
+        if (IsSameService(listed, serviceObj)) {
+            listed = serviceObj;
+            return;
+        }
+    }
+    list.append(serviceObj);
+}
+
+} // namespace
+
+bool AppendRegisterServices(const Json::Value &services)
+{
+    return ChangeRegisterServices([&services](Json::Value &list) {
+        for (const Json::Value &serviceObj : services) {
+            PutService(list, serviceObj);
+        }
+    });
+}
+
+bool RemoveRegisterServices(const std::string &subscriber, const std::string &filter)
+{
+    return ChangeRegisterServices([&subscriber, &filter](Json::Value &list) {
+        Json::Value kept(Json::arrayValue);
+        for (Json::Value &listed : list) {
+            if (!MatchService(listed, subscriber, filter)) {
+                kept.append(std::move(listed));
+            }
+        }
+        list.swap(kept);
+    });
+}
+
+bool MatchService(const Json::Value &serviceObj, const std::string &subscriber, const std::string &filter)
+{
+    if (!HasString(serviceObj, "subscriber") || !HasString(serviceObj, "service")) {
+        return false;
+    }
+    if (GetString(serviceObj, "subscriber") != subscriber) {
+        return false;
+    }
+    return filter.empty() || GetString(serviceObj, "service") == filter;
+}
+
+} // namespace opalcrt

@@ -1,0 +1,33 @@
+// The default certificate set: a private CA and a server certificate signed by it, valid for 366 days, with
+// RSA keys of 2048 bits, made into a folder:
+//   opal-ca-privkey.pem  opal-ca-cert.pem  privkey.pem  cert.pem  fullchain.pem (a copy of cert.pem)
+// Work files lie under /usr/opal/etc/ssl and have fixed names: the caller holds the recovery lock.
+#pragma once
+
+#include <string>
+
+#include "mkcert/config_files.h"
+
+namespace opalcrt
+{
+
+// Generates the set into the folder, which is made when it is missing; what stood there under these names is
+// replaced, other files are left alone. 0 on success; -1, logged, otherwise.
+//
+// The files are made in place, and whether a folder is whole is told only by which files are there. So the old
+// fullchain.pem goes, and that is synced, before anything that services receive is replaced, and it is made again
+// last, after all else is synced: a generation that was cut off leaves a folder that lacks a file, and the
+// next check generates again. What a failure leaves is such a folder too, except when the CA's key or request
+// failed: then all that services receive is as it was.
+int genDefaultCrtSet(const std::string &folder);
+
+// Generates the CA. 0, or the failed step's answer: -1, or 1 when certificate and key do not match.
+int genCASet(const CsrSubject &subject, unsigned bits, const std::string &folder);
+
+// Makes the CA's self-signed certificate from its request. 0 or -1.
+int genCACrt(const std::string &caCrtPath, const std::string &caKeyPath);
+
+// Generates key, certificate and chain of the server, signed by the CA that is in the folder. 0 or -1.
+int genCrtSet(const CsrSubject &subject, unsigned bits, const std::string &aliasText, const std::string &folder);
+
+} // namespace opalcrt

@@ -1,0 +1,114 @@
+#include "platform/atomic_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+
+#include "platform/error_state.h"
+#include "platform/unique_fd.h"
+
+namespace opalcrt
+{
+
+namespace
+{
+
+// Gives the open file the mode and owner of the model, or 0644 when there is none.
+bool TakeModeAndOwner(int fd, const std::string &modelPath)
+{
+    struct stat model = {};
+    if (stat(modelPath.c_str(), &model) != 0) {
+        return errno == ENOENT && fchmod(fd, 0644) == 0;
+    }
+    // The owner first: fchown clears set-id bits, and fchmod then sets exactly what the model has.
+    return fchown(fd, model.st_uid, model.st_gid) == 0 && fchmod(fd, model.st_mode & 07777) == 0;
+}
+
+bool WriteNewFile(const std::string &path, const std::string &text, const std::string &modelPath)
+{
+    // O_EXCL on a name that was just removed: nothing that stands there is ever written through.
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        return false;
+    }
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    return fd.IsOpen() && TakeModeAndOwner(fd.Get(), modelPath) && WriteAll(fd.Get(), text) && fsync(fd.Get()) == 0 &&
+           fd.Close() == 0;
+}
+
+} // namespace
+
+bool WriteAll(int fd, const std::string &text)
+{
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t put = write(fd, text.data() + done, text.size() - done);
+        if (put < 0 && errno != EINTR) {
+            return false;
+        }
+        done += put > 0 ? static_cast<size_t>(put) : 0;
+    }
+    return true;
+}
+
+bool ReplaceFile(const std::string &path, const std::string &text, const std::string &modelPath)
+{
+    const std::string fresh = path + ".new";
+    if (!WriteNewFile(fresh, text, modelPath) || rename(fresh.c_str(), path.c_str()) != 0) {
+        const int error = errno;
+        SET_PLATFORM_ERRNO(error);
+        unlink(fresh.c_str());
+        errno = error;
+        return false;
+    }
+    return SyncParent(path);
+}
+
+bool SyncPath(const std::string &path)
+{
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.IsOpen() || fsync(fd.Get()) != 0) {
+        SET_PLATFORM_ERRNO(errno);
+        return false;
+    }
+    return true;
+}
+
+bool SyncParent(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return SyncPath(".");
+    }
+    return SyncPath(slash == 0 ? "/" : path.substr(0, slash));
+}
+
+bool SyncTree(const std::string &path)
+{
+    namespace fs = std::filesystem;
+    std::error_code error;
+    if (fs::is_symlink(fs::symlink_status(path, error))) {
+        return true;
+    }
+    fs::recursive_directory_iterator entry(path, error);
+    for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
+        const fs::file_status status = entry->symlink_status(error);
+        if (error) {
+            break;
+        }
+        if ((fs::is_regular_file(status) || fs::is_directory(status)) && !SyncPath(entry->path().native())) {
+            return false;
+        }
+    }
+    if (error) {
+        errno = error.value();
+        SET_PLATFORM_ERRNO(errno);
+        return false;
+    }
+    return SyncPath(path);
+}
+
+} // namespace opalcrt

@@ -1,0 +1,104 @@
+#include "platform/file_lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+#include "platform/error_state.h"
+#include "platform/unique_fd.h"
+
+namespace opalcrt
+{
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+UniqueFd OpenLockFile(const char *path)
+{
+    // An existing file is opened without O_CREAT: with fs.protected_regular the kernel refuses root another
+    // user's file in /tmp otherwise (proc_sys_fs(5)).
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    UniqueFd fd(open(path, kFlags));
+    if (!fd.IsOpen() && errno == ENOENT) {
+        fd = UniqueFd(open(path, kFlags | O_CREAT | O_EXCL, 0600));
+        if (!fd.IsOpen() && errno == EEXIST) {
+            fd = UniqueFd(open(path, kFlags)); // Somebody else was faster.
+        }
+    }
+    struct stat info = {};
+    if (fd.IsOpen() && fstat(fd.Get(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        fd = UniqueFd();
+        errno = EINVAL;
+    }
+    return fd;
+}
+
+// Whether the name still leads to the file that is locked.
+bool IsStillNamed(int fd, const char *path)
+{
+    struct stat held = {};
+    struct stat named = {};
+    return fstat(fd, &held) == 0 && lstat(path, &named) == 0 && held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
+// Waits between two tries: short at first, since most locks are held for milliseconds.
+void Pause(std::chrono::milliseconds &pause, Clock::time_point end)
+{
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+    std::this_thread::sleep_for(std::min(pause, left + std::chrono::milliseconds(1)));
+    pause = std::min(pause * 2, std::chrono::milliseconds(50));
+}
+
+} // namespace
+
+int YLIBCFileLockTimeByFile(const char *path, int mode, int seconds, int *fd)
+{
+    const Clock::time_point end = Clock::now() + std::chrono::seconds(seconds);
+    std::chrono::milliseconds pause(1);
+    UniqueFd file = OpenLockFile(path);
+    while (file.IsOpen()) {
+        if (flock(file.Get(), (mode == kLockExclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0) {
+            if (IsStillNamed(file.Get(), path)) {
+                *fd = file.Release();
+                return 1;
+            }
+            file = UniqueFd(); // Closed before the name is opened anew.
+            file = OpenLockFile(path);
+            continue;
+        }
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            break;
+        }
+        if (Clock::now() >= end) {
+            SET_PLATFORM_ERROR(kErrLockTimeout);
+            errno = ETIMEDOUT;
+            return 0;
+        }
+        Pause(pause, end);
+    }
+    SET_PLATFORM_ERRNO(errno);
+    return 0;
+}
+
+int YLIBCFileUnlockByFile(int fd)
+{
+    const bool released = flock(fd, LOCK_UN) == 0;
+    const int error = errno;
+    const bool closed = close(fd) == 0;
+    if (!released) {
+        errno = error;
+    }
+    if (!released || !closed) {
+        SET_PLATFORM_ERRNO(errno);
+    }
+    return released && closed ? 1 : 0;
+}
+
+} // namespace opalcrt

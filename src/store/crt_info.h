@@ -1,0 +1,44 @@
+// INFO, the book that says which services use which certificate: a JSON object with one member per
+// certificate id, each an object whose `services` is an array of service objects.
+//
+// A service object names one service:
+//   display_name        string    required   shown to users
+//   display_name_i18n   string    optional
+//   subscriber          string    required   the package or component that owns the service
+//   service             string    required   its name within the subscriber
+//   isPkg               boolean   required   true: a package's service
+//   owner               string    required   user that owns the files of the service folder
+//   user_setable, multiple_cert   boolean, optional, not checked here
+// No required or present string may be empty. A service is identified by subscriber and service, byte for byte.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+namespace opalcrt
+{
+
+constexpr int kInfoLockSeconds = 30;
+
+// Whether the service object is as above. Only a missing member is logged.
+bool IsServiceObjValid(const Json::Value &serviceObj);
+
+// Looks up which certificate INFO gives the service. True when that could be done: `certId` is then the first
+// id, in byte order, that lists the service, or is left as it was when none does. False, logged, when the
+// object is invalid, the info lock cannot be had (shared, 30 s) or INFO is missing or broken.
+// Takes and releases the info lock itself: the caller must not hold it.
+bool GetServiceCrtId(const Json::Value &serviceObj, std::string &certId);
+
+// Removes the service and every malformed element from the array `services`, and appends the service object at
+// its end unless `removeOnly` is set.
+void UpdateServiceList(Json::Value &services, const Json::Value &serviceObj, bool removeOnly);
+
+// Replaces INFO by `info` in one step, through INFO.temp: readers see the old file or the new one.
+// The caller holds the info lock exclusively from its read of INFO until this returns.
+// False, logged, with INFO untouched when INFO.temp cannot be written or renamed (a written INFO.temp then
+// stays); when only the sync of the folder fails after the rename, the new INFO stands although false is
+// answered.
+bool WriteCrtInfo(const Json::Value &info);
+
+} // namespace opalcrt
