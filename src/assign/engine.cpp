@@ -25,9 +25,9 @@ constexpr const char *kLogSource = log_source::kUtils;
 
 struct CRTActionInfo {
     int32_t action;
-    int32_t skipAdd;    // 1: the new certificate's list in INFO is left alone
-    int32_t skipRemove; // 1: the old certificate's list in INFO is left alone
-    bool reload;        // run the subscriber's hook
+    int32_t skipAdd;     // 1: the new certificate's list in INFO is left alone
+    int32_t skipRemove;  // 1: the old certificate's list in INFO is left alone
+    bool reload;         // run the subscriber's hook
 };
 
 constexpr CRTActionInfo rgCRTActionInfo[] = {
@@ -45,7 +45,8 @@ const CRTActionInfo *FindAction(int action)
 }
 
 // Changes one certificate's list of services inside `info`.
-bool ChangeServiceList(Json::Value &info, const std::string &certId, const Json::Value &serviceObj, bool removeOnly)
+bool ChangeServiceList(Json::Value &info, const std::string &certId, const Json::Value &serviceObj,
+                       bool removeOnly)
 {
     if (!GetMember(info[certId], "services").isArray()) {
         LOG_ERROR_STATE("Broken [%s][%s].", kInfoPath, certId.c_str());
@@ -87,7 +88,8 @@ bool UpdateCrtInfo(const Json::Value &serviceObj, const std::string &oldId, cons
     return true;
 }
 
-bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::string oldId, const CRTActionInfo &row)
+bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::string oldId,
+                      const CRTActionInfo &row)
 {
     if (!IsServiceObjValid(serviceObj)) {
         LOG_ERROR("service object is error.");
@@ -124,7 +126,7 @@ bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::str
     return true;
 }
 
-} // namespace
+}  // namespace
 
 bool DeployDefCrt(const Json::Value &services, int action, const std::string &oldCertId)
 {
@@ -132,7 +134,8 @@ bool DeployDefCrt(const Json::Value &services, int action, const std::string &ol
     return !certId.empty() && SetCrtForServices(certId, services, oldCertId, action);
 }
 
-bool SetCrtForServices(const std::string &certId, const Json::Value &services, const std::string &oldCertId, int action)
+bool SetCrtForServices(const std::string &certId, const Json::Value &services, const std::string &oldCertId,
+                       int action)
 {
     if (!CheckAndRecoverCrt(certId) || !services.isArray()) {
         LOG_ERROR("Invalid params (cert_id/services)");
@@ -155,4 +158,4 @@ bool SetCrtForServices(const std::string &certId, const Json::Value &services, c
     return allDone;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

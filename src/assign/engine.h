@@ -15,9 +15,10 @@ constexpr int kActionDefault = 3;
 // SetCrtForServices with the system default certificate. False at once when there is none.
 bool DeployDefCrt(const Json::Value &services, int action, const std::string &oldCertId);
 
-// Gives the certificate `certId` to each service object of the array `services`: deploys it into the service's
-// folder, moves the service in INFO from `oldCertId` (empty: from nowhere) to it, and runs the subscriber's
-// hook, as the action's row has it. At the end the relay daemon is reloaded, whose failure does not count.
+// Gives the certificate `certId` to each service object of the array `services`: deploys it into the
+// service's folder, moves the service in INFO from `oldCertId` (empty: from nowhere) to it, and runs the
+// subscriber's hook, as the action's row has it. At the end the relay daemon is reloaded, whose failure does
+// not count.
 //
 //   action       INFO      hook
 //   0, 1, 4      changed   runs
@@ -25,10 +26,9 @@ bool DeployDefCrt(const Json::Value &services, int action, const std::string &ol
 //   3            changed   does not run; a service that INFO lists keeps the certificate listed there
 //
 // True when every service was handled. False, logged, when a parameter was refused (nothing was done then) or
-// a service failed; the others are still handled, and nothing is rolled back: a service whose INFO update failed
-// has its new files already.
-// Locks are taken and released one at a time; the caller may hold none.
+// a service failed; the others are still handled, and nothing is rolled back: a service whose INFO update
+// failed has its new files already. Locks are taken and released one at a time; the caller may hold none.
 bool SetCrtForServices(const std::string &certId, const Json::Value &services, const std::string &oldCertId,
                        int action);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -41,7 +41,7 @@ std::vector<std::string> ListRequiredFiles(const std::string &certId)
     return names;
 }
 
-} // namespace
+}  // namespace
 
 bool CheckAndRecoverCrt(const std::string &certId)
 {
@@ -115,4 +115,4 @@ bool RecoverCrt(const std::string &certId, const std::string &folder)
     return true;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

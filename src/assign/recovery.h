@@ -6,16 +6,16 @@
 namespace opalcrt
 {
 
-// Whether the certificate can be used: INFO has an entry for it and its folder is complete, already or after it
-// was mended. False, logged, otherwise. INFO is read without the info lock (it is replaced by renaming) and
-// never changed. Takes the recovery lock for a mend; the caller may hold no lock.
-// A folder or file that cannot be looked at (EIO, EACCES, ENOMEM) is not a missing one: nothing is generated
-// then, since that would replace a key which may be good.
+// Whether the certificate can be used: INFO has an entry for it and its folder is complete, already or after
+// it was mended. False, logged, otherwise. INFO is read without the info lock (it is replaced by renaming)
+// and never changed. Takes the recovery lock for a mend; the caller may hold no lock. A folder or file that
+// cannot be looked at (EIO, EACCES, ENOMEM) is not a missing one: nothing is generated then, since that would
+// replace a key which may be good.
 bool CheckAndRecoverCrt(const std::string &certId);
 
-// Whether the folder is a real one and holds cert.pem, privkey.pem and fullchain.pem, and for each key type of
-// the certificate the three prefixed files. Only existence is tested. `isUnknown` is set when the answer is
-// false only because something could not be looked at.
+// Whether the folder is a real one and holds cert.pem, privkey.pem and fullchain.pem, and for each key type
+// of the certificate the three prefixed files. Only existence is tested. `isUnknown` is set when the answer
+// is false only because something could not be looked at.
 bool IsCrtComplete(const std::string &certId, const std::string &folder, bool &isUnknown);
 
 // Generates a new self-signed set into the folder under the recovery lock (exclusive, 30 s), marks it in
@@ -24,4 +24,4 @@ bool IsCrtComplete(const std::string &certId, const std::string &folder, bool &i
 // Files of key types are not generated: a certificate that lacks one of those is mended at every check.
 bool RecoverCrt(const std::string &certId, const std::string &folder);
 
-} // namespace opalcrt
+}  // namespace opalcrt

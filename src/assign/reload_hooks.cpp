@@ -39,4 +39,4 @@ int ReloadService(const Json::Value &serviceObj)
     return 0;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

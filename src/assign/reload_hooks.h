@@ -8,9 +8,9 @@
 namespace opalcrt
 {
 
-// Runs the subscriber's hook for a valid service object. 0 when it ran, whatever its exit status, and when the
-// subscriber has none; negative, logged, when there is one that could not be started. The libexec hook is not
-// tried when a share hook exists. No lock may be held: the hook may call this tool.
+// Runs the subscriber's hook for a valid service object. 0 when it ran, whatever its exit status, and when
+// the subscriber has none; negative, logged, when there is one that could not be started. The libexec hook is
+// not tried when a share hook exists. No lock may be held: the hook may call this tool.
 int ReloadService(const Json::Value &serviceObj);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -130,7 +130,7 @@ bool AppendServices(const std::string &certId, const Json::Value &services, Json
     return true;
 }
 
-} // namespace
+}  // namespace
 
 bool ListCrtChecksums(Json::Value &report)
 {
@@ -161,4 +161,4 @@ bool ListCrtChecksums(Json::Value &report)
     return true;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -30,4 +30,4 @@ void LogOpenSSLError(const char *step)
     BIO_free(bio);
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

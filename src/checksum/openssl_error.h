@@ -7,4 +7,4 @@ namespace opalcrt
 // Logs "STEP [TEXT]" with OpenSSL's pending errors (ERR_print_errors(3)), which are gone afterwards.
 void LogOpenSSLError(const char *step);
 
-} // namespace opalcrt
+}  // namespace opalcrt

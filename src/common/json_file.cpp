@@ -41,12 +41,13 @@ bool Parse(const std::string &text, Json::Value &value)
 {
     Json::CharReaderBuilder builder;
     Json::CharReaderBuilder::strictMode(&builder.settings_);
-    builder["strictRoot"] = false; // Callers say themselves what a root that is no object means.
+    builder["strictRoot"] = false;  // Callers say themselves what a root that is no object means.
     builder["stackLimit"] = 500;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     try {
         std::string errors;
-        return !HasCommentOrNul(text) && reader->parse(text.data(), text.data() + text.size(), &value, &errors);
+        return !HasCommentOrNul(text) &&
+               reader->parse(text.data(), text.data() + text.size(), &value, &errors);
     } catch (const Json::Exception &) {
         return false;
     }
@@ -60,7 +61,7 @@ std::string Render(const Json::Value &value, const char *indentation)
     return Json::writeString(builder, value);
 }
 
-} // namespace
+}  // namespace
 
 bool fromFile(const std::string &path, Json::Value &value)
 {
@@ -71,7 +72,7 @@ bool fromFile(const std::string &path, Json::Value &value)
         return false;
     }
     if (!Parse(text, value)) {
-        value = Json::Value(); // A failed parse leaves what was read so far.
+        value = Json::Value();  // A failed parse leaves what was read so far.
         SET_PLATFORM_ERROR(kErrBadFormat);
         errno = EBADMSG;
         return false;
@@ -95,4 +96,4 @@ std::string ToLogText(const Json::Value &value)
     return Render(value, "");
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -39,4 +39,4 @@ bool IsSameService(const Json::Value &one, const Json::Value &other)
            GetString(one, "service") == GetString(other, "service");
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

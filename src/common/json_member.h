@@ -1,5 +1,5 @@
-// Members of JSON values from outside, whatever their shape: jsoncpp throws when a member is asked of a number
-// or an array, and converts between types without a word; here the wrong type is a missing member.
+// Members of JSON values from outside, whatever their shape: jsoncpp throws when a member is asked of a
+// number or an array, and converts between types without a word; here the wrong type is a missing member.
 #pragma once
 
 #include <json/value.h>
@@ -22,4 +22,4 @@ bool HasBool(const Json::Value &object, const char *key);
 // Whether two service objects name the same service: `subscriber` and `service` are equal, byte for byte.
 bool IsSameService(const Json::Value &one, const Json::Value &other);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -41,7 +41,7 @@ void CutLongText(std::string &line, const std::string &longText)
     line.erase(cut, end - cut);
 }
 
-} // namespace
+}  // namespace
 
 void LogLine(int priority, const char *source, int line, const std::string &longText, const char *format, ...)
 {
@@ -57,4 +57,4 @@ void LogLine(int priority, const char *source, int line, const std::string &long
     errno = error;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

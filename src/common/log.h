@@ -21,7 +21,7 @@ inline constexpr char kFrontEnd[] = "opalcrtregister.cpp";
 inline constexpr char kUtils[] = "utils.cpp";
 inline constexpr char kDirUtils[] = "dir_utils.cpp";
 inline constexpr char kMkcert[] = "mkcert.cpp";
-} // namespace log_source
+}  // namespace log_source
 
 // The longest line that is sent: a datagram over 8 KiB is lost whole by common loggers, and syslog(3) puts
 // time, name and process id in front.
@@ -32,20 +32,20 @@ constexpr size_t kLongestLogLine = 8192 - 128;
 void LogLine(int priority, const char *source, int line, const std::string &longText, const char *format, ...)
     __attribute__((format(printf, 5, 6)));
 
-} // namespace opalcrt
+}  // namespace opalcrt
 
-#define LOG_ERROR(format, ...)                                                                               \
+#define LOG_ERROR(format, ...) \
     ::opalcrt::LogLine(LOG_ERR, kLogSource, __LINE__, std::string(), format __VA_OPT__(, ) __VA_ARGS__)
 
 // The line ends with the platform error state as it stands.
-#define LOG_ERROR_STATE(format, ...)                                                                         \
-    LOG_ERROR(format "[0x%04X %s:%d]" __VA_OPT__(, ) __VA_ARGS__,                                            \
-              static_cast<unsigned>(::opalcrt::YLIBCErrGet()), ::opalcrt::YLIBCErrorGetFile(),               \
+#define LOG_ERROR_STATE(format, ...)                                                           \
+    LOG_ERROR(format "[0x%04X %s:%d]" __VA_OPT__(, ) __VA_ARGS__,                              \
+              static_cast<unsigned>(::opalcrt::YLIBCErrGet()), ::opalcrt::YLIBCErrorGetFile(), \
               ::opalcrt::YLIBCErrorGetLine())
 
 // `json`, a std::string that is among the arguments, may be of any length.
-#define LOG_ERROR_JSON(json, format, ...)                                                                    \
+#define LOG_ERROR_JSON(json, format, ...) \
     ::opalcrt::LogLine(LOG_ERR, kLogSource, __LINE__, json, format __VA_OPT__(, ) __VA_ARGS__)
 
-#define LOG_DEBUG_LINE(format, ...)                                                                          \
+#define LOG_DEBUG_LINE(format, ...) \
     ::opalcrt::LogLine(LOG_DEBUG, kLogSource, __LINE__, std::string(), format __VA_OPT__(, ) __VA_ARGS__)

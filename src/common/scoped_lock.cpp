@@ -23,4 +23,4 @@ ScopedLock::~ScopedLock()
     LOG_ERROR("Failed to unlock %s%s%s", isFrontEnd ? "[" : "", path_.c_str(), isFrontEnd ? "]" : "");
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -10,16 +10,16 @@ namespace opalcrt
 
 // How the line looks that is logged when letting go fails.
 enum class UnlockLine {
-    kFrontEnd, // opalcrtregister.cpp, "Failed to unlock [PATH]"
-    kStore,    // utils.cpp, "Failed to unlock PATH"
+    kFrontEnd,  // opalcrtregister.cpp, "Failed to unlock [PATH]"
+    kStore,     // utils.cpp, "Failed to unlock PATH"
 };
 
 class ScopedLock
 {
 public:
-    // Tries to take the lock file's lock (platform/file_lock.h) for at most `seconds`; IsHeld says whether that
-    // worked, and a failure is the caller's to log. A process must not take a lock that it holds: it would
-    // wait for itself. Hand the held lock on.
+    // Tries to take the lock file's lock (platform/file_lock.h) for at most `seconds`; IsHeld says whether
+    // that worked, and a failure is the caller's to log. A process must not take a lock that it holds: it
+    // would wait for itself. Hand the held lock on.
     ScopedLock(const char *path, int mode, int seconds, UnlockLine line);
     // Lets go; a failure is logged and changes nothing else.
     ~ScopedLock();
@@ -34,4 +34,4 @@ private:
     int fd_ = -1;
 };
 
-} // namespace opalcrt
+}  // namespace opalcrt

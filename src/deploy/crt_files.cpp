@@ -39,10 +39,10 @@ bool SetModeAndOwner(const std::string &path, uid_t uid, gid_t gid)
            fsync(fd.Get()) == 0;
 }
 
-} // namespace
+}  // namespace
 
-bool CopyCrtFile(const std::string &sourceFolder, const std::string &destinationFolder, const std::string &name,
-                 uid_t uid, gid_t gid)
+bool CopyCrtFile(const std::string &sourceFolder, const std::string &destinationFolder,
+                 const std::string &name, uid_t uid, gid_t gid)
 {
     const std::string source = sourceFolder + "/" + name;
     const std::string destination = destinationFolder + "/" + name;
@@ -68,4 +68,4 @@ bool CheckRealDirectory(const std::string &path)
     return YLIBCFileCheckDir(path.c_str()) == 1;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

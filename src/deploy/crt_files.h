@@ -9,14 +9,14 @@ namespace opalcrt
 {
 
 // Copies sourceFolder/name to destinationFolder/name with /bin/cp; the copy has mode 0400, this owner, and is
-// on the disk when this returns. A private key is never readable by others on the way, whatever mode the source
-// has: the copy is made into a file of ours that has mode 0400 already.
-// False, logged, otherwise; nothing is left at the destination when the copy itself failed.
-bool CopyCrtFile(const std::string &sourceFolder, const std::string &destinationFolder, const std::string &name,
-                 uid_t uid, gid_t gid);
+// on the disk when this returns. A private key is never readable by others on the way, whatever mode the
+// source has: the copy is made into a file of ours that has mode 0400 already. False, logged, otherwise;
+// nothing is left at the destination when the copy itself failed.
+bool CopyCrtFile(const std::string &sourceFolder, const std::string &destinationFolder,
+                 const std::string &name, uid_t uid, gid_t gid);
 
 // Whether the path resolves to itself (IsCanonicalPath) and is a folder. Logged only when it does not resolve
 // to itself.
 bool CheckRealDirectory(const std::string &path);
 
-} // namespace opalcrt
+}  // namespace opalcrt

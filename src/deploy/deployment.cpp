@@ -42,7 +42,8 @@ struct Owner {
     gid_t gid = static_cast<gid_t>(-1);
 };
 
-// Copies one file of the plan; an optional one that is not there is no failure, one that cannot be looked at is.
+// Copies one file of the plan; an optional one that is not there is no failure, one that cannot be looked at
+// is.
 bool CopyPlannedFile(const DeployPlan::File &file, const std::string &crtFolder, const std::string &staging,
                      const Owner &owner)
 {
@@ -148,7 +149,7 @@ bool DeployCrt(const std::string &certId, const Json::Value &serviceObj, const D
     return true;
 }
 
-} // namespace
+}  // namespace
 
 bool DeployServiceCrt(const std::string &certId, const Json::Value &serviceObj)
 {
@@ -186,4 +187,4 @@ bool DeployMultipleCrt(const std::string &certId, const Json::Value &serviceObj)
     return DeployCrt(certId, serviceObj, plan);
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -1,18 +1,20 @@
 // Puts a certificate of the archive into a service's folder.
 //
-// A service folder holds the certificate's files, mode 0400 and the service's owner, and `info`, a JSON object
-// that tells the service where they lie:
+// A service folder holds the certificate's files, mode 0400 and the service's owner, and `info`, a JSON
+// object that tells the service where they lie:
 //   subscriber, service   strings
-//   certs                 array of objects with `cert`, `key` and `chain`, absolute paths in the service folder;
+//   certs                 array of objects with `cert`, `key` and `chain`, absolute paths in the service
+//   folder;
 //                         `chain` is the full chain file
 // Single mode: cert.pem, privkey.pem, fullchain.pem, and chain.pem and opal-ca-cert.pem where the archive has
-// them; one element in `certs`. Multiple mode: for each key type in the certificate's order its three prefixed
-// files and one element. Nothing else is in the folder.
+// them; one element in `certs`. Multiple mode: for each key type in the certificate's order its three
+// prefixed files and one element. Nothing else is in the folder.
 //
 // The new folder is assembled beside the old one, path + ".temp", synced, and moved into place whole
-// (MoveDirectory, which says what a kill leaves). Both run under the service lock (exclusive, 60 s), which they
-// take themselves. All files are of one generation: a source that changes while it is copied is a failed copy.
-// False, logged, with the service folder as it was, but for what MoveDirectory says; the staging folder is removed.
+// (MoveDirectory, which says what a kill leaves). Both run under the service lock (exclusive, 60 s), which
+// they take themselves. All files are of one generation: a source that changes while it is copied is a failed
+// copy. False, logged, with the service folder as it was, but for what MoveDirectory says; the staging folder
+// is removed.
 #pragma once
 
 #include <json/value.h>
@@ -23,8 +25,8 @@ namespace opalcrt
 {
 
 // Multiple mode when the service object's `multiple_cert` is true and the certificate lists key types, else
-// single mode. `certId` names a folder of the archive; the service object is valid (IsServiceObjValid) and its
-// names are usable (store/names.h).
+// single mode. `certId` names a folder of the archive; the service object is valid (IsServiceObjValid) and
+// its names are usable (store/names.h).
 bool DeployServiceCrt(const std::string &certId, const Json::Value &serviceObj);
 
 bool DeploySingleCrt(const std::string &certId, const Json::Value &serviceObj);
@@ -32,4 +34,4 @@ bool DeploySingleCrt(const std::string &certId, const Json::Value &serviceObj);
 // Fails when the certificate lists no key type.
 bool DeployMultipleCrt(const std::string &certId, const Json::Value &serviceObj);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -64,7 +64,7 @@ void RollBack(const std::string &backup, const std::string &destination)
     }
 }
 
-} // namespace
+}  // namespace
 
 bool MoveDirectory(const std::string &source, const std::string &destination)
 {
@@ -93,7 +93,7 @@ bool MoveDirectory(const std::string &source, const std::string &destination)
     }
     if (!SyncParent(destination)) {
         LOG_ERROR("Failed to move %s to %s [%d]", source.c_str(), destination.c_str(), errno);
-        return false; // The new folder stands, whole; only the backup is sure to survive a power cut.
+        return false;  // The new folder stands, whole; only the backup is sure to survive a power cut.
     }
 
     RemovePath(backup);
@@ -131,4 +131,4 @@ bool IsCanonicalPath(const std::string &path)
     return path == resolved;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -10,14 +10,15 @@ namespace opalcrt
 {
 
 // Replaces the folder `destination` by the folder `source`, with a copy of the old one in the backup folder,
-// destination + ".bak", until the new one stands. The content of `source` must be on the disk already. True when
-// the destination now holds what the source held; also when both are the same path (nothing is done then).
-// Two moves to one destination must be kept apart by the service lock.
+// destination + ".bak", until the new one stands. The content of `source` must be on the disk already. True
+// when the destination now holds what the source held; also when both are the same path (nothing is done
+// then). Two moves to one destination must be kept apart by the service lock.
 //
 // What a failed or killed move leaves, and what the next one does with it:
 //   the destination and a backup, whole or partial   the backup is removed
 //   the backup alone                                 it is renamed back first: it is the only whole copy
-//   a partly removed destination and the backup      a failed move rolls back; after a kill the backup is removed
+//   a partly removed destination and the backup      a failed move rolls back; after a kill the backup is
+//   removed
 // After a failure the destination is as it was, except that
 //   - when the roll-back's removal fails, it may be partly removed and the backup stays;
 //   - when the sync after the rename fails, the new folder stands and the backup stays.
@@ -27,12 +28,12 @@ bool MoveDirectory(const std::string &source, const std::string &destination);
 // Removes the path and all below it. True when it no longer exists, also when it never did.
 bool RemovePath(const std::string &path);
 
-// Makes `path` a new, empty folder with exactly `mode`, owned by root, and the folders missing above it alike.
-// A folder that stands there is removed with all below it; anything else there is a failure.
+// Makes `path` a new, empty folder with exactly `mode`, owned by root, and the folders missing above it
+// alike. A folder that stands there is removed with all below it; anything else there is a failure.
 bool RecreateDirectory(const std::string &path, mode_t mode);
 
 // Whether the path, which must exist, resolves to itself: no link, "." or ".." component, no doubled or
 // trailing slash.
 bool IsCanonicalPath(const std::string &path);
 
-} // namespace opalcrt
+}  // namespace opalcrt

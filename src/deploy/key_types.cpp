@@ -71,4 +71,4 @@ std::string TrimSpace(const std::string &text)
     return text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1);
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -32,4 +32,4 @@ std::vector<std::string> SplitTrimmed(const std::string &text, const std::string
 // Without the white space (isspace(3) in the C locale) at both ends.
 std::string TrimSpace(const std::string &text);
 
-} // namespace opalcrt
+}  // namespace opalcrt

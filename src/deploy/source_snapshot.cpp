@@ -22,7 +22,7 @@ bool IsSameFile(const FileIdentity &one, const FileIdentity &other)
            IsSameTime(one.status.st_ctim, other.status.st_ctim);
 }
 
-} // namespace
+}  // namespace
 
 SourceSnapshot TakeSnapshot(const std::string &folder, const std::vector<std::string> &names)
 {
@@ -42,4 +42,4 @@ bool IsUnchanged(const SourceSnapshot &before, const SourceSnapshot &after)
     return std::equal(before.begin(), before.end(), after.begin(), after.end(), IsSameFile);
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

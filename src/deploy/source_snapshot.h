@@ -11,7 +11,7 @@ namespace opalcrt
 
 // What the named files of a folder looked like: device, inode, size and times, or that they were missing.
 struct FileIdentity {
-    int error = 0; // errno of stat(2)
+    int error = 0;  // errno of stat(2)
     struct stat status = {};
 };
 using SourceSnapshot = std::vector<FileIdentity>;
@@ -22,4 +22,4 @@ SourceSnapshot TakeSnapshot(const std::string &folder, const std::vector<std::st
 // file's last reading does not count.
 bool IsUnchanged(const SourceSnapshot &before, const SourceSnapshot &after);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -39,4 +39,4 @@ bool CheckOwnerPermission(const std::string &owner)
     return true;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

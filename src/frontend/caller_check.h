@@ -11,4 +11,4 @@ namespace opalcrt
 // On false the platform error state is set: kErrBadParameter (empty name), kErrUserLookup, kErrPermission.
 bool CheckOwnerPermission(const std::string &owner);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -41,11 +41,12 @@ bool LoadServiceConfig(const std::string &subscriber, Json::Value &definition, s
         LOG_ERROR("Failed to get config from %s", path.c_str());
         return false;
     }
-    if (!HasString(definition, "owner") || !HasBool(definition, "isPkg") || GetBool(definition, "isPkg") != isPkg) {
+    if (!HasString(definition, "owner") || !HasBool(definition, "isPkg") ||
+        GetBool(definition, "isPkg") != isPkg) {
         LOG_ERROR("Bad config");
         return false;
     }
     return true;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

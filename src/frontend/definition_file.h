@@ -1,4 +1,5 @@
-// Service definition files: SUBSCRIBER.cfg in the system's or the packages' definition directory, a JSON object:
+// Service definition files: SUBSCRIBER.cfg in the system's or the packages' definition directory, a JSON
+// object:
 //   owner      string, required    user that owns the subscriber's services
 //   isPkg      boolean, required   must agree with the directory
 //   services   array, required     objects with `service` and `display_name` (strings, required),
@@ -13,10 +14,10 @@
 namespace opalcrt
 {
 
-// Finds, reads and checks the subscriber's definition; the content of `services` is checked later. A file in the
-// system's directory wins. `path` is the file that was chosen, empty when none was, also on failure: the caller
-// removes it. A subscriber that is no usable name (store/names.h) is refused before any path is formed.
-// False, logged, at the first thing that is wrong.
+// Finds, reads and checks the subscriber's definition; the content of `services` is checked later. A file in
+// the system's directory wins. `path` is the file that was chosen, empty when none was, also on failure: the
+// caller removes it. A subscriber that is no usable name (store/names.h) is refused before any path is
+// formed. False, logged, at the first thing that is wrong.
 bool LoadServiceConfig(const std::string &subscriber, Json::Value &definition, std::string &path);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -43,7 +43,7 @@ int PrintChecksums(int, char *[])
 
 struct Command {
     const char *name;
-    bool takesSubscriber; // and optionally a service; otherwise the arguments are not looked at
+    bool takesSubscriber;  // and optionally a service; otherwise the arguments are not looked at
     int (*run)(int argc, char *argv[]);
 };
 
@@ -72,9 +72,9 @@ int RunCommand(int argc, char *argv[])
     return 1;
 }
 
-} // namespace
+}  // namespace
 
-} // namespace opalcrt
+}  // namespace opalcrt
 
 int main(int argc, char *argv[])
 {

@@ -77,7 +77,7 @@ Json::Value MakeServiceObj(const Json::Value &definition, const Json::Value &ele
     return serviceObj;
 }
 
-} // namespace
+}  // namespace
 
 int Registerer(int argc, char *argv[])
 {
@@ -139,4 +139,4 @@ bool PrepareServices(const Json::Value &definition, Json::Value &services)
     return true;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -16,7 +16,8 @@ constexpr const char *kLogSource = log_source::kFrontEnd;
 constexpr int kServicesLockSeconds = 60;
 
 // Reads the list, lets `change` make the new one of it, and writes that, all under the lock.
-template <typename Change> bool ChangeRegisterServices(Change change)
+template <typename Change>
+bool ChangeRegisterServices(Change change)
 {
     const ScopedLock lock(kServicesLock, kLockExclusive, kServicesLockSeconds, UnlockLine::kFrontEnd);
     if (!lock.IsHeld()) {
@@ -54,7 +55,7 @@ void PutService(Json::Value &list, const Json::Value &serviceObj)
     list.append(serviceObj);
 }
 
-} // namespace
+}  // namespace
 
 bool AppendRegisterServices(const Json::Value &services)
 {
@@ -89,4 +90,4 @@ bool MatchService(const Json::Value &serviceObj, const std::string &subscriber, 
     return filter.empty() || GetString(serviceObj, "service") == filter;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -1,9 +1,9 @@
 // SERVICES, the list of registered services: a JSON array of service objects, each service once, in the order
 // of their first registration. It must exist; no command makes it.
 //
-// Both changes take the services lock (exclusive, 60 s) from the reading to the writing. False, logged, with the
-// list untouched, when the lock cannot be had, the list is missing or broken, or cannot be written (but see
-// ReplaceFile in platform/atomic_file.h for a failed sync of the folder).
+// Both changes take the services lock (exclusive, 60 s) from the reading to the writing. False, logged, with
+// the list untouched, when the lock cannot be had, the list is missing or broken, or cannot be written (but
+// see ReplaceFile in platform/atomic_file.h for a failed sync of the folder).
 #pragma once
 
 #include <json/value.h>
@@ -13,8 +13,8 @@
 namespace opalcrt
 {
 
-// Puts each of the service objects in the place of the listed one with the same subscriber and service, or at the
-// end.
+// Puts each of the service objects in the place of the listed one with the same subscriber and service, or at
+// the end.
 bool AppendRegisterServices(const Json::Value &services);
 
 // Removes what MatchService finds.
@@ -24,4 +24,4 @@ bool RemoveRegisterServices(const std::string &subscriber, const std::string &fi
 // anything malformed.
 bool MatchService(const Json::Value &serviceObj, const std::string &subscriber, const std::string &filter);
 
-} // namespace opalcrt
+}  // namespace opalcrt

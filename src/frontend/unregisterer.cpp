@@ -69,15 +69,16 @@ bool IsSameOwner(const Json::Value &serviceObj, const Json::Value &request)
     const bool objIsPkg = GetBool(serviceObj, "isPkg");
     const bool requestIsPkg = GetBool(request, "isPkg");
     if (objOwner != requestOwner || objIsPkg != requestIsPkg) {
-        LOG_ERROR("Bad info: [%s(%s)_%s(%s)]", objOwner.c_str(), PkgMark(objIsPkg, "pkg"), requestOwner.c_str(),
-                  PkgMark(requestIsPkg, "pkg"));
+        LOG_ERROR("Bad info: [%s(%s)_%s(%s)]", objOwner.c_str(), PkgMark(objIsPkg, "pkg"),
+                  requestOwner.c_str(), PkgMark(requestIsPkg, "pkg"));
         return false;
     }
     return true;
 }
 
 // Moves what stays of one entry's list into `kept`. False when a service to be removed is somebody else's.
-bool KeepOtherServices(const Json::Value &services, const Json::Value &request, Json::Value &kept, bool &isChanged)
+bool KeepOtherServices(const Json::Value &services, const Json::Value &request, Json::Value &kept,
+                       bool &isChanged)
 {
     for (const Json::Value &serviceObj : services) {
         if (!NamesService(request, serviceObj)) {
@@ -91,15 +92,17 @@ bool KeepOtherServices(const Json::Value &services, const Json::Value &request, 
     return true;
 }
 
-// The archive, whose folders lie below the same root, and whatever only leads to a folder must not be removed.
+// The archive, whose folders lie below the same root, and whatever only leads to a folder must not be
+// removed.
 bool IsRemovableFolder(bool isPkg, const std::string &subscriber, const std::string &service)
 {
     return IsUsableSubscriber(subscriber) && (service.empty() || IsUsableService(subscriber, service)) &&
-           IsServiceFolderInRoot(isPkg, subscriber, service) && IsCanonicalPath(GetCertificateRoot(isPkg) + subscriber) &&
+           IsServiceFolderInRoot(isPkg, subscriber, service) &&
+           IsCanonicalPath(GetCertificateRoot(isPkg) + subscriber) &&
            (service.empty() || IsCanonicalPath(GetServiceFolderPath(isPkg, subscriber, service)));
 }
 
-} // namespace
+}  // namespace
 
 int UnRegisterer(int argc, char *argv[])
 {
@@ -137,7 +140,8 @@ bool FindServiceOwner(const Json::Value &info, Json::Value &request)
             continue;
         }
         for (const Json::Value &serviceObj : services) {
-            if (NamesService(request, serviceObj) && HasString(serviceObj, "owner") && HasBool(serviceObj, "isPkg")) {
+            if (NamesService(request, serviceObj) && HasString(serviceObj, "owner") &&
+                HasBool(serviceObj, "isPkg")) {
                 request["owner"] = serviceObj["owner"];
                 request["isPkg"] = serviceObj["isPkg"];
                 return true;
@@ -211,4 +215,4 @@ bool RemoveServiceCertificate(const Json::Value &request)
     return true;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -20,7 +20,7 @@ namespace
 constexpr const char *kLogSource = log_source::kMkcert;
 
 struct SubjectField {
-    const char *key; // With its padding.
+    const char *key;  // With its padding.
     std::string CsrSubject::*value;
 };
 
@@ -34,26 +34,29 @@ constexpr SubjectField kSubjectFields[] = {
     {"emailAddress                    = ", &CsrSubject::emailAddress},
 };
 
-constexpr char kCsrHead[] = "[ req ]\n"
-                            "default_bits                    = 1024\n"
-                            "distinguished_name              = req_DN\n"
-                            "prompt                          = no\n"
-                            "[ req_DN ]\n";
+constexpr char kCsrHead[] =
+    "[ req ]\n"
+    "default_bits                    = 1024\n"
+    "distinguished_name              = req_DN\n"
+    "prompt                          = no\n"
+    "[ req_DN ]\n";
 
-constexpr char kCaExtensions[] = "extensions = x509v3\n"
-                                 "[ x509v3 ]\n"
-                                 "subjectAltName   = email:copy\n"
-                                 "basicConstraints = CA:true,pathlen:0\n"
-                                 "nsComment        = \"mod_ssl generated custom CA certificate\"\n"
-                                 "nsCertType       = sslCA\n";
+constexpr char kCaExtensions[] =
+    "extensions = x509v3\n"
+    "[ x509v3 ]\n"
+    "subjectAltName   = email:copy\n"
+    "basicConstraints = CA:true,pathlen:0\n"
+    "nsComment        = \"mod_ssl generated custom CA certificate\"\n"
+    "nsCertType       = sslCA\n";
 
-constexpr char kServerExtensions[] = "extensions = x509v3\n"
-                                     "[ x509v3 ]\n"
-                                     "subjectAltName   = email:copy\n"
-                                     "nsComment        = \"mod_ssl generated custom server certificate\"\n"
-                                     "nsCertType       = server\n"
-                                     "keyUsage         = critical, digitalSignature, keyEncipherment\n"
-                                     "extendedKeyUsage = serverAuth, clientAuth\n";
+constexpr char kServerExtensions[] =
+    "extensions = x509v3\n"
+    "[ x509v3 ]\n"
+    "subjectAltName   = email:copy\n"
+    "nsComment        = \"mod_ssl generated custom server certificate\"\n"
+    "nsCertType       = server\n"
+    "keyUsage         = critical, digitalSignature, keyEncipherment\n"
+    "extendedKeyUsage = serverAuth, clientAuth\n";
 
 // The line of alternative names; empty when there is no name.
 std::string MakeAliasLine(const SzList &aliases)
@@ -106,7 +109,7 @@ int WriteExtensions(const char *path, const std::string &text)
     return 0;
 }
 
-} // namespace
+}  // namespace
 
 int genDirectory(const std::string &filePath)
 {
@@ -114,7 +117,7 @@ int genDirectory(const std::string &filePath)
         LOG_ERROR("Failed to generate directory with invalid parameters");
         return -1;
     }
-    std::string copy = filePath; // dirname(3) changes what it is given.
+    std::string copy = filePath;  // dirname(3) changes what it is given.
     const std::string directory = dirname(copy.data());
     if (YLIBCExec("/bin/mkdir", "-p", directory.c_str(), nullptr, nullptr) != 0) {
         LOG_ERROR("Failed to mkdir -p [%s] (%d)", directory.c_str(), errno);
@@ -172,4 +175,4 @@ int genServerCnf(const char *path, const SzList *aliases)
     return WriteExtensions(path, kServerExtensions + MakeAliasLine(*aliases));
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -1,8 +1,8 @@
 // Configuration files for the openssl program: subjects (openssl-req(1)) and extensions (x509v3_config(5)).
 //
-// Every function answers 0 on success and -1, logged, on failure; before the file is opened a failure leaves an
-// earlier file alone. Errors while lines are written do not change the answer, but a file that could not be
-// written whole is removed: openssl then fails, instead of signing without the extensions.
+// Every function answers 0 on success and -1, logged, on failure; before the file is opened a failure leaves
+// an earlier file alone. Errors while lines are written do not change the answer, but a file that could not
+// be written whole is removed: openssl then fails, instead of signing without the extensions.
 #pragma once
 
 #include <string>
@@ -33,8 +33,8 @@ int modifyCsrCfg(const std::string &path, const CsrSubject &subject);
 // Writes the extensions of the self-signed CA certificate.
 int genCACnf(const char *path);
 
-// Writes the extensions of the server certificate. The items of `aliases` become its subjectAltName: IP addresses
-// and host names in order, without the empty ones; none at all leaves the default line.
+// Writes the extensions of the server certificate. The items of `aliases` become its subjectAltName: IP
+// addresses and host names in order, without the empty ones; none at all leaves the default line.
 int genServerCnf(const char *path, const SzList *aliases);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -45,7 +45,7 @@ int RunOpenSSL(std::vector<std::string> args)
     return YLIBCExecv(kOpenSSL, argv.data(), 1);
 }
 
-} // namespace
+}  // namespace
 
 int genKey(const std::string &keyPath, unsigned bits)
 {
@@ -64,7 +64,8 @@ int genKey(const std::string &keyPath, unsigned bits)
         return -1;
     }
     if (YLIBCExecl(kOpenSSL, kExecDefault,
-                   {"genrsa", "-rand", "/dev/urandom", "-out", keyPath.c_str(), std::to_string(bits).c_str()}) != 0) {
+                   {"genrsa", "-rand", "/dev/urandom", "-out", keyPath.c_str(),
+                    std::to_string(bits).c_str()}) != 0) {
         LOG_ERROR("Error when execute");
         return -1;
     }
@@ -109,8 +110,8 @@ int genCsr(const std::string &configPath, const std::string &keyPath, const std:
 }
 
 int genCrt(const std::string &extensionPath, const std::string &csrPath, const std::string &caCrtPath,
-           const std::string &serialPath, const std::string &outputPath, const std::string &keyPath, bool isSelfSigned,
-           int days, const std::string &aliasText)
+           const std::string &serialPath, const std::string &outputPath, const std::string &keyPath,
+           bool isSelfSigned, int days, const std::string &aliasText)
 {
     if (extensionPath.empty() || csrPath.empty() || caCrtPath.empty() || days <= 0) {
         LOG_ERROR("genCrt params invalid");
@@ -144,8 +145,9 @@ int genCrt(const std::string &extensionPath, const std::string &csrPath, const s
         LOG_ERROR("generate directory failed");
         return -1;
     }
-    std::vector<std::string> args = {kOpenSSL, "x509",  "-extfile", extensionPath, "-days", std::to_string(days),
-                                     "-in",    csrPath, "-req",     "-sha256",     "-out",  output};
+    std::vector<std::string> args = {
+        kOpenSSL, "x509",  "-extfile", extensionPath, "-days", std::to_string(days),
+        "-in",    csrPath, "-req",     "-sha256",     "-out",  output};
     const std::vector<std::string> signer =
         isSelfSigned ? std::vector<std::string>{"-signkey", keyPath}
                      : std::vector<std::string>{"-CAserial", serialPath, "-CA", caCrtPath, "-CAkey", keyPath};
@@ -167,7 +169,8 @@ int genServerCrt(const std::string &csrPath, const std::string &caCrtPath, const
     if (IsSerialFileMissing() && genSerialFile() != 0) {
         return -1;
     }
-    return genCrt(kServerExtensionPath, csrPath, caCrtPath, kSerialFile, outputPath, caKeyPath, false, days, aliasText);
+    return genCrt(kServerExtensionPath, csrPath, caCrtPath, kSerialFile, outputPath, caKeyPath, false, days,
+                  aliasText);
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -21,19 +21,19 @@ int genKey(const std::string &keyPath, unsigned bits);
 int genCsr(const std::string &configPath, const std::string &keyPath, const std::string &csrPath,
            const CsrSubject *subject);
 
-// Makes a certificate valid for `days` days from the request, signed with SHA-256. Self-signed: it is signed by
-// `keyPath`, written to `caCrtPath`, and the serial file, the output path and the alias text are not used. Else it
-// is signed by the CA (`caCrtPath`, whose key is `keyPath`), written to `outputPath`, and `aliasText`, host names
-// and IP addresses separated by ";", becomes its subjectAltName.
-// The extension file is written first. That it could not be written is not looked at: openssl fails when there
-// is none, and takes the one of an earlier run otherwise.
+// Makes a certificate valid for `days` days from the request, signed with SHA-256. Self-signed: it is signed
+// by `keyPath`, written to `caCrtPath`, and the serial file, the output path and the alias text are not used.
+// Else it is signed by the CA (`caCrtPath`, whose key is `keyPath`), written to `outputPath`, and
+// `aliasText`, host names and IP addresses separated by ";", becomes its subjectAltName. The extension file
+// is written first. That it could not be written is not looked at: openssl fails when there is none, and
+// takes the one of an earlier run otherwise.
 int genCrt(const std::string &extensionPath, const std::string &csrPath, const std::string &caCrtPath,
-           const std::string &serialPath, const std::string &outputPath, const std::string &keyPath, bool isSelfSigned,
-           int days, const std::string &aliasText);
+           const std::string &serialPath, const std::string &outputPath, const std::string &keyPath,
+           bool isSelfSigned, int days, const std::string &aliasText);
 
-// genCrt signed by the CA, with the server's extension file and the system's serial file, which is made when it is
-// missing.
+// genCrt signed by the CA, with the server's extension file and the system's serial file, which is made when
+// it is missing.
 int genServerCrt(const std::string &csrPath, const std::string &caCrtPath, const std::string &outputPath,
                  const std::string &caKeyPath, int days, const std::string &aliasText);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -84,7 +84,7 @@ bool SyncOrLog(const std::string &path)
     return true;
 }
 
-} // namespace
+}  // namespace
 
 int genDefaultCrtSet(const std::string &folder)
 {
@@ -135,7 +135,8 @@ int genCACrt(const std::string &caCrtPath, const std::string &caKeyPath)
     return genCrt(kCaExtensionPath, kCaCsr, caCrtPath, "", "", caKeyPath, true, kValidDays, "");
 }
 
-int genCrtSet(const CsrSubject &subject, unsigned bits, const std::string &aliasText, const std::string &folder)
+int genCrtSet(const CsrSubject &subject, unsigned bits, const std::string &aliasText,
+              const std::string &folder)
 {
     const std::string keyPath = folder + "/privkey.pem";
     const std::string crtPath = folder + "/cert.pem";
@@ -160,7 +161,8 @@ int genCrtSet(const CsrSubject &subject, unsigned bits, const std::string &alias
         return -1;
     }
 
-    for (const std::string &path : {caKeyPath, caCrtPath, keyPath, crtPath, std::string(kSerialFile), folder}) {
+    for (const std::string &path :
+         {caKeyPath, caCrtPath, keyPath, crtPath, std::string(kSerialFile), folder}) {
         if (!SyncOrLog(path)) {
             return -1;
         }
@@ -172,4 +174,4 @@ int genCrtSet(const CsrSubject &subject, unsigned bits, const std::string &alias
     return SyncOrLog(chainPath) && SyncOrLog(folder) ? 0 : -1;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

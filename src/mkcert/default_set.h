@@ -14,11 +14,11 @@ namespace opalcrt
 // Generates the set into the folder, which is made when it is missing; what stood there under these names is
 // replaced, other files are left alone. 0 on success; -1, logged, otherwise.
 //
-// The files are made in place, and whether a folder is whole is told only by which files are there. So the old
-// fullchain.pem goes, and that is synced, before anything that services receive is replaced, and it is made again
-// last, after all else is synced: a generation that was cut off leaves a folder that lacks a file, and the
-// next check generates again. What a failure leaves is such a folder too, except when the CA's key or request
-// failed: then all that services receive is as it was.
+// The files are made in place, and whether a folder is whole is told only by which files are there. So the
+// old fullchain.pem goes, and that is synced, before anything that services receive is replaced, and it is
+// made again last, after all else is synced: a generation that was cut off leaves a folder that lacks a file,
+// and the next check generates again. What a failure leaves is such a folder too, except when the CA's key or
+// request failed: then all that services receive is as it was.
 int genDefaultCrtSet(const std::string &folder);
 
 // Generates the CA. 0, or the failed step's answer: -1, or 1 when certificate and key do not match.
@@ -28,6 +28,7 @@ int genCASet(const CsrSubject &subject, unsigned bits, const std::string &folder
 int genCACrt(const std::string &caCrtPath, const std::string &caKeyPath);
 
 // Generates key, certificate and chain of the server, signed by the CA that is in the folder. 0 or -1.
-int genCrtSet(const CsrSubject &subject, unsigned bits, const std::string &aliasText, const std::string &folder);
+int genCrtSet(const CsrSubject &subject, unsigned bits, const std::string &aliasText,
+              const std::string &folder);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -43,7 +43,7 @@ int NoPassword(char *, int, int, void *)
     return -1;
 }
 
-} // namespace
+}  // namespace
 
 int checkCrtKeyMatch(const std::string &crtPath, const std::string &keyPath)
 {
@@ -78,4 +78,4 @@ int checkCrtKeyMatch(const std::string &crtPath, const std::string &keyPath)
     return X509_check_private_key(crt.get(), key.get()) == 1 ? 0 : 1;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

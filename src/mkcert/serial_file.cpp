@@ -17,7 +17,7 @@ namespace
 {
 constexpr const char *kLogSource = log_source::kMkcert;
 constexpr char kMacAddressFile[] = "/proc/sys/kernel/opal_mac_address1";
-} // namespace
+}  // namespace
 
 bool IsSerialFileMissing()
 {
@@ -38,7 +38,7 @@ int genSerialFile()
         return -1;
     }
 
-    constexpr size_t kVendorPart = 8; // What stands before it does not differ between appliances.
+    constexpr size_t kVendorPart = 8;  // What stands before it does not differ between appliances.
     char serial[32] = {};
     snprintf(serial, sizeof(serial), "%d%s", static_cast<int>(time(nullptr)),
              strlen(line) > kVendorPart ? line + kVendorPart : "");
@@ -51,4 +51,4 @@ int genSerialFile()
     return 0;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -6,13 +6,13 @@ namespace opalcrt
 
 inline constexpr char kSerialFile[] = "/usr/opal/etc/ssl/.mkcert.serial";
 
-// Whether the file must be made. An empty one counts as missing: openssl truncates it in place, and a kill just
-// there would make every later signature fail for ever.
+// Whether the file must be made. An empty one counts as missing: openssl truncates it in place, and a kill
+// just there would make every later signature fail for ever.
 bool IsSerialFileMissing();
 
-// Writes the file as a whole: the time and the end of the machine's MAC address, cut to 31 characters, and one
-// "1" more where that is an odd number. The first line is the serial number in hexadecimal. The folder must
-// exist. 0 on success; -1, logged, otherwise.
+// Writes the file as a whole: the time and the end of the machine's MAC address, cut to 31 characters, and
+// one "1" more where that is an odd number. The first line is the serial number in hexadecimal. The folder
+// must exist. 0 on success; -1, logged, otherwise.
 int genSerialFile();
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -35,11 +35,11 @@ bool WriteNewFile(const std::string &path, const std::string &text, const std::s
         return false;
     }
     UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    return fd.IsOpen() && TakeModeAndOwner(fd.Get(), modelPath) && WriteAll(fd.Get(), text) && fsync(fd.Get()) == 0 &&
-           fd.Close() == 0;
+    return fd.IsOpen() && TakeModeAndOwner(fd.Get(), modelPath) && WriteAll(fd.Get(), text) &&
+           fsync(fd.Get()) == 0 && fd.Close() == 0;
 }
 
-} // namespace
+}  // namespace
 
 bool WriteAll(int fd, const std::string &text)
 {
@@ -111,4 +111,4 @@ bool SyncTree(const std::string &path)
     return SyncPath(path);
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

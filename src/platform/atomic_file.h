@@ -6,13 +6,13 @@
 namespace opalcrt
 {
 
-// Replaces `path` by a regular file that holds `text`: written as path + ".new" beside it, synced, renamed, and
-// the folder synced. Nobody sees a part of it at any moment. The name is fixed, so that killed runs leave one
-// such file and not a heap; the next write removes it. Two writers of one path must be kept apart by a lock.
-// The new file takes mode and owner of `modelPath` where that exists, else 0644 whatever the umask. A link at
-// `path` is replaced, not followed.
-// False with errno and the platform error state set: `path` is untouched and path + ".new" removed, except
-// when only the last step, the sync of the folder, failed: then the new file stands, but may not survive a cut.
+// Replaces `path` by a regular file that holds `text`: written as path + ".new" beside it, synced, renamed,
+// and the folder synced. Nobody sees a part of it at any moment. The name is fixed, so that killed runs leave
+// one such file and not a heap; the next write removes it. Two writers of one path must be kept apart by a
+// lock. The new file takes mode and owner of `modelPath` where that exists, else 0644 whatever the umask. A
+// link at `path` is replaced, not followed. False with errno and the platform error state set: `path` is
+// untouched and path + ".new" removed, except when only the last step, the sync of the folder, failed: then
+// the new file stands, but may not survive a cut.
 bool ReplaceFile(const std::string &path, const std::string &text, const std::string &modelPath);
 
 // Writes all of `text`, over EINTR and short writes. False with errno set.
@@ -24,8 +24,8 @@ bool SyncPath(const std::string &path);
 // SyncPath of the folder that holds `path`.
 bool SyncParent(const std::string &path);
 
-// SyncPath of every regular file and folder at and below `path`; links (also `path` itself), fifos and the like
-// hold nothing to sync of their own. False with errno set at the first failure.
+// SyncPath of every regular file and folder at and below `path`; links (also `path` itself), fifos and the
+// like hold nothing to sync of their own. False with errno set at the first failure.
 bool SyncTree(const std::string &path);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -27,7 +27,7 @@ bool MakeFolder(const std::string &path, uid_t uid, gid_t gid, mode_t mode)
     return fd.IsOpen() && fchown(fd.Get(), uid, gid) == 0 && fchmod(fd.Get(), mode) == 0 && SyncParent(path);
 }
 
-} // namespace
+}  // namespace
 
 int OPALFSMkdirP(const char *path, const char *, int parents, uid_t uid, gid_t gid, mode_t mode)
 {
@@ -46,4 +46,4 @@ int OPALFSMkdirP(const char *path, const char *, int parents, uid_t uid, gid_t g
     return 0;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

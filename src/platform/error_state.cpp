@@ -11,7 +11,7 @@ struct ErrorState {
     int line = 0;
 };
 ErrorState lastError;
-} // namespace
+}  // namespace
 
 void YLIBCErrSetEx(int code, const char *file, int line)
 {
@@ -33,4 +33,4 @@ int YLIBCErrorGetLine()
     return lastError.line;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -29,7 +29,7 @@ UniqueFd OpenLockFile(const char *path)
     if (!fd.IsOpen() && errno == ENOENT) {
         fd = UniqueFd(open(path, kFlags | O_CREAT | O_EXCL, 0600));
         if (!fd.IsOpen() && errno == EEXIST) {
-            fd = UniqueFd(open(path, kFlags)); // Somebody else was faster.
+            fd = UniqueFd(open(path, kFlags));  // Somebody else was faster.
         }
     }
     struct stat info = {};
@@ -45,7 +45,8 @@ bool IsStillNamed(int fd, const char *path)
 {
     struct stat held = {};
     struct stat named = {};
-    return fstat(fd, &held) == 0 && lstat(path, &named) == 0 && held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+    return fstat(fd, &held) == 0 && lstat(path, &named) == 0 && held.st_dev == named.st_dev &&
+           held.st_ino == named.st_ino;
 }
 
 // Waits between two tries: short at first, since most locks are held for milliseconds.
@@ -56,7 +57,7 @@ void Pause(std::chrono::milliseconds &pause, Clock::time_point end)
     pause = std::min(pause * 2, std::chrono::milliseconds(50));
 }
 
-} // namespace
+}  // namespace
 
 int YLIBCFileLockTimeByFile(const char *path, int mode, int seconds, int *fd)
 {
@@ -69,7 +70,7 @@ int YLIBCFileLockTimeByFile(const char *path, int mode, int seconds, int *fd)
                 *fd = file.Release();
                 return 1;
             }
-            file = UniqueFd(); // Closed before the name is opened anew.
+            file = UniqueFd();  // Closed before the name is opened anew.
             file = OpenLockFile(path);
             continue;
         }
@@ -101,4 +102,4 @@ int YLIBCFileUnlockByFile(int fd)
     return released && closed ? 1 : 0;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -7,9 +7,9 @@ namespace opalcrt
 constexpr int kLockShared = 0;
 constexpr int kLockExclusive = 1;
 
-// Waits at most `seconds` (monotonic; 0: one try) for the lock and puts its descriptor, which is close-on-exec,
-// into `fd` (-1 before). Non-zero on success; 0, with errno and the platform error state set, otherwise
-// (ETIMEDOUT when somebody else kept it).
+// Waits at most `seconds` (monotonic; 0: one try) for the lock and puts its descriptor, which is
+// close-on-exec, into `fd` (-1 before). Non-zero on success; 0, with errno and the platform error state set,
+// otherwise (ETIMEDOUT when somebody else kept it).
 //
 // The file is made with mode 0600 when it is missing and is never unlinked. /tmp is everybody's: a link or
 // anything else that is no regular file in its place is a failure and is not touched (ELOOP, EINVAL); a file
@@ -21,4 +21,4 @@ int YLIBCFileLockTimeByFile(const char *path, int mode, int seconds, int *fd);
 // Lets go and closes. Non-zero on success, 0 with errno set otherwise; the descriptor is gone in either case.
 int YLIBCFileUnlockByFile(int fd);
 
-} // namespace opalcrt
+}  // namespace opalcrt

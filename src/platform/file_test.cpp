@@ -24,7 +24,7 @@ int LookAt(const char *path, struct stat &info)
     return errno == ENOENT || errno == ENOTDIR ? 0 : -1;
 }
 
-} // namespace
+}  // namespace
 
 int YLIBCFileExist(const char *path)
 {
@@ -72,7 +72,7 @@ UniqueFile OpenForReading(const char *path)
         SET_PLATFORM_ERRNO(errno);
         return nullptr;
     }
-    (void)fd.Release(); // The stream's now.
+    (void)fd.Release();  // The stream's now.
     return file;
 }
 
@@ -120,4 +120,4 @@ int YLIBCFileUTF8BomStrip(const char *path)
     return ReplaceFile(path, text.substr(sizeof(kMark) - 1), path) ? 0 : -1;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -40,4 +40,4 @@ bool ReadWhole(int fd, size_t limit, std::string &text);
 // its mode and owner. 0 on success, also when there is none; -1, file untouched, with the error state set.
 int YLIBCFileUTF8BomStrip(const char *path);
 
-} // namespace opalcrt
+}  // namespace opalcrt

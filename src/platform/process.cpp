@@ -19,7 +19,8 @@ namespace
 {
 
 // LC_ALL keeps the children's behaviour apart from any locale; hooks may need the usual PATH.
-const char *const kChildEnvironment[] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root", "LC_ALL=C", nullptr};
+const char *const kChildEnvironment[] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root", "LC_ALL=C",
+                                         nullptr};
 
 // Runs in the child, between vfork and exec: only system calls, and `startError` is the parent's variable.
 [[noreturn]] void BecomeProgram(const char *path, char *const argv[], bool diesWithUs, pid_t parent,
@@ -28,7 +29,8 @@ const char *const kChildEnvironment[] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "
     struct sigaction byDefault = {};
     byDefault.sa_handler = SIG_DFL;
     for (int number = 1; number < NSIG; ++number) {
-        sigaction(number, &byDefault, nullptr); // Fails for those that cannot be changed; they need no change.
+        sigaction(number, &byDefault,
+                  nullptr);  // Fails for those that cannot be changed; they need no change.
     }
     sigset_t none;
     sigemptyset(&none);
@@ -63,7 +65,7 @@ int RunProgram(const char *path, char *const argv[], bool isHook)
     // every /bin/cp. Not posix_spawn: it can set neither the umask nor the death signal of the child.
     volatile int startError = 0;
     const pid_t parent = getpid();
-    const pid_t child = vfork(); // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+    const pid_t child = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
     if (child == 0) {
         BecomeProgram(path, argv, !isHook, parent, startError);
     }
@@ -108,7 +110,7 @@ int RunWithArguments(const char *path, std::initializer_list<const char *> args,
     return RunProgram(path, argv.data(), isHook);
 }
 
-} // namespace
+}  // namespace
 
 int YLIBCExec(const char *path, const char *arg1, const char *arg2, const char *arg3, const char *arg4)
 {
@@ -125,4 +127,4 @@ int YLIBCExecv(const char *path, char *const argv[], int)
     return RunProgram(path, argv, false);
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -37,4 +37,4 @@ int YLIBCExecl(const char *path, unsigned options, std::initializer_list<const c
 // As YLIBCExec. `options` is 1 for every caller and has no further meaning.
 int YLIBCExecv(const char *path, char *const argv[], int options);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -12,8 +12,9 @@ bool OPALSystemdReload(const char *unit)
 
 int OPALSysNotifySendNotifiction(const char *event, const void *)
 {
-    return YLIBCExecl("/usr/bin/busctl", kExecDefault,
-                      {"--system", "emit", "/org/opal/Notification", "org.opal.Notification", "Event", "s", event});
+    return YLIBCExecl(
+        "/usr/bin/busctl", kExecDefault,
+        {"--system", "emit", "/org/opal/Notification", "org.opal.Notification", "Event", "s", event});
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

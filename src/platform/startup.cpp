@@ -30,4 +30,4 @@ void PrintBanner()
     printf("Certificate service tool\n");
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

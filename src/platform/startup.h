@@ -15,4 +15,4 @@ namespace opalcrt
 // Prints this platform's one-line banner to standard output.
 void PrintBanner();
 
-} // namespace opalcrt
+}  // namespace opalcrt

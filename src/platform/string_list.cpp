@@ -35,7 +35,8 @@ int YLIBCStrSep(const char *text, const char *separator, SzList *list)
     }
     try {
         int count = 1;
-        for (const char *end; (end = strstr(text, separator)) != nullptr; text = end + strlen(separator), ++count) {
+        for (const char *end; (end = strstr(text, separator)) != nullptr;
+             text = end + strlen(separator), ++count) {
             list->items.emplace_back(text, end);
         }
         list->items.emplace_back(text);
@@ -52,4 +53,4 @@ int BlYLIBIsIpAddr(const char *text)
     return inet_pton(AF_INET, text, &address) == 1 || inet_pton(AF_INET6, text, &address) == 1 ? 1 : 0;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -25,4 +25,4 @@ int YLIBCStrSep(const char *text, const char *separator, SzList *list);
 // 1 when the text is an IPv4 address in dotted form or an IPv6 address (inet_pton(3)), else 0.
 int BlYLIBIsIpAddr(const char *text);
 
-} // namespace opalcrt
+}  // namespace opalcrt

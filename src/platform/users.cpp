@@ -40,4 +40,4 @@ int OPALUserGetUGID(const std::string &name, uid_t *uid, gid_t *gid)
     return 0;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

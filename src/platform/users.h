@@ -12,4 +12,4 @@ namespace opalcrt
 // with the platform error state set, when there is no such user or the name service could not be asked.
 int OPALUserGetUGID(const std::string &name, uid_t *uid, gid_t *gid);
 
-} // namespace opalcrt
+}  // namespace opalcrt

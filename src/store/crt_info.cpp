@@ -24,12 +24,9 @@ struct ServiceObjKey {
 };
 
 constexpr ServiceObjKey kServiceObjKeys[] = {
-    {"display_name", Json::stringValue, true},
-    {"display_name_i18n", Json::stringValue, false},
-    {"subscriber", Json::stringValue, true},
-    {"service", Json::stringValue, true},
-    {"isPkg", Json::booleanValue, true},
-    {"owner", Json::stringValue, true},
+    {"display_name", Json::stringValue, true}, {"display_name_i18n", Json::stringValue, false},
+    {"subscriber", Json::stringValue, true},   {"service", Json::stringValue, true},
+    {"isPkg", Json::booleanValue, true},       {"owner", Json::stringValue, true},
 };
 
 // Entries and lists of a wrong shape carry no service and are passed over.
@@ -47,7 +44,7 @@ bool ListsService(const Json::Value &entry, const Json::Value &serviceObj)
     return false;
 }
 
-} // namespace
+}  // namespace
 
 bool IsServiceObjValid(const Json::Value &serviceObj)
 {
@@ -103,7 +100,8 @@ void UpdateServiceList(Json::Value &services, const Json::Value &serviceObj, boo
     Json::Value old(Json::arrayValue);
     old.swap(services);
     for (Json::Value &element : old) {
-        if (HasString(element, "subscriber") && HasString(element, "service") && !IsSameService(element, serviceObj)) {
+        if (HasString(element, "subscriber") && HasString(element, "service") &&
+            !IsSameService(element, serviceObj)) {
             services.append(std::move(element));
         }
     }
@@ -126,4 +124,4 @@ bool WriteCrtInfo(const Json::Value &info)
     return true;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -9,7 +9,8 @@
 //   isPkg               boolean   required   true: a package's service
 //   owner               string    required   user that owns the files of the service folder
 //   user_setable, multiple_cert   boolean, optional, not checked here
-// No required or present string may be empty. A service is identified by subscriber and service, byte for byte.
+// No required or present string may be empty. A service is identified by subscriber and service, byte for
+// byte.
 #pragma once
 
 #include <json/value.h>
@@ -30,8 +31,8 @@ bool IsServiceObjValid(const Json::Value &serviceObj);
 // Takes and releases the info lock itself: the caller must not hold it.
 bool GetServiceCrtId(const Json::Value &serviceObj, std::string &certId);
 
-// Removes the service and every malformed element from the array `services`, and appends the service object at
-// its end unless `removeOnly` is set.
+// Removes the service and every malformed element from the array `services`, and appends the service object
+// at its end unless `removeOnly` is set.
 void UpdateServiceList(Json::Value &services, const Json::Value &serviceObj, bool removeOnly);
 
 // Replaces INFO by `info` in one step, through INFO.temp: readers see the old file or the new one.
@@ -41,4 +42,4 @@ void UpdateServiceList(Json::Value &services, const Json::Value &serviceObj, boo
 // answered.
 bool WriteCrtInfo(const Json::Value &info);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -22,7 +22,7 @@ bool HasLockName(const std::string &subscriber, size_t serviceLength)
     return GetServiceLockPath(subscriber, std::string(serviceLength, 'x')).size() - folder <= NAME_MAX;
 }
 
-} // namespace
+}  // namespace
 
 bool IsPlainFolderName(const std::string &name)
 {
@@ -48,4 +48,4 @@ std::string GetServiceLockPath(const std::string &subscriber, const std::string 
     return "/tmp/certificate_" + subscriber + "_" + service + ".lock";
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -22,4 +22,4 @@ bool IsUsableService(const std::string &subscriber, const std::string &service);
 // The lock file that guards the service's folder.
 std::string GetServiceLockPath(const std::string &subscriber, const std::string &service);
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -26,7 +26,7 @@ bool IsStrictlyBelow(const std::string &path, const std::string &base)
     return path.size() > base.size() && path.starts_with(base);
 }
 
-} // namespace
+}  // namespace
 
 std::string GetCertificateRoot(bool isPkg)
 {
@@ -80,4 +80,4 @@ std::string GetDefCrtId()
     return line;
 }
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -1,5 +1,5 @@
-// Where everything lies. Folder constants end with "/", except the archive's, whose paths are always formed as
-// kArchive + "/" + name, so that log lines show one slash.
+// Where everything lies. Folder constants end with "/", except the archive's, whose paths are always formed
+// as kArchive + "/" + name, so that log lines show one slash.
 #pragma once
 
 #include <string>
@@ -54,4 +54,4 @@ bool IsServiceFolderInRoot(bool isPkg, const std::string &subscriber, const std:
 // that name (logged).
 std::string GetDefCrtId();
 
-} // namespace opalcrt
+}  // namespace opalcrt

@@ -1,0 +1,1 @@
+#include "sandbox.h"
