@@ -69,7 +69,7 @@ bool ReplaceFile(const std::string &path, const std::string &text, const std::st
 
 bool SyncPath(const std::string &path)
 {
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!fd.IsOpen() || fsync(fd.Get()) != 0) {
         SET_PLATFORM_ERRNO(errno);
         return false;
