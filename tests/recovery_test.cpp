@@ -117,7 +117,7 @@ TEST_F(Recovery, NeverLooksWholeWhenItWasCutOff)
          {"Root certificate and key is not matching", "Generate CA key & crt failed", fails}, false},
         {"/usr/bin/openssl", "case \"$*\" in *CAserial*) cp /usr/opal/cert.pem ${11};; *) exec /usr/opal/openssl \"$@\";; esac",
          {"cert and key is not matching.", "Failed to generate cert set", fails}, false},
-        {"/bin/cp", "exit 1", {"Failed to copy crt to chain crt.", "Failed to generate cert set", fails}, false},
+        {"/bin/cp", ": > $3; exit 1", {"Failed to copy crt to chain crt.", "Failed to generate cert set", fails}, false},
         {"/bin/mkdir", "exit 1", {"Failed to mkdir -p [", "Failed to generate directory for", "genCAKey() failed", fails}, true},
     };
     Shell("cp /usr/bin/openssl " + folder_ + "/cert.pem /usr/opal/");
@@ -131,6 +131,8 @@ TEST_F(Recovery, NeverLooksWholeWhenItWasCutOff)
         EXPECT_TRUE(Logged(test.trail)) << test.script;
         EXPECT_EQ(Exists(folder_ + "/fullchain.pem"), test.keepsChain) << test.script;
         EXPECT_FALSE(Exists(folder_ + "/cert_info"));
+        bool isUnknown = false;
+        EXPECT_TRUE(!IsCrtComplete("c", folder_, isUnknown)) << test.script;
     }
     Shell("mkdir -p " + folder_ + "/cert_info.new/x");
     EXPECT_FALSE(CheckAndRecoverCrt("c"));

@@ -217,7 +217,7 @@ Result Sandbox::Run(const std::vector<std::string> &args, const std::string &wra
 {
     static std::atomic<int> counter = 0;
     const std::string base = "/run/result." + std::to_string(++counter);
-    std::string command = kEnvironment + std::string(" ");
+    std::string command = "export " + std::string(kEnvironment) + "; ";
     if (as != 0) {
         command += "/usr/bin/setpriv --reuid=" + std::to_string(as) + " --clear-groups ";
     }

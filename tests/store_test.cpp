@@ -146,7 +146,7 @@ TEST_F(Store, CutsLongTextsInsideALogLine)
         text += "ü";
     }
     errno = ENOSPC;
-    LOG_ERROR_JSON(text, "Failed [%s] to [%s] %m", text.c_str(), "INFO");
+    LOG_ERROR_LONG(text, "Failed [%s] to [%s] %m", text.c_str(), "INFO");
     EXPECT_EQ(errno, ENOSPC);
     const std::vector<std::string> log = TakeLog();
     ASSERT_EQ(log.size(), 1U);

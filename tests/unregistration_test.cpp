@@ -114,7 +114,7 @@ TEST_F(Unregistration, StopsAtTheStepThatFails)
         {"echo {} > SERVICES", list, {"Incorrect format of register services [{}]"}, false, false},
         {"mkdir -p SERVICES.new/x", list, {"Failed to write register services (Is a directory)"}, false, false},
         {"sed -i 's/\"isPkg\" : true/\"isPkg\" : false/;0,/opalweb/s/opalweb/opalmail/' INFO", info,
-         {"Bad info: [opalweb(", ")_opalmail("}, true, false},
+         {"Bad info: [opalweb()_opalmail()]"}, true, false},
         {"mkdir -p INFO.new/x", info, {"Failed to update info file", "Original info file is backed up to /usr/opal/etc/certificate/_archive/INFO.bak"},
          true, false},
         {"mkdir -p INFO.new/x INFO.bak.new/x", info, {"Failed to update info file"}, true, false},

@@ -99,7 +99,7 @@ bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::str
     const std::string text = ToLogText(serviceObj);
     std::string currentId;
     if (!GetServiceCrtId(serviceObj, currentId)) {
-        LOG_ERROR_JSON(text, "Failed to check service exist for %s", text.c_str());
+        LOG_ERROR_LONG(text, "Failed to check service exist for %s", text.c_str());
         return false;
     }
     if (row.action == kActionDefault && !currentId.empty()) {
@@ -108,19 +108,19 @@ bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::str
     }
 
     if (!DeployServiceCrt(newId, serviceObj)) {
-        LOG_ERROR_JSON(text, "Failed to set cert [%s] for [%s]", newId.c_str(), text.c_str());
+        LOG_ERROR_LONG(text, "Failed to set cert [%s] for [%s]", newId.c_str(), text.c_str());
         return false;
     }
 
     const bool leavesInfo = row.skipAdd == 1 && row.skipRemove == 1;
     if (!leavesInfo && !UpdateCrtInfo(serviceObj, oldId, newId, row)) {
-        LOG_ERROR_JSON(text, "Failed to update cert info for [%s] from %s to %s", text.c_str(), oldId.c_str(),
+        LOG_ERROR_LONG(text, "Failed to update cert info for [%s] from %s to %s", text.c_str(), oldId.c_str(),
                        newId.c_str());
         return false;
     }
 
     if (row.reload && ReloadService(serviceObj) != 0) {
-        LOG_ERROR_JSON(text, "Failed to reload [%s]", text.c_str());
+        LOG_ERROR_LONG(text, "Failed to reload [%s]", text.c_str());
         return false;
     }
     return true;

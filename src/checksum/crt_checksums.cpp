@@ -1,6 +1,5 @@
 #include "checksum/crt_checksums.h"
 
-#include <fcntl.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -17,6 +16,7 @@
 #include "common/json_file.h"
 #include "common/json_member.h"
 #include "common/log.h"
+#include "common/no_password.h"
 #include "platform/file_test.h"
 #include "store/paths.h"
 
@@ -28,8 +28,10 @@ namespace
 
 constexpr const char *kLogSource = log_source::kUtils;
 
-struct Free {
+struct CFree {
     void operator()(char *memory) const { free(memory); }
+};
+struct OpenSSLFree {
     void operator()(X509 *crt) const { X509_free(crt); }
     void operator()(unsigned char *memory) const { OPENSSL_free(memory); }
     void operator()(EVP_MD_CTX *context) const { EVP_MD_CTX_free(context); }
@@ -39,7 +41,7 @@ struct Free {
 UniqueFile OpenCrtFile(const std::string &path)
 {
     errno = 0;
-    const std::unique_ptr<char, Free> resolved(realpath(path.c_str(), nullptr));
+    const std::unique_ptr<char, CFree> resolved(realpath(path.c_str(), nullptr));
     if (resolved == nullptr) {
         LOG_ERROR("Realpath %s failed. %s", path.c_str(), strerror(errno));
         return nullptr;
@@ -68,7 +70,7 @@ std::string ToHex(const unsigned char *bytes, size_t count)
 
 bool HashDer(const unsigned char *der, size_t length, std::string &checksum)
 {
-    const std::unique_ptr<EVP_MD_CTX, Free> context(EVP_MD_CTX_new());
+    const std::unique_ptr<EVP_MD_CTX, OpenSSLFree> context(EVP_MD_CTX_new());
     if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
         LogOpenSSLError("SHA256 init failed.");
         return false;
@@ -93,7 +95,7 @@ bool GetCrtChecksum(const std::string &certId, std::string &checksum)
     if (file == nullptr) {
         return false;
     }
-    const std::unique_ptr<X509, Free> crt(PEM_read_X509(file.get(), nullptr, nullptr, nullptr));
+    const std::unique_ptr<X509, OpenSSLFree> crt(PEM_read_X509(file.get(), nullptr, NoPassword, nullptr));
     file.reset();
     if (crt == nullptr) {
         LogOpenSSLError("Read X509 failed.");
@@ -102,7 +104,7 @@ bool GetCrtChecksum(const std::string &certId, std::string &checksum)
 
     unsigned char *encoded = nullptr;
     const int length = i2d_X509(crt.get(), &encoded);
-    const std::unique_ptr<unsigned char, Free> der(encoded);
+    const std::unique_ptr<unsigned char, OpenSSLFree> der(encoded);
     if (length < 0) {
         LogOpenSSLError("PEM to DER failed.");
         return false;

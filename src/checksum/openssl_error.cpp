@@ -26,7 +26,7 @@ void LogOpenSSLError(const char *step)
     char *data = nullptr;
     const long length = BIO_get_mem_data(bio, &data);
     const std::string text(data != nullptr ? data : "", length > 0 ? static_cast<size_t>(length) : 0);
-    LOG_ERROR_JSON(text, "%s [%s]", step, text.c_str());
+    LOG_ERROR_LONG(text, "%s [%s]", step, text.c_str());
     BIO_free(bio);
 }
 

@@ -43,9 +43,10 @@ void LogLine(int priority, const char *source, int line, const std::string &long
               static_cast<unsigned>(::opalcrt::YLIBCErrGet()), ::opalcrt::YLIBCErrorGetFile(), \
               ::opalcrt::YLIBCErrorGetLine())
 
-// `json`, a std::string that is among the arguments, may be of any length.
-#define LOG_ERROR_JSON(json, format, ...) \
-    ::opalcrt::LogLine(LOG_ERR, kLogSource, __LINE__, json, format __VA_OPT__(, ) __VA_ARGS__)
+// `longText`, a std::string that is among the arguments (a JSON text, OpenSSL's errors), may be of any
+// length.
+#define LOG_ERROR_LONG(longText, format, ...) \
+    ::opalcrt::LogLine(LOG_ERR, kLogSource, __LINE__, longText, format __VA_OPT__(, ) __VA_ARGS__)
 
 #define LOG_DEBUG_LINE(format, ...) \
     ::opalcrt::LogLine(LOG_DEBUG, kLogSource, __LINE__, std::string(), format __VA_OPT__(, ) __VA_ARGS__)

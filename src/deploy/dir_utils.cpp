@@ -31,14 +31,19 @@ bool Rename(const std::string &from, const std::string &to)
     return true;
 }
 
-// A run that was killed between the removal and the rename has left only the backup.
+// A run that was killed between the removal and the rename has left only the backup. False when it could not
+// be found out which of the two is there, or the backup not renamed.
 bool BringBackLoneBackup(const std::string &backup, const std::string &destination)
 {
     struct stat info = {};
-    if (lstat(destination.c_str(), &info) == 0 || errno != ENOENT || YLIBCFileCheckDir(backup.c_str()) != 1) {
+    if (lstat(destination.c_str(), &info) == 0) {
         return true;
     }
-    return Rename(backup, destination);
+    const int isFolder = errno == ENOENT ? YLIBCFileCheckDir(backup.c_str()) : -1;
+    if (isFolder < 0) {
+        LOG_ERROR("Failed to move %s to %s [%d]", backup.c_str(), destination.c_str(), errno);
+    }
+    return isFolder == 0 || (isFolder == 1 && Rename(backup, destination));
 }
 
 // Copies the destination to the backup when it is a folder, and has the copy on the disk before anything is

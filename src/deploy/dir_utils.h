@@ -15,12 +15,11 @@ namespace opalcrt
 // then). Two moves to one destination must be kept apart by the service lock.
 //
 // What a failed or killed move leaves, and what the next one does with it:
-//   the destination and a backup, whole or partial   the backup is removed
-//   the backup alone                                 it is renamed back first: it is the only whole copy
-//   a partly removed destination and the backup      a failed move rolls back; after a kill the backup is
-//   removed
+//   the destination, and a backup, whole or partial: the backup is removed
+//   the backup alone: it is renamed back first, since it is the only whole copy
+//   a partly removed destination and the backup (a kill inside /bin/rm): the backup is removed
 // After a failure the destination is as it was, except that
-//   - when the roll-back's removal fails, it may be partly removed and the backup stays;
+//   - when the roll-back's removal or rename fails, it is partly removed or absent, and the backup stays;
 //   - when the sync after the rename fails, the new folder stands and the backup stays.
 // `source` is never removed on failure. A backup that cannot be removed at the end is logged and no failure.
 bool MoveDirectory(const std::string &source, const std::string &destination);

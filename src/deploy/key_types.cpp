@@ -1,5 +1,7 @@
 #include "deploy/key_types.h"
 
+#include <utility>
+
 #include "common/json_file.h"
 #include "common/json_member.h"
 #include "store/paths.h"

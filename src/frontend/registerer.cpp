@@ -112,7 +112,7 @@ bool PrepareServices(const Json::Value &definition, Json::Value &services)
     if (!GetMember(definition, "services").isArray() || !HasString(definition, "subscriber") ||
         !HasString(definition, "owner") || !HasBool(definition, "isPkg")) {
         const std::string text = ToLogText(definition);
-        LOG_ERROR_JSON(text, "Invalid config: %s", text.c_str());
+        LOG_ERROR_LONG(text, "Invalid config: %s", text.c_str());
         return false;
     }
 
@@ -121,7 +121,7 @@ bool PrepareServices(const Json::Value &definition, Json::Value &services)
     for (const Json::Value &element : definition["services"]) {
         if (!IsGoodElement(element, subscriber)) {
             const std::string text = ToLogText(element);
-            LOG_ERROR_JSON(text, "Bad service config: %s", text.c_str());
+            LOG_ERROR_LONG(text, "Bad service config: %s", text.c_str());
             services = Json::Value(Json::arrayValue);
             return false;
         }

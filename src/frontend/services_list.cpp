@@ -32,7 +32,7 @@ bool ChangeRegisterServices(Change change)
     }
     if (!list.isArray()) {
         const std::string text = ToLogText(list);
-        LOG_ERROR_JSON(text, "Incorrect format of register services [%s]", text.c_str());
+        LOG_ERROR_LONG(text, "Incorrect format of register services [%s]", text.c_str());
         return false;
     }
 

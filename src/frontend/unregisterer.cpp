@@ -194,7 +194,7 @@ bool RemoveServiceCertificate(const Json::Value &request)
     const char *const mark = PkgMark(isPkg, "(pkg)");
     if (!HasString(request, "subscriber")) {
         const std::string text = ToLogText(request);
-        LOG_ERROR_JSON(text, "Invalid config: %s", text.c_str());
+        LOG_ERROR_LONG(text, "Invalid config: %s", text.c_str());
         return false;
     }
 

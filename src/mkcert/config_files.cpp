@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "common/log.h"
 #include "platform/atomic_file.h"
@@ -74,8 +75,8 @@ std::string MakeAliasLine(const SzList &aliases)
     return line.empty() ? line : line + "\"\n";
 }
 
-// Opens the file for a whole new content. Not writable for others whatever the umask: what stands in it is
-// signed by root.
+// Opens the file for a whole new content. A new one is not writable for others whatever the umask: what
+// stands in it is signed by root.
 UniqueFd OpenForWriting(const std::string &path)
 {
     UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));

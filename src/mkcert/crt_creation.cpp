@@ -1,6 +1,7 @@
 #include "mkcert/crt_creation.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <vector>
@@ -58,9 +59,9 @@ int genKey(const std::string &keyPath, unsigned bits)
         return -1;
     }
 
-    // openssl writes into a file that stands there, whatever its mode.
-    if (chmod(keyPath.c_str(), kOwnerReadOnly) != 0 && errno != ENOENT) {
-        LOG_ERROR("chmod %s failed with %d", keyPath.c_str(), errno);
+    // openssl would write into a file that stands there, whoever owns it or has it open.
+    if (unlink(keyPath.c_str()) != 0 && errno != ENOENT) {
+        LOG_ERROR("Failed to remove %s [%d]", keyPath.c_str(), errno);
         return -1;
     }
     if (YLIBCExecl(kOpenSSL, kExecDefault,

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "common/log.h"
 #include "mkcert/crt_creation.h"
@@ -84,6 +85,32 @@ bool SyncOrLog(const std::string &path)
     return true;
 }
 
+// A copy is not made in one step, and a part of a chain looks like a chain: while it is made the key, without
+// which the folder is incomplete, has another name. A name that a kill leaves is taken over by the next one.
+bool CopyChain(const std::string &folder, const std::string &crtPath, const std::string &keyPath)
+{
+    const std::string chain = ChainPath(folder);
+    const std::string held = keyPath + ".held";
+    if (rename(keyPath.c_str(), held.c_str()) != 0 || !SyncParent(held)) {
+        LOG_ERROR("Failed to move %s to %s [%d]", keyPath.c_str(), held.c_str(), errno);
+        return false;
+    }
+    if (YLIBCExec("/bin/cp", "-f", crtPath.c_str(), chain.c_str(), nullptr) != 0) {
+        LOG_ERROR("Failed to copy crt to chain crt.");
+        RemoveChain(folder);
+        return false;
+    }
+    if (!SyncOrLog(chain) || !SyncOrLog(folder)) {
+        RemoveChain(folder);
+        return false;
+    }
+    if (rename(held.c_str(), keyPath.c_str()) != 0) {
+        LOG_ERROR("Failed to move %s to %s [%d]", held.c_str(), keyPath.c_str(), errno);
+        return false;
+    }
+    return SyncOrLog(folder);
+}
+
 }  // namespace
 
 int genDefaultCrtSet(const std::string &folder)
@@ -140,7 +167,6 @@ int genCrtSet(const CsrSubject &subject, unsigned bits, const std::string &alias
 {
     const std::string keyPath = folder + "/privkey.pem";
     const std::string crtPath = folder + "/cert.pem";
-    const std::string chainPath = ChainPath(folder);
     const std::string caCrtPath = CaCrtPath(folder);
     const std::string caKeyPath = CaKeyPath(folder);
 
@@ -167,11 +193,7 @@ int genCrtSet(const CsrSubject &subject, unsigned bits, const std::string &alias
             return -1;
         }
     }
-    if (YLIBCExec("/bin/cp", "-f", crtPath.c_str(), chainPath.c_str(), nullptr) != 0) {
-        LOG_ERROR("Failed to copy crt to chain crt.");
-        return -1;
-    }
-    return SyncOrLog(chainPath) && SyncOrLog(folder) ? 0 : -1;
+    return CopyChain(folder, crtPath, keyPath) ? 0 : -1;
 }
 
 }  // namespace opalcrt

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "common/log.h"
+#include "common/no_password.h"
 #include "platform/file_test.h"
 
 namespace opalcrt
@@ -37,12 +38,6 @@ UniqueBio OpenBio(const std::string &path)
     return bio;
 }
 
-// Without a callback OpenSSL would ask the terminal for a key's password.
-int NoPassword(char *, int, int, void *)
-{
-    return -1;
-}
-
 }  // namespace
 
 int checkCrtKeyMatch(const std::string &crtPath, const std::string &keyPath)
@@ -59,7 +54,7 @@ int checkCrtKeyMatch(const std::string &crtPath, const std::string &keyPath)
     if (crtBio == nullptr) {
         return -1;
     }
-    const UniqueX509 crt(PEM_read_bio_X509(crtBio.get(), nullptr, nullptr, nullptr));
+    const UniqueX509 crt(PEM_read_bio_X509(crtBio.get(), nullptr, NoPassword, nullptr));
     if (crt == nullptr) {
         LOG_ERROR("Failed to read cert from %s", crtPath.c_str());
         return -1;

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -33,6 +34,7 @@ int genSerialFile()
         return -1;
     }
     char line[32] = {};
+    errno = 0;  // The end of a file is no error and sets none.
     if (YLIBCFgets(line, sizeof(line), macFile.get()) == nullptr) {
         LOG_ERROR("Fetch %s failed (%m)", kMacAddressFile);
         return -1;

@@ -18,8 +18,8 @@ bool ReplaceFile(const std::string &path, const std::string &text, const std::st
 // Writes all of `text`, over EINTR and short writes. False with errno set.
 bool WriteAll(int fd, const std::string &text);
 
-// fsync(2) of one file or folder; of what a link leads to, since a renamed entry lies there. False with errno and
-// the error state set.
+// fsync(2) of one file or folder; of what a link leads to, since a renamed entry lies there. False with errno
+// and the error state set.
 bool SyncPath(const std::string &path);
 
 // SyncPath of the folder that holds `path`.

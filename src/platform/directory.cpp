@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <string>
@@ -16,15 +17,22 @@ namespace opalcrt
 namespace
 {
 
-// One folder. The mode is set on the descriptor: what mkdir(2) is given goes through the umask and the
-// default ACL of the folder above.
+// One folder. The mode is set once more on the descriptor: what mkdir(2) is given goes through the umask and
+// the default ACL of the folder above. One that could not be finished must not stay: nobody would mend its
+// mode.
 bool MakeFolder(const std::string &path, uid_t uid, gid_t gid, mode_t mode)
 {
-    if (mkdir(path.c_str(), 0700) != 0) {
+    if (mkdir(path.c_str(), mode) != 0) {
         return errno == EEXIST && YLIBCFileCheckDir(path.c_str()) == 1;
     }
     const UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    return fd.IsOpen() && fchown(fd.Get(), uid, gid) == 0 && fchmod(fd.Get(), mode) == 0 && SyncParent(path);
+    if (fd.IsOpen() && fchown(fd.Get(), uid, gid) == 0 && fchmod(fd.Get(), mode) == 0 && SyncParent(path)) {
+        return true;
+    }
+    const int error = errno;
+    rmdir(path.c_str());
+    errno = error;
+    return false;
 }
 
 }  // namespace

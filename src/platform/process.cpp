@@ -48,7 +48,7 @@ const char *const kChildEnvironment[] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "
         umask(S_IWGRP | S_IWOTH);
         execve(path, argv, const_cast<char *const *>(kChildEnvironment));
     }
-    startError = errno != 0 ? errno : EAGAIN;
+    startError = errno;
     _exit(127);
 }
 

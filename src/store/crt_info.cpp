@@ -69,7 +69,7 @@ bool GetServiceCrtId(const Json::Value &serviceObj, std::string &certId)
 {
     if (!IsServiceObjValid(serviceObj)) {
         const std::string text = ToLogText(serviceObj);
-        LOG_ERROR_JSON(text, "Invalid input format [%s]", text.c_str());
+        LOG_ERROR_LONG(text, "Invalid input format [%s]", text.c_str());
         return false;
     }
 
@@ -114,7 +114,7 @@ bool WriteCrtInfo(const Json::Value &info)
 {
     if (!toFile(kInfoTempPath, info, true, kInfoPath)) {
         const std::string text = ToLogText(info);
-        LOG_ERROR_JSON(text, "Failed to write [%s] to [%s].", text.c_str(), kInfoTempPath);
+        LOG_ERROR_LONG(text, "Failed to write [%s] to [%s].", text.c_str(), kInfoTempPath);
         return false;
     }
     if (rename(kInfoTempPath, kInfoPath) != 0 || !SyncParent(kInfoPath)) {
