@@ -13,6 +13,7 @@
 #include "deploy/deployment.h"
 #include "platform/services.h"
 #include "store/crt_info.h"
+#include "store/names.h"
 #include "store/paths.h"
 
 namespace opalcrt
@@ -91,7 +92,11 @@ bool UpdateCrtInfo(const Json::Value &serviceObj, const std::string &oldId, cons
 bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::string oldId,
                       const CRTActionInfo &row)
 {
-    if (!IsServiceObjValid(serviceObj)) {
+    // The names become paths that root removes and runs: those from a definition were looked at there, those that
+    // another caller takes from a book were not.
+    const std::string subscriber = GetString(serviceObj, "subscriber");
+    if (!IsServiceObjValid(serviceObj) || !IsUsableSubscriber(subscriber) ||
+        !IsUsableService(subscriber, GetString(serviceObj, "service"))) {
         LOG_ERROR("service object is error.");
         return false;
     }

@@ -25,6 +25,7 @@ bool DeployDefCrt(const Json::Value &services, int action, const std::string &ol
 //   2            untouched runs
 //   3            changed   does not run; a service that INFO lists keeps the certificate listed there
 //
+// A service whose names are not usable (store/names.h) is refused as an invalid one is.
 // True when every service was handled. False, logged, when a parameter was refused (nothing was done then) or
 // a service failed; the others are still handled, and nothing is rolled back: a service whose INFO update
 // failed has its new files already. Locks are taken and released one at a time; the caller may hold none.

@@ -73,7 +73,7 @@ bool IsCrtComplete(const std::string &certId, const std::string &folder, bool &i
     isUnknown = false;
     if (!CheckRealDirectory(folder)) {
         LOG_ERROR("Folder not exits [%s]", folder.c_str());
-        isUnknown = YLIBCFileCheckDir(folder.c_str()) < 0;
+        isUnknown = errno != 0 && errno != ENOENT && errno != ENOTDIR;
         return false;
     }
     for (const std::string &name : ListRequiredFiles(certId)) {

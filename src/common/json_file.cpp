@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <new>
 
 #include "platform/atomic_file.h"
 #include "platform/error_state.h"
@@ -16,16 +17,16 @@ namespace opalcrt
 namespace
 {
 
-constexpr size_t kLargestFile = 64UL * 1024 * 1024;
-
-// jsoncpp's strict mode passes over comments inside an object and takes a NUL byte for the end of the text.
-// Outside strings JSON has no slash at all, and a NUL byte nowhere.
-bool HasCommentOrNul(const std::string &text)
+// jsoncpp's strict mode passes over comments inside an object, takes a NUL byte for the end of the text and
+// control characters inside strings, of which the writer makes six bytes each. Outside strings JSON has no slash
+// at all, and inside them no control character.
+bool HasWhatIsNoJson(const std::string &text)
 {
     bool inString = false;
     for (size_t at = 0; at < text.size(); ++at) {
         const char byte = text[at];
-        if (byte == '\0' || (byte == '/' && !inString)) {
+        const bool isControl = static_cast<unsigned char>(byte) < 0x20;
+        if (byte == '\0' || (inString ? isControl : byte == '/')) {
             return true;
         }
         if (byte == '\\' && inString) {
@@ -46,7 +47,7 @@ bool Parse(const std::string &text, Json::Value &value)
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     try {
         std::string errors;
-        return !HasCommentOrNul(text) &&
+        return !HasWhatIsNoJson(text) &&
                reader->parse(text.data(), text.data() + text.size(), &value, &errors);
     } catch (const Json::Exception &) {
         return false;
@@ -63,26 +64,39 @@ std::string Render(const Json::Value &value, const char *indentation)
 
 }  // namespace
 
-bool fromFile(const std::string &path, Json::Value &value)
+bool fromFile(const std::string &path, Json::Value &value, size_t limit)
 {
     value = Json::Value();
     const UniqueFd fd = OpenRegularFile(path.c_str());
-    std::string text;
-    if (!fd.IsOpen() || !ReadWhole(fd.Get(), kLargestFile, text)) {
+    if (!fd.IsOpen()) {
         return false;
     }
-    if (!Parse(text, value)) {
-        value = Json::Value();  // A failed parse leaves what was read so far.
-        SET_PLATFORM_ERROR(kErrBadFormat);
-        errno = EBADMSG;
-        return false;
+    int error = EBADMSG;
+    try {
+        std::string text;
+        if (!ReadWhole(fd.Get(), limit, text)) {
+            return false;
+        }
+        if (Parse(text, value)) {
+            return true;
+        }
+    } catch (const std::bad_alloc &) {
+        error = ENOMEM;
     }
-    return true;
+    value = Json::Value();  // A failed parse leaves what was read so far.
+    SET_PLATFORM_ERROR(error == ENOMEM ? kErrSystemCall : kErrBadFormat);
+    errno = error;
+    return false;
 }
 
 bool toFile(const std::string &path, const Json::Value &value, bool indented, const std::string &modelPath)
 {
     const std::string text = Render(value, indented ? "\t" : "") + "\n";
+    if (text.size() > kLargestJsonFile) {
+        SET_PLATFORM_ERROR(kErrBadParameter);
+        errno = EFBIG;
+        return false;
+    }
     return ReplaceFile(path, text, modelPath.empty() ? path : modelPath);
 }
 

@@ -8,18 +8,23 @@
 namespace opalcrt
 {
 
-// Reads and parses the whole file. Only strict JSON (RFC 8259) is taken: no comments, no trailing commas, no
-// text after the value, no member twice, no NUL byte. Every one of these reads differently in different
-// readers, and a comment would be lost at the next write; so such a file is broken here rather than half
-// understood. Strings may hold any other bytes, also such as are no UTF-8. False, with `value` null and the
-// platform error state set, when the path is missing, is no regular file, is larger than 64 MiB, is empty,
-// nests deeper than 500 or is no JSON. errno is that of the failed call, EBADMSG for a text that is no JSON.
-bool fromFile(const std::string &path, Json::Value &value);
+// The largest file that is read or written: what was written must be readable.
+constexpr size_t kLargestJsonFile = 64UL * 1024 * 1024;
+
+// Reads and parses the whole file, as jsoncpp's strict mode does and stricter: no comments, no trailing commas, no
+// text after the value, no member twice, no control character in a string, no NUL byte. Every one of these reads
+// differently in different readers, and a comment would be lost at the next write; so such a file is broken here
+// rather than half understood. Strings may hold any other bytes, also such as are no UTF-8. Numbers beyond 64 bits
+// become floating point.
+// False, with `value` null and the platform error state set, when the path is missing, is no regular file, is
+// larger than `limit` bytes, is empty, nests deeper than 500, is no JSON or does not fit into memory. errno is
+// that of the failed call, EBADMSG for a text that is no JSON.
+bool fromFile(const std::string &path, Json::Value &value, size_t limit = kLargestJsonFile);
 
 // Writes the value's text as the whole file with ReplaceFile (platform/atomic_file.h): readers, and the next
 // process after a power cut, see the old file or the new one. `indented` is for people (the books), without
 // it the text is one line. A new file gets the mode and owner of `modelPath` (empty: of `path`) if that
-// exists, else 0644. False as ReplaceFile.
+// exists, else 0644. False as ReplaceFile, and with EFBIG, nothing touched, for a text over kLargestJsonFile.
 bool toFile(const std::string &path, const Json::Value &value, bool indented = false,
             const std::string &modelPath = std::string());
 

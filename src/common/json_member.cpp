@@ -1,9 +1,25 @@
 #include "common/json_member.h"
 
 #include <cstring>
+#include <string_view>
 
 namespace opalcrt
 {
+
+namespace
+{
+
+// GetString without a copy.
+std::string_view View(const Json::Value &object, const char *key)
+{
+    const char *begin = nullptr;
+    const char *end = nullptr;
+    const Json::Value &member = GetMember(object, key);
+    const bool isString = member.isString() && member.getString(&begin, &end);
+    return isString ? std::string_view(begin, static_cast<size_t>(end - begin)) : std::string_view();
+}
+
+}  // namespace
 
 const Json::Value &GetMember(const Json::Value &object, const char *key)
 {
@@ -35,8 +51,8 @@ bool HasBool(const Json::Value &object, const char *key)
 
 bool IsSameService(const Json::Value &one, const Json::Value &other)
 {
-    return GetString(one, "subscriber") == GetString(other, "subscriber") &&
-           GetString(one, "service") == GetString(other, "service");
+    return View(one, "subscriber") == View(other, "subscriber") &&
+           View(one, "service") == View(other, "service");
 }
 
 }  // namespace opalcrt

@@ -10,6 +10,8 @@ namespace opalcrt
 namespace
 {
 
+constexpr size_t kKeptEnd = 256;
+
 std::string Format(const char *format, va_list args)
 {
     va_list measured;
@@ -21,7 +23,8 @@ std::string Format(const char *format, va_list args)
     return text;
 }
 
-// Shortens `longText` inside `line`, never in the middle of a UTF-8 character.
+// Shortens `longText` inside `line`, or else what stands before the line's end, where codes and paths are; never
+// in the middle of a UTF-8 character.
 void CutLongText(std::string &line, const std::string &longText)
 {
     if (line.size() <= kLongestLogLine) {
@@ -29,13 +32,9 @@ void CutLongText(std::string &line, const std::string &longText)
     }
     const size_t excess = line.size() - kLongestLogLine;
     const size_t start = longText.size() > excess ? line.find(longText) : std::string::npos;
-    if (start == std::string::npos) {
-        line.resize(kLongestLogLine);
-        return;
-    }
-    const size_t end = start + longText.size();
+    const size_t end = start == std::string::npos ? line.size() - kKeptEnd : start + longText.size();
     size_t cut = end - excess;
-    while (cut > start && (static_cast<unsigned char>(line[cut]) & 0xC0) == 0x80) {
+    while (cut > 0 && (static_cast<unsigned char>(line[cut]) & 0xC0) == 0x80) {
         --cut;
     }
     line.erase(cut, end - cut);

@@ -28,7 +28,8 @@ inline constexpr char kMkcert[] = "mkcert.cpp";
 constexpr size_t kLongestLogLine = 8192 - 128;
 
 // Formats and sends a line. Where it would be longer than kLongestLogLine, the end of `longText`, one of the
-// arguments, is cut off inside the line, so that what stands behind it is kept. Use the macros.
+// arguments, is cut off inside the line, so that what stands behind it is kept; where it is empty,
+// what stands before the last 256 bytes. Use the macros.
 void LogLine(int priority, const char *source, int line, const std::string &longText, const char *format, ...)
     __attribute__((format(printf, 5, 6)));
 

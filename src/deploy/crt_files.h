@@ -16,7 +16,8 @@ bool CopyCrtFile(const std::string &sourceFolder, const std::string &destination
                  const std::string &name, uid_t uid, gid_t gid);
 
 // Whether the path resolves to itself (IsCanonicalPath) and is a folder. Logged only when it does not resolve
-// to itself.
+// to itself. errno says why not: 0 when it resolves to something else, otherwise that of realpath(3) or stat(2),
+// ENOTDIR when it is no folder.
 bool CheckRealDirectory(const std::string &path);
 
 }  // namespace opalcrt

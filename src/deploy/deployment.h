@@ -3,9 +3,8 @@
 // A service folder holds the certificate's files, mode 0400 and the service's owner, and `info`, a JSON
 // object that tells the service where they lie:
 //   subscriber, service   strings
-//   certs                 array of objects with `cert`, `key` and `chain`, absolute paths in the service
-//   folder;
-//                         `chain` is the full chain file
+//   certs                 array of objects with `cert`, `key` and `chain` (the full chain file), absolute paths
+//                         in the service folder
 // Single mode: cert.pem, privkey.pem, fullchain.pem, and chain.pem and opal-ca-cert.pem where the archive has
 // them; one element in `certs`. Multiple mode: for each key type in the certificate's order its three
 // prefixed files and one element. Nothing else is in the folder.
@@ -15,6 +14,9 @@
 // they take themselves. All files are of one generation: a source that changes while it is copied is a failed
 // copy. False, logged, with the service folder as it was, but for what MoveDirectory says; the staging folder
 // is removed.
+//
+// Only root may be able to write the certificate root and the subscriber's folder: who can exchange the
+// staging folder for a link while it is filled has root write elsewhere.
 #pragma once
 
 #include <json/value.h>

@@ -133,6 +133,7 @@ bool IsCanonicalPath(const std::string &path)
         LOG_ERROR("Failed to get realpath [%d]", errno);
         return false;
     }
+    errno = 0;
     return path == resolved;
 }
 

@@ -8,11 +8,15 @@
 namespace opalcrt
 {
 
+namespace
+{
+constexpr const char *kLogSource = log_source::kFrontEnd;
+}
+
 bool CheckOwnerPermission(const std::string &owner)
 {
-    constexpr const char *kSource = log_source::kFrontEnd;
     if (owner.empty()) {
-        YLIBCErrSetEx(kErrBadParameter, kSource, __LINE__);
+        YLIBCErrSetEx(kErrBadParameter, kLogSource, __LINE__);
         return false;
     }
 
@@ -20,7 +24,7 @@ bool CheckOwnerPermission(const std::string &owner)
     uid_t effective = 0;
     uid_t saved = 0;
     if (getresuid(&real, &effective, &saved) != 0) {
-        YLIBCErrSetEx(kErrUserLookup, kSource, __LINE__);
+        YLIBCErrSetEx(kErrUserLookup, kLogSource, __LINE__);
         return false;
     }
     if (real == 0) {
@@ -29,11 +33,11 @@ bool CheckOwnerPermission(const std::string &owner)
 
     uid_t ownerId = 0;
     if (OPALUserGetUGID(owner, &ownerId, nullptr) < 0) {
-        YLIBCErrSetEx(kErrUserLookup, kSource, __LINE__);
+        YLIBCErrSetEx(kErrUserLookup, kLogSource, __LINE__);
         return false;
     }
     if (ownerId != real) {
-        YLIBCErrSetEx(kErrPermission, kSource, __LINE__);
+        YLIBCErrSetEx(kErrPermission, kLogSource, __LINE__);
         return false;
     }
     return true;

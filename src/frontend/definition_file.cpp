@@ -13,7 +13,10 @@ namespace opalcrt
 namespace
 {
 constexpr const char *kLogSource = log_source::kFrontEnd;
-}
+
+// Some thousand services. Without it one package's definition could fill both books up to their limit.
+constexpr size_t kLargestDefinition = 4UL * 1024 * 1024;
+}  // namespace
 
 bool LoadServiceConfig(const std::string &subscriber, Json::Value &definition, std::string &path)
 {
@@ -37,7 +40,7 @@ bool LoadServiceConfig(const std::string &subscriber, Json::Value &definition, s
         return false;
     }
 
-    if (!fromFile(path, definition)) {
+    if (!fromFile(path, definition, kLargestDefinition)) {
         LOG_ERROR("Failed to get config from %s", path.c_str());
         return false;
     }

@@ -1,5 +1,5 @@
 // Service definition files: SUBSCRIBER.cfg in the system's or the packages' definition directory, a JSON
-// object:
+// object of at most 4 MiB:
 //   owner      string, required    user that owns the subscriber's services
 //   isPkg      boolean, required   must agree with the directory
 //   services   array, required     objects with `service` and `display_name` (strings, required),

@@ -1,5 +1,8 @@
 #include "frontend/services_list.h"
 
+#include <map>
+#include <utility>
+
 #include "common/json_file.h"
 #include "common/json_member.h"
 #include "common/log.h"
@@ -44,26 +47,31 @@ bool ChangeRegisterServices(Change change)
     return true;
 }
 
-void PutService(Json::Value &list, const Json::Value &serviceObj)
+using ServiceKey = std::pair<std::string, std::string>;
+
+ServiceKey KeyOf(const Json::Value &serviceObj)
 {
-    for (Json::Value &listed : list) {
-        if (IsSameService(listed, serviceObj)) {
-            listed = serviceObj;
-            return;
-        }
+    return {GetString(serviceObj, "subscriber"), GetString(serviceObj, "service")};
+}
+
+// Everybody else waits for the lock meanwhile, so the list is looked through once and not for each service.
+void PutServices(Json::Value &list, const Json::Value &services)
+{
+    std::map<ServiceKey, Json::ArrayIndex> places;
+    for (Json::ArrayIndex place = 0; place < list.size(); ++place) {
+        places.try_emplace(KeyOf(list[place]), place);
     }
-    list.append(serviceObj);
+    for (const Json::Value &serviceObj : services) {
+        const auto found = places.try_emplace(KeyOf(serviceObj), list.size()).first;
+        list[found->second] = serviceObj;
+    }
 }
 
 }  // namespace
 
 bool AppendRegisterServices(const Json::Value &services)
 {
-    return ChangeRegisterServices([&services](Json::Value &list) {
-        for (const Json::Value &serviceObj : services) {
-            PutService(list, serviceObj);
-        }
-    });
+    return ChangeRegisterServices([&services](Json::Value &list) { PutServices(list, services); });
 }
 
 bool RemoveRegisterServices(const std::string &subscriber, const std::string &filter)

@@ -20,8 +20,9 @@ int UnRegisterer(int argc, char *argv[]);
 bool FindServiceOwner(const Json::Value &info, Json::Value &request);
 
 // Rewrites INFO without the request's services; entries keep an empty list. True also when there was nothing
-// to remove. The caller holds the info lock exclusively. False, logged, with INFO untouched (after a failed
-// write the content as it was read is in INFO.bak, if that could be written).
+// to remove. The caller holds the info lock exclusively. False, logged, with INFO untouched, except
+// that the new one stands when only the sync of its folder failed; after a failed write the content as it was
+// read is in INFO.bak, if that could be written.
 bool RemoveServiceFromInfo(const Json::Value &request);
 
 // Deletes the service's folder, or the subscriber's when the request has no service, or an empty one. False,

@@ -65,17 +65,14 @@ int YLIBCFileLockTimeByFile(const char *path, int mode, int seconds, int *fd)
     const Clock::time_point end = Clock::now() + std::chrono::seconds(seconds);
     std::chrono::milliseconds pause(1);
     UniqueFd file = OpenLockFile(path);
-    while (file.IsOpen()) {
-        if (flock(file.Get(), (mode == kLockExclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0) {
-            if (IsStillNamed(file.Get(), path)) {
-                *fd = file.Release();
-                return 1;
-            }
-            file = UniqueFd();  // Closed before the name is opened anew.
-            file = OpenLockFile(path);
-            continue;
+    while (file.IsOpen() || errno == ENOENT) {
+        const bool isLocked =
+            file.IsOpen() && flock(file.Get(), (mode == kLockExclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0;
+        if (isLocked && IsStillNamed(file.Get(), path)) {
+            *fd = file.Release();
+            return 1;
         }
-        if (errno != EWOULDBLOCK && errno != EINTR) {
+        if (!isLocked && file.IsOpen() && errno != EWOULDBLOCK && errno != EINTR) {
             break;
         }
         if (Clock::now() >= end) {
@@ -84,6 +81,10 @@ int YLIBCFileLockTimeByFile(const char *path, int mode, int seconds, int *fd)
             return 0;
         }
         Pause(pause, end);
+        if (isLocked || !file.IsOpen()) {
+            file = UniqueFd();  // Let go before the name is opened anew.
+            file = OpenLockFile(path);
+        }
     }
     SET_PLATFORM_ERRNO(errno);
     return 0;

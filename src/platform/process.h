@@ -3,8 +3,8 @@
 // A child gets the program path and the arguments and nothing else of its caller: an environment of ours
 // (PATH, HOME, LC_ALL), /dev/null as its three streams, no other descriptor, every signal at its default and
 // none blocked, "/" as its folder, umask 022. A relative path or a shell is never involved. Except for
-// hooks a child dies with us (PR_SET_PDEATHSIG): a /bin/rm that outlives a killed tool would go on removing
-// after the next run has taken the lock.
+// hooks a child dies almost at once when we are killed (PR_SET_PDEATHSIG): a /bin/rm that outlives the tool
+// would go on removing after the next run has taken the lock.
 //
 // Every function waits for the child. A negative answer has set the platform error state and errno:
 //

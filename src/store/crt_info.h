@@ -9,7 +9,8 @@
 //   isPkg               boolean   required   true: a package's service
 //   owner               string    required   user that owns the files of the service folder
 //   user_setable, multiple_cert   boolean, optional, not checked here
-// No required or present string may be empty. A service is identified by subscriber and service, byte for
+// Members that are not used here are written back as they were read, but for numbers beyond 64 bits, which
+// become floating point. No required or present string may be empty. A service is identified by subscriber and service, byte for
 // byte.
 #pragma once
 
