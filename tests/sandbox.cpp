@@ -96,7 +96,7 @@ Sandbox::Sandbox()
     if (!Exists("/run/opalcrt-world")) {
         throw std::runtime_error("tests run in scripts/world only");
     }
-    Shell("rm -rf /usr/opal/* /usr/local/* /usr/libexec/certificate.d /tmp/*");
+    Shell("find /usr/opal /usr/local /usr/libexec/certificate.d /tmp -xdev -mindepth 1 -delete");
     for (const std::string &folder : {kStore, kPackages, kPackageDefinitions, kSystemDefinitions}) {
         fs::create_directories(folder);
     }
