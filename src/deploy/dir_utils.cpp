@@ -6,6 +6,8 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <iterator>
 
 #include "common/log.h"
 #include "platform/atomic_file.h"
@@ -19,6 +21,8 @@ namespace opalcrt
 
 namespace
 {
+
+namespace fs = std::filesystem;
 
 constexpr const char *kLogSource = log_source::kDirUtils;
 
@@ -44,6 +48,38 @@ bool BringBackLoneBackup(const std::string &backup, const std::string &destinati
         LOG_ERROR("Failed to move %s to %s [%d]", backup.c_str(), destination.c_str(), errno);
     }
     return isFolder == 0 || (isFolder == 1 && Rename(backup, destination));
+}
+
+size_t CountEntries(const std::string &folder)
+{
+    std::error_code error;
+    const fs::directory_iterator entries(folder, error);
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+// Whether both are files of the same size and time of change; /bin/cp -arp keeps the time.
+bool IsCopyOf(const std::string &copy, const std::string &original)
+{
+    struct stat one = {};
+    struct stat other = {};
+    return lstat(copy.c_str(), &one) == 0 && lstat(original.c_str(), &other) == 0 &&
+           one.st_size == other.st_size && one.st_mtim.tv_sec == other.st_mtim.tv_sec &&
+           one.st_mtim.tv_nsec == other.st_mtim.tv_nsec;
+}
+
+// Whether a removal that was killed has left less of the folder than its backup holds: everything that is
+// still there is in the backup too, and something is missing. The backup was whole and on the disk before that
+// removal began.
+bool IsRemainsOf(const std::string &folder, const std::string &backup)
+{
+    std::error_code error;
+    fs::directory_iterator entry(folder, error);
+    for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        if (!IsCopyOf(backup + "/" + entry->path().filename().native(), entry->path().native())) {
+            return false;
+        }
+    }
+    return !error && CountEntries(folder) < CountEntries(backup);
 }
 
 // Copies the destination to the backup when it is a folder, and has the copy on the disk before anything is
@@ -83,7 +119,11 @@ bool MoveDirectory(const std::string &source, const std::string &destination)
         return true;
     }
 
-    if (!BringBackLoneBackup(backup, destination) || !RemovePath(backup) || !BackUp(destination, backup)) {
+    if (!BringBackLoneBackup(backup, destination)) {
+        return false;
+    }
+    const bool hasBackup = IsRemainsOf(destination, backup);
+    if (!hasBackup && (!RemovePath(backup) || !BackUp(destination, backup))) {
         return false;
     }
 

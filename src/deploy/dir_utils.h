@@ -17,7 +17,8 @@ namespace opalcrt
 // What a failed or killed move leaves, and what the next one does with it:
 //   the destination, and a backup, whole or partial: the backup is removed
 //   the backup alone: it is renamed back first, since it is the only whole copy
-//   a partly removed destination and the backup (a kill inside /bin/rm): the backup is removed
+//   a partly removed destination and the backup (a kill inside /bin/rm): the backup is kept as this move's backup,
+//   and none is made of the remains
 // After a failure the destination is as it was, except that
 //   - when the roll-back's removal or rename fails, it is partly removed or absent, and the backup stays;
 //   - when the sync after the rename fails, the new folder stands and the backup stays.
