@@ -1,8 +1,7 @@
-#include "checksum/crt_checksums.h"
-
 #include <openssl/err.h>
 
 #include "checksum/openssl_error.h"
+#include "common/log.h"
 #include "sandbox.h"
 
 namespace opalcrt
@@ -10,97 +9,69 @@ namespace opalcrt
 
 using Checksum = Sandbox;
 
-namespace
-{
-
-// The fingerprint as the openssl program shows it, in our notation.
-std::string Fingerprint(const std::string &id)
-{
-    return Shell("openssl x509 -in " + kStore + id + "/cert.pem -noout -fingerprint -sha256 | cut -d= -f2 | tr -d ':\\n' | "
-                 "tr A-F a-f");
-}
-
-}  // namespace
-
 TEST_F(Checksum, ReportsEveryServiceOfEveryCertificate)
 {
-    AddCrt("b");
-    AddCrt("a");
-    const std::string body = ReadFile(kStore + "a/cert.pem");
-    WriteFile(kStore + "a/cert.pem", "some text\n" + body + ReadFile(kStore + "b/cert.pem"));
-    SetInfo(R"({"b": {"services": [{"service": "web", "subscriber": "p"}]},
-                "a": {"services": [{"service": "one", "subscriber": "\u00fc", "owner": "x"}, {"service": [1]}]},
-                "unused": {"services": []}})");
-    const Result result = Run({"opalcrtchecksum"});
-    EXPECT_EQ(result.status, 0);
-    const std::string a = Fingerprint("a");
-    EXPECT_EQ(a.size(), 64U);
-    EXPECT_EQ(result.out, "[{\"checksum\":\"" + a + "\",\"service\":\"one\",\"subscriber\":\"ü\"},{\"checksum\":\"" + a +
-                              "\",\"service\":[1],\"subscriber\":null},{\"checksum\":\"" + Fingerprint("b") +
-                              "\",\"service\":\"web\",\"subscriber\":\"p\"}]\n");
-    EXPECT_TRUE(TakeLog().empty());
-
-    Shell("chmod 0444 " + kStore + "*/cert.pem; cp " + tools_ + "/opalcrt* /usr/opal/");
-    tools_ = "/usr/opal";
-    EXPECT_EQ(Run({"opalcrtchecksum"}, "", kMail).out, result.out);
+    // The fingerprint as the openssl program shows it, in our notation.
+    const std::string print = "openssl x509 -noout -fingerprint -sha256 | cut -d= -f2 | tr -d ':\\n' | tr A-F a-f";
+    const std::string b = Shell("crt b; <b/cert.pem " + print);
+    const std::string c = Shell("<c/cert.pem " + print);
+    const std::string report = "[{\"checksum\":\"" + b + "\",\"service\":\"one\",\"subscriber\":\"ü\"},{\"checksum\":\"" + b +
+                               "\",\"service\":[1],\"subscriber\":null},{\"checksum\":\"" + c + "\",\"service\":\"web\",\"subscriber\":\"p\"}]\n";
+    Shell(R"({ echo some text; cat c/cert.pem b/cert.pem; } > x; mv x c/cert.pem; chmod 0444 */cert.pem; cp $(which opalcrtchecksum) /usr/opal
+             echo '{"c": {"services": [{"service": "web", "subscriber": "p"}]}, "x": {"services": []},
+             "b": {"services": [{"service": "one", "subscriber": "\u00fc", "owner": "x"}, {"service": [1]}]}}' > INFO)");
+    EXPECT_EQ(b.size(), 64U);
+    EXPECT_EQ(Shell("OPENSSL_CONF=/etc/passwd opalcrtchecksum; setpriv --reuid=opalmail --clear-groups /usr/opal/opalcrtchecksum") + Log(), report + report);
 }
 
 TEST_F(Checksum, PrintsNothingWhenAnythingIsWrong)
 {
-    AddCrt("a");
-    const std::string good = R"({"a": {"services": [{"service": "s", "subscriber": "p"}]}})";
-    const std::string info = kStore + "INFO";
-    const std::string crt = kStore + "a/cert.pem";
-    struct Case {
-        const char *breakIt;
-        std::string info;
-        std::vector<std::string> trail;
-    };
-    const std::string format = "utils.cpp Incorrect format for " + info;
-    const Case cases[] = {
-        {"true", "", {"utils.cpp Open " + info + " failed. Bad message"}},
-        {"rm $I", good, {"utils.cpp Open " + info + " failed. No such file or directory"}},
-        {"true", "[]", {format}}, {"true", "5", {format}}, {"true", R"({"a": 5})", {format}}, {"true", R"({"a": {}})", {format}},
-        {"true", R"({"a": {"services": {}}})", {format}}, {"true", R"({"a": {"services": ["s"]}})", {format}},
-        {"mv $C $C.away", good, {"utils.cpp Realpath " + crt + " failed. No such file or directory"}},
-        {"mv $C $C.away; ln -s cert.pem.away $C", good, {"utils.cpp Invalid path for " + crt + ".away, " + crt + "."}},
-        {"cp ${C%cert.pem}privkey.pem $C", good, {"utils.cpp Read X509 failed. ["}},
-        {"rm $C; mkfifo $C", good, {"utils.cpp Open " + crt + " failed. Invalid argument"}},
-        {"true", R"({"../_archive/a": {"services": [{"service": "s"}]}})", {"utils.cpp Invalid path for "}},
-    };
-    const std::string whole = ReadFile(crt);
-    for (const Case &test : cases) {
-        SetInfo(test.info);
-        Shell("I=" + info + " C=" + crt + "; " + test.breakIt);
-        const Result result = Run({"opalcrtchecksum"}, "timeout 5");
-        EXPECT_EQ(result.status, 1) << test.breakIt << test.info;
-        EXPECT_EQ(result.out, "") << test.breakIt << test.info;
-        EXPECT_TRUE(Logged(test.trail)) << test.breakIt << test.info;
-        Shell("rm -f " + crt);
-        WriteFile(crt, whole);
-    }
+    const Trail format = {"utils.cpp Incorrect format for $A/INFO\n"};
+    Check({{"> INFO", "1", {"utils.cpp Open $A/INFO failed. Bad message"}, ""},
+           {"rm INFO", "1", {"utils.cpp Open $A/INFO failed. No such file or directory"}, ""},
+           {"echo [] > INFO", "1", format, ""},
+           {"echo 5 > INFO", "1", format, ""},
+           {"echo '{\"c\": 5}' > INFO", "1", format, ""},
+           {"echo '{\"c\": {\"services\": {}}}' > INFO", "1", format, ""},
+           {"echo '{\"c\": {\"services\": [{}, \"s\"]}}' > INFO", "1", format, ""},
+           {"sed -i 's|c|../_archive/c|' INFO", "1", {"utils.cpp Invalid path for $A/c/cert.pem, $A/../_archive/c/cert.pem.\n"}, ""},
+           {"mv c/cert.pem c/x", "1", {"utils.cpp Realpath $A/c/cert.pem failed. No such file or directory"}, ""},
+           {"mv c/cert.pem c/x; ln -s x c/cert.pem", "1", {"utils.cpp Invalid path for $A/c/x, $A/c/cert.pem.\n"}, ""},
+           {"cp c/privkey.pem c/cert.pem", "1", {"utils.cpp Read X509 failed. ["}, ""},
+           {"rm c/cert.pem; mkfifo c/cert.pem", "1", {"utils.cpp Open $A/c/cert.pem failed. Invalid argument"}, ""}},
+          "rm -rf c; crt c; echo '{\"c\": {\"services\": [{}]}}' > INFO; ", "timeout 5 opalcrtchecksum", "");
 }
 
 TEST_F(Checksum, FailsWhenNobodyTakesTheReport)
 {
-    EXPECT_EQ(Shell(tools_ + "/opalcrtchecksum > /dev/full; echo $?; " + tools_ + "/opalcrtchecksum >&-; echo $?; " +
-                    "(sleep 0.2; " + tools_ + "/opalcrtchecksum; echo $? > /tmp/status) | true; cat /tmp/status"),
-              "1\n1\n1\n");
-    EXPECT_TRUE(Logged({"opalcrtregister.cpp Failed to write report (No space left on device)", "(Bad file descriptor)", "(Broken pipe)"}));
+    Expect("opalcrtchecksum > /dev/full; echo $?; opalcrtchecksum >&-; echo $?; (sleep 0.2; opalcrtchecksum; echo $? >&2) | true", "1\n1\n1\n0",
+           {"opalcrtregister.cpp Failed to write report (No space left on device)", "(Bad file descriptor)", "(Broken pipe)"});
 }
 
-TEST_F(Checksum, LogsAndEmptiesTheErrorQueue)
+TEST_F(Checksum, LogsAndEmptiesTheErrorQueueAndCutsLongLines)
 {
     LogOpenSSLError("SHA256 init failed.");
     ERR_raise(ERR_LIB_PEM, 108);
     LogOpenSSLError("Step.");
     LogOpenSSLError("Again.");
-    const std::vector<std::string> log = TakeLog();
-    ASSERT_EQ(log.size(), 3U);
-    EXPECT_EQ(log[0], "utils.cpp SHA256 init failed. []");
-    EXPECT_NE(log[1].find("utils.cpp Step. ["), std::string::npos);
-    EXPECT_NE(log[1].find("PEM"), std::string::npos);
-    EXPECT_EQ(log[2], "utils.cpp Again. []");
+    EXPECT_TRUE(Logged({"utils.cpp SHA256 init failed. []\n", "utils.cpp Step. [", "PEM", "utils.cpp Again. []\n"}));
+
+    constexpr const char *kLogSource = log_source::kUtils;
+    std::string text;
+    while (text.size() < 20000) {
+        text += "ü";
+    }
+    errno = ENOSPC;
+    LOG_ERROR_LONG(text, "Failed [%s] to [%s] %m", text.c_str(), "INFO");
+    EXPECT_EQ(errno, ENOSPC);
+    LOG_ERROR("%s] here", text.c_str());
+    const std::string log = Log();
+    const size_t first = log.find('\n');
+    EXPECT_TRUE(log.substr(0, first).ends_with("ü] to [INFO] No space left on device"));
+    EXPECT_TRUE(log.ends_with("üü] here\n"));
+    EXPECT_GT(first, 7900U);
+    EXPECT_LT(first, 8192U - 64);
+    EXPECT_LT(log.size(), 2 * first + 64);
 }
 
 }  // namespace opalcrt

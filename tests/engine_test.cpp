@@ -2,6 +2,7 @@
 
 #include "assign/reload_hooks.h"
 #include "sandbox.h"
+#include "store/crt_info.h"
 
 namespace opalcrt
 {
@@ -11,26 +12,10 @@ class Engine : public Sandbox
 protected:
     Engine()
     {
-        AddCrt("new");
-        AddCrt("old");
-        SetInfo(R"({"new": {"services": [{"subscriber": "q", "service": "web"}]},
-                    "old": {"services": [{"subscriber": "p", "service": "web"}], "desc": 1}})");
-        WriteFile("/usr/local/libexec/certificate.d/p", "#!/bin/sh\necho libexec \"$@\" >> /tmp/hooks; exit 7\n", 0755);
-        ReplaceProgram("/usr/bin/systemctl", "echo \"$@\" >> /tmp/systemctl");
-        services_.append(ServiceObj("p", "web"));
-    }
-    // The services that INFO lists, "new: q/web p/web old: "
-    static std::string Listed()
-    {
-        std::string seen;
-        const Json::Value info = ReadJson(kStore + "INFO");
-        for (const std::string &id : info.getMemberNames()) {
-            seen += id + ": ";
-            for (const Json::Value &service : info[id]["services"]) {
-                seen += service["subscriber"].asString() + "/" + service["service"].asString() + " ";
-            }
-        }
-        return seen;
+        Shell(R"(crt new; crt old; H=/usr/local/libexec/certificate.d; mkdir -p $H; replace /usr/bin/systemctl 'echo $* >> /tmp/systemctl'
+                 printf '#!/bin/sh\necho libexec $* >> /tmp/hooks; exit 7' > $H/p; chmod 0755 $H/p; echo '{"new": {"services": [{"subscriber":
+                 "q", "service": "web"}]}, "old": {"services": [{"subscriber": "p", "service": "web"}], "desc": 1}}' | tee INFO > /run/INFO)");
+        services_.append(ServiceObj("web"));
     }
     Json::Value services_{Json::arrayValue};
 };
@@ -40,118 +25,87 @@ TEST_F(Engine, DoesWhatEachActionSays)
     struct Case {
         int action;
         const char *oldId;
-        const char *crt;  // whose files are deployed
-        const char *listed;
-        bool runsHook;
+        std::string seen;  // whose files are deployed, what INFO lists, and the hook's line
     };
-    const Case cases[] = {
-        {0, "old", "new", "new: q/web p/web old: ", true},   {1, "old", "new", "new: q/web p/web old: ", true},
-        {2, "old", "new", "new: q/web old: p/web ", true},   {3, "", "old", "new: q/web old: p/web ", false},
-        {4, "old", "new", "new: q/web p/web old: ", true},   {4, "", "new", "new: q/web p/web old: p/web ", true},
-    };
-    const std::string info = ReadFile(kStore + "INFO");
-    for (const Case &test : cases) {
-        SetInfo(info);
-        Shell("rm -f /tmp/hooks /tmp/systemctl");
+    const std::string moved = "new info: new: q/web p/web old: ";
+    for (const Case &test : {Case{0, "old", moved + "libexec web\n"}, {1, "old", moved + "libexec web\n"}, {4, "old", moved + "libexec web\n"},
+                             {2, "old", "new info: new: q/web old: p/web libexec web\n"}, {3, "", "old info: new: q/web old: p/web "},
+                             {4, "", moved + "p/web libexec web\n"}}) {
+        Shell("cp /run/INFO INFO; rm -f /tmp/hooks /tmp/systemctl");
         EXPECT_TRUE(SetCrtForServices("new", services_, test.oldId, test.action)) << test.action;
-        EXPECT_EQ(ReadFile(kPackages + "p/web/cert.pem"), ReadFile(kStore + test.crt + "/cert.pem")) << test.action;
-        EXPECT_EQ(Listed(), test.listed) << test.action;
-        EXPECT_EQ(ReadJson(kStore + "INFO")["old"]["desc"], 1);
-        EXPECT_EQ(ReadFile("/tmp/hooks"), test.runsHook ? "libexec web\n" : "(missing)") << test.action;
-        EXPECT_EQ(ReadFile("/tmp/systemctl"), "reload opalrelayd\n");
+        EXPECT_EQ(Shell("for i in old new; do cmp -s $P/p/web/cert.pem $i/cert.pem && printf \"$i \"; done; books | sed 's/list: //'; "
+                        "cat /tmp/hooks 2>/dev/null; jq .old.desc INFO; cat /tmp/systemctl"), test.seen + "1\nreload opalrelayd\n") << test.action;
     }
-    EXPECT_TRUE(TakeLog().empty());
-    Shell("rm -f /tmp/systemctl");
     EXPECT_TRUE(SetCrtForServices("new", Json::Value(Json::arrayValue), "", 3));
-    EXPECT_EQ(ReadFile("/tmp/systemctl"), "reload opalrelayd\n");
+    EXPECT_EQ(Log() + Shell("cat /tmp/systemctl"), "reload opalrelayd\nreload opalrelayd\n");
 }
 
-TEST_F(Engine, RefusesWrongParametersBeforeItDoesAnything)
+TEST_F(Engine, RefusesWrongParametersBeforeItDoesAnythingAndGoesOnAfterAServiceThatFails)
 {
-    const std::string info = ReadFile(kStore + "INFO");
-    for (const int action : {-1, 5, 1 << 30}) {
+    for (const int action : {-1, 5}) {
         EXPECT_FALSE(SetCrtForServices("new", services_, "", action));
-        EXPECT_EQ(TakeLog(), (std::vector<std::string>{"utils.cpp Wrong rgCRTActionInfo.", "utils.cpp Invalid params (action)"}));
+        EXPECT_EQ(Log(), "utils.cpp Wrong rgCRTActionInfo.\nutils.cpp Invalid params (action)\n");
     }
     EXPECT_FALSE(SetCrtForServices("new", Json::Value(Json::objectValue), "", 0));
     EXPECT_FALSE(SetCrtForServices("unknown", services_, "", 0));
-    EXPECT_TRUE(Logged({"Invalid params (cert_id/services)", "Invalid cert id: [unknown]", "Invalid params (cert_id/services)"}));
-    EXPECT_FALSE(DeployDefCrt(services_, 3, ""));
-    EXPECT_TRUE(TakeLog().empty());
-    EXPECT_FALSE(Exists("/tmp/systemctl"));
-    EXPECT_FALSE(Exists(kPackages + "p"));
-    EXPECT_EQ(ReadFile(kStore + "INFO"), info);
-}
+    const std::string params = "utils.cpp Invalid params (cert_id/services)\n";
+    EXPECT_EQ(Log(), params + "utils.cpp Invalid cert id: [unknown]\n" + params);
+    EXPECT_EQ(Shell("ls $P; ls /tmp/*.lock /tmp/systemctl 2>/dev/null; cmp INFO /run/INFO"), "");
 
-TEST_F(Engine, GoesOnAfterAServiceThatFails)
-{
-    Json::Value services(Json::arrayValue);
-    services.append(ServiceObj("p", "web", R"({"note": "x"})"));
-    services[0]["owner"] = "nobody-knows";
-    services.append(5);
-    services.append(ServiceObj("p", "late"));
-    EXPECT_FALSE(SetCrtForServices("new", services, "", 3));
+    services_[0]["owner"] = "nobody-knows";
+    services_.append(5);
+    services_.append(ServiceObj("late"));
+    EXPECT_FALSE(SetCrtForServices("new", services_, "", 3));
     EXPECT_TRUE(Logged({"Failed to OPALUserGetUGID [nobody-knows]", "Failed to set cert [old] for [{", "service object is error."}));
-    EXPECT_EQ(Listed(), "new: q/web p/late old: p/web ");
-    EXPECT_TRUE(Exists("/tmp/systemctl"));
+    EXPECT_EQ(Shell("books; cat /tmp/systemctl"), "list: info: new: q/web p/late old: p/web reload opalrelayd\n");
 }
 
 TEST_F(Engine, LeavesInfoAloneWhenAnEntryIsBroken)
 {
-    struct Case {
-        const char *info;
-        const char *line;
-    };
-    const Case cases[] = {
-        {R"({"new": {"services": []}, "old": {}})", "Broken [/usr/opal/etc/certificate/_archive/INFO][old].[0x"},
-        {R"({"new": {"services": []}, "old": 7})", "Broken [/usr/opal/etc/certificate/_archive/INFO][old].[0x"},
-        {R"({"new": {"services": []}})", "Broken [/usr/opal/etc/certificate/_archive/INFO][old].[0x"},
-        {R"({"new": {"services": {}}, "old": {"services": []}})", "Broken [/usr/opal/etc/certificate/_archive/INFO][new].[0x"},
-        {R"({"new": {}, "old": {"services": []}})", "Broken [/usr/opal/etc/certificate/_archive/INFO][new].[0x"},
-    };
-    for (const Case &test : cases) {
-        SetInfo(test.info);
-        EXPECT_FALSE(SetCrtForServices("new", services_, "old", 0)) << test.info;
-        const std::vector<std::string> log = TakeLog();
-        ASSERT_EQ(log.size(), 2U) << test.info;
-        EXPECT_TRUE(log[0].find(test.line) != std::string::npos) << log[0];
-        EXPECT_TRUE(log[1].starts_with("utils.cpp Failed to update cert info for [{")) << log[1];
-        EXPECT_TRUE(log[1].ends_with("}] from old to new")) << log[1];
-        EXPECT_EQ(ReadFile(kStore + "INFO"), test.info);
-        EXPECT_FALSE(Exists("/tmp/hooks"));
+    for (const std::string info : {R"({"new": {"services": []}, "old": {}})", R"({"new": {"services": []}, "old": 7})", R"({"new": {"services": []}})",
+                                    R"({"new": {"services": {}}, "old": {"services": []}})", R"({"new": {}, "old": {"services": []}})"}) {
+        Shell("echo '" + info + "' > INFO");
+        EXPECT_FALSE(SetCrtForServices("new", services_, "old", 0)) << info;
+        EXPECT_TRUE(Logged({"utils.cpp Broken [$A/INFO][", "].[0x", "utils.cpp Failed to update cert info for [{",
+                            "}] from old to new\n"})) << info;
+        EXPECT_EQ(Shell("cat INFO; ls /tmp/hooks 2>/dev/null"), info + "\n");
     }
-    SetInfo(R"({"new": {"services": []}, "old": {"services": []}})");
-    Shell("mkdir -p " + kStore + "INFO.temp/x");
-    EXPECT_FALSE(SetCrtForServices("new", services_, "old", 0));
-    EXPECT_TRUE(Logged({"Failed to write [{", "utils.cpp Failed to write [/usr/opal/etc/certificate/_archive/INFO].",
-                        "Failed to update cert info for [{"}));
+}
+
+TEST_F(Engine, ChecksServiceObjects)
+{
+    const std::pair<const char *, Json::Value> bad[] = {{"isPkg", "true"}, {"owner", ""}, {"owner", 5}, {"service", ""}, {"subscriber", ""},
+                                                        {"display_name", ""}, {"display_name_i18n", ""}, {"display_name_i18n", false}};
+    for (const auto &[key, value] : bad) {
+        Json::Value object = ServiceObj("web");
+        object["display_name_i18n"] = "x";
+        EXPECT_TRUE(IsServiceObjValid(object));
+        object[key] = value;
+        EXPECT_FALSE(IsServiceObjValid(object)) << key;
+        object.removeMember(key);
+        EXPECT_EQ(IsServiceObjValid(object), std::string(key) == "display_name_i18n") << key;
+        EXPECT_EQ(Log(), std::string(key) == "display_name_i18n" ? "" : std::string("utils.cpp Lack of necesary key. [") + key + "]\n");
+    }
 }
 
 TEST_F(Engine, FindsTheHookOfTheSubscriber)
 {
-    const auto hook = [](const std::string &path, mode_t mode) {
-        WriteFile(path, "#!/bin/sh\necho " + path + " \"$#$1\" >> /tmp/hooks; exit 3\n", mode);
-    };
-    Json::Value system = ServiceObj("p", "we b");
+    Json::Value system = ServiceObj("we b");
     system["isPkg"] = false;
-    EXPECT_EQ(ReloadService(ServiceObj("none", "web")), 0);
+    Json::Value other = ServiceObj("web");
+    other["subscriber"] = "none";
+    EXPECT_EQ(ReloadService(other), 0);
     EXPECT_EQ(ReloadService(system), 0);
-    EXPECT_FALSE(Exists("/tmp/hooks"));
-
-    hook("/usr/libexec/certificate.d/p", 0755);
+    const std::string hook = "hook() { printf '#!/bin/sh\\necho $0 \"$#$1\" >> /tmp/hooks; exit 3' > $1/p; chmod 0755 $1/p; }; ";
+    EXPECT_EQ(Shell("ls /tmp/hooks 2>/dev/null; mkdir -p /usr/libexec/certificate.d; " + hook + "hook /usr/libexec/certificate.d"), "");
     EXPECT_EQ(ReloadService(system), 0);
-    EXPECT_EQ(ReadFile("/tmp/hooks"), "/usr/libexec/certificate.d/p 1we b\n");
-    hook(kSystemDefinitions + "p", 0755);
-    hook(kPackageDefinitions + "p", 0644);
-    Shell("rm /tmp/hooks");
+    Shell(hook + "hook /usr/opal/share/certificate.d");
     EXPECT_EQ(ReloadService(system), 0);
-    EXPECT_EQ(ReadFile("/tmp/hooks"), kSystemDefinitions + "p 1we b\n");
-    EXPECT_TRUE(TakeLog().empty());
-
-    Shell("rm /tmp/hooks");
+    EXPECT_EQ(Log() + Shell("cat /tmp/hooks"), "/usr/libexec/certificate.d/p 1we b\n/usr/opal/share/certificate.d/p 1we b\n");
+    Shell("rm /tmp/hooks; touch $D/p");  // Not executable.
     EXPECT_FALSE(SetCrtForServices("new", services_, "old", 2));
     EXPECT_TRUE(Logged({"utils.cpp Failed to [/usr/local/share/certificate.d/p][web].[0x0500 process.cpp:", "Failed to reload [{"}));
-    EXPECT_FALSE(Exists("/tmp/hooks"));
+    EXPECT_EQ(Shell("ls /tmp/hooks 2>/dev/null"), "");
 }
 
 }  // namespace opalcrt

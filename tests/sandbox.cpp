@@ -1,77 +1,61 @@
 #include "sandbox.h"
 
-#include <json/reader.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
-
-#include "common/json_file.h"
 
 namespace opalcrt
 {
 
-namespace fs = std::filesystem;
-
 namespace
 {
 
-// The sanitizers' report is not part of what the tool prints, and leaks cannot be looked for under strace.
-constexpr char kEnvironment[] = "ASAN_OPTIONS=log_path=/tmp/asan:detect_leaks=0 UBSAN_OPTIONS=log_path=/tmp/ubsan";
-
-std::string Quote(const std::string &text)
-{
-    return "'" + std::regex_replace(text, std::regex("'"), "'\\''") + "'";
+// The tool gives nothing of this environment to its children. The sanitizers' report is not part of what it prints,
+// and leaks cannot be looked for under strace.
+constexpr char kVerbs[] = "export PATH=" TOOL_FOLDER R"sh(:$PATH
+export ASAN_OPTIONS=log_path=/tmp/asan:detect_leaks=0 UBSAN_OPTIONS=log_path=/tmp/ubsan
+S=/usr/opal/etc/certificate A=$S/_archive P=/usr/local/etc/certificate D=/usr/local/share/certificate.d
+empty() { # the books
+    echo '{"c": {"services": []}}' > INFO; echo [] > SERVICES; echo c > DEFAULT
 }
-
-int ToStatus(int status)
-{
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+crt() { # ID [PREFIX]: a certificate of its own, which INFO does not know yet
+    mkdir -p $A/$1 && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=$1 \
+        -keyout $A/$1/$2privkey.pem -out $A/$1/$2cert.pem 2>/dev/null
+    cp $A/$1/$2cert.pem $A/$1/$2fullchain.pem; chmod 0400 $A/$1/*.pem
 }
+definition() { # SERVICES: drops the definition file of package p
+    printf '%s\n' "{\"owner\": \"opalweb\", \"isPkg\": true, \"services\": $1}" > $D/p.cfg
+}
+define() { # SUBSCRIBER SERVICE...: the same with names alone
+    jq -n '{owner: "opalweb", isPkg: true, services: [$ARGS.positional[1:][] | {service: .,
+        display_name: "The \(.)"}]}' --args "$@" > "$D/$1.cfg"
+}
+books() { # which services the two books list
+    jq -j '"list: ", (.[] | objects | "\(.subscriber)/\(.service) "), "info: "' $A/SERVICES
+    jq -j 'to_entries[] | "\(.key): ", (.value | objects | .services[]? | objects | "\(.subscriber)/\(.service) ")' $A/INFO
+}
+replace() { # PROGRAM SCRIPT: until restore, or the end of the test; the script can start the $REAL one
+    [ -e /run/real.${1##*/} ] || cat $1 > /run/real.${1##*/}
+    printf '#!/bin/sh\nREAL=/run/real.%s\n%s\n' ${1##*/} "$2" > /run/stand.${1##*/}
+    chmod 0755 /run/real.* /run/stand.*; mount --bind /run/stand.${1##*/} $(realpath $1)
+}
+restore() { # also takes away what "mount -t tmpfs test FOLDER" made
+    for place in $(awk '$1 == "test" || $2 ~ "^/usr/(bin|opal/etc)/" {print $2}' /proc/mounts); do umount $place; done
+}
+cd $A 2>/dev/null
+)sh";
 
 }  // namespace
 
-std::string ReadFile(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::stringstream text;
-    text << file.rdbuf();
-    return file.is_open() ? text.str() : "(missing)";
-}
-
-void WriteFile(const std::string &path, const std::string &text, mode_t mode)
-{
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-    fs::permissions(path, static_cast<fs::perms>(mode));
-}
-
-Json::Value ParseJson(const std::string &text)
-{
-    Json::Value value;
-    std::istringstream stream(text);
-    std::string errors;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), stream, &value, &errors)) {
-        throw std::runtime_error(text + ": " + errors);
-    }
-    return value;
-}
-
-Json::Value ReadJson(const std::string &path) { return ParseJson(ReadFile(path)); }
-
 std::string Shell(const std::string &command)
 {
-    const std::unique_ptr<FILE, int (*)(FILE *)> pipe(popen(("{ " + command + "\n} 2>&1").c_str(), "re"), pclose);
+    const std::string all = kVerbs + ("{ " + command + "\n} 2>&1");
+    const std::unique_ptr<FILE, int (*)(FILE *)> pipe(popen(all.c_str(), "re"), pclose);
     std::string text;
     for (int byte; (byte = fgetc(pipe.get())) != EOF;) {
         text += static_cast<char>(byte);
@@ -79,121 +63,10 @@ std::string Shell(const std::string &command)
     return text;
 }
 
-bool Exists(const std::string &path) { return fs::exists(fs::symlink_status(path)); }
-
-bool CanParse(const std::string &path)
+Json::Value ServiceObj(const std::string &service)
 {
-    try {
-        ReadJson(path);
-        return true;
-    } catch (const std::exception &) {
-        return false;
-    }
-}
-
-Sandbox::Sandbox()
-{
-    if (!Exists("/run/opalcrt-world")) {
-        throw std::runtime_error("tests run in scripts/world only");
-    }
-    Shell("find /usr/opal /usr/local /usr/libexec/certificate.d /tmp -xdev -mindepth 1 -delete");
-    for (const std::string &folder : {kStore, kPackages, kPackageDefinitions, kSystemDefinitions}) {
-        fs::create_directories(folder);
-    }
-    SetInfo("{}");
-    SetServices("[]");
-    tools_ = TOOL_FOLDER;
-
-    socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = {AF_UNIX, "/dev/log"};
-    unlink(address.sun_path);
-    if (bind(socket_, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
-        chmod(address.sun_path, 0666) != 0) {
-        throw std::runtime_error("/dev/log");
-    }
-    listener_ = std::thread([this] { Listen(); });
-}
-
-Sandbox::~Sandbox()
-{
-    RestorePrograms();
-    stop_ = true;
-    listener_.join();
-    close(socket_);
-    EXPECT_EQ(Shell("cat /tmp/asan* /tmp/ubsan* 2>/dev/null"), "");
-}
-
-void Sandbox::Listen()
-{
-    std::vector<char> line(1 << 20);
-    pollfd wait = {socket_, POLLIN, 0};
-    while (!stop_) {
-        if (poll(&wait, 1, 20) == 1) {
-            const ssize_t length = recv(socket_, line.data(), line.size(), 0);
-            const std::lock_guard guard(mutex_);
-            log_.emplace_back(line.data(), static_cast<size_t>(std::max<ssize_t>(length, 0)));
-        }
-    }
-}
-
-std::vector<std::string> Sandbox::TakeLog()
-{
-    std::this_thread::sleep_for(std::chrono::milliseconds(60));  // A round of the listener.
-    const std::lock_guard guard(mutex_);
-    std::vector<std::string> lines;
-    // "<11>Nov 24 12:00:00 opalcrtregister: utils.cpp:12 text"
-    const std::regex line(R"(^<(\d+)>.{15} (\S+): (\w+\.cpp):\d+ )");
-    for (const std::string &text : log_) {
-        std::smatch found;
-        if (!std::regex_search(text, found, line)) {
-            ADD_FAILURE() << "no log line of ours: " << text;
-        } else {
-            EXPECT_EQ(found[1], text.find("skip move") == std::string::npos ? "11" : "15") << text;
-            lines.push_back(found[3].str() + " " + found.suffix().str());
-        }
-    }
-    log_.clear();
-    return lines;
-}
-
-testing::AssertionResult Sandbox::Logged(const std::vector<std::string> &trail)
-{
-    const std::vector<std::string> lines = TakeLog();
-    size_t next = 0;
-    for (const std::string &line : lines) {
-        if (next < trail.size() && line.find(trail[next]) != std::string::npos) {
-            ++next;
-        }
-    }
-    if (next == trail.size()) {
-        return testing::AssertionSuccess();
-    }
-    testing::AssertionResult failure = testing::AssertionFailure();
-    failure << "not in the log: " << trail[next] << "\nthe log:\n";
-    for (const std::string &line : lines) {
-        failure << "  " << line << "\n";
-    }
-    return failure;
-}
-
-void Sandbox::AddCrt(const std::string &id, const std::vector<std::string> &prefixes)
-{
-    const std::string folder = kStore + id + "/";
-    fs::create_directories(folder);
-    for (const std::string &prefix : prefixes) {
-        Shell("/usr/bin/openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 9 -subj /CN=" + id +
-              " -keyout " + folder + prefix + "privkey.pem -out " + folder + prefix + "cert.pem; cp " + folder +
-              prefix + "cert.pem " + folder + prefix + "fullchain.pem; chmod 0400 " + folder + "*.pem");
-    }
-    Json::Value info = ReadJson(kStore + "INFO");
-    info[id]["services"] = Json::Value(Json::arrayValue);
-    SetInfo(info.toStyledString());
-}
-
-Json::Value ServiceObj(const std::string &subscriber, const std::string &service, const std::string &more)
-{
-    Json::Value object = ParseJson(more);
-    object["subscriber"] = subscriber;
+    Json::Value object;
+    object["subscriber"] = "p";
     object["service"] = service;
     object["display_name"] = "The " + service;
     object["isPkg"] = true;
@@ -201,63 +74,89 @@ Json::Value ServiceObj(const std::string &subscriber, const std::string &service
     return object;
 }
 
-void Sandbox::Define(const std::string &subscriber, const std::vector<std::string> &services)
+Sandbox::Sandbox()
 {
-    Json::Value definition = ParseJson(R"({"owner": "opalweb", "isPkg": true, "services": []})");
-    for (const std::string &service : services) {
-        Json::Value element;
-        element["service"] = service;
-        element["display_name"] = "The " + service;
-        definition["services"].append(element);
+    if (access("/run/opalcrt-world", F_OK) != 0) {
+        throw std::runtime_error("tests run in scripts/world only");
     }
-    WriteFile(kPackageDefinitions + subscriber + ".cfg", toString(definition));
+    Shell("find /usr/opal /usr/local /tmp -xdev -mindepth 1 -delete; mkdir -p $A $P $D /usr/opal/share/certificate.d; "
+          "cd $A; empty; crt c");
+    socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = {AF_UNIX, "/dev/log"};
+    unlink(address.sun_path);
+    if (bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
+        chmod(address.sun_path, 0666) != 0) {
+        throw std::runtime_error("/dev/log");
+    }
+    listener_ = std::thread([this] {
+        std::vector<char> line(1 << 16);
+        for (ssize_t length; (length = recv(socket_, line.data(), line.size(), 0)) > 0;) {
+            const std::lock_guard guard(mutex_);
+            log_.emplace_back(line.data(), static_cast<size_t>(length));
+        }
+    });
 }
 
-Result Sandbox::Run(const std::vector<std::string> &args, const std::string &wrapper, uid_t as)
+Sandbox::~Sandbox()
 {
-    static std::atomic<int> counter = 0;
-    const std::string base = "/run/result." + std::to_string(++counter);
-    std::string command = "export " + std::string(kEnvironment) + "; ";
-    if (as != 0) {
-        command += "/usr/bin/setpriv --reuid=" + std::to_string(as) + " --clear-groups ";
-    }
-    command += wrapper + " " + tools_ + "/" + Quote(args[0]);
-    for (size_t index = 1; index < args.size(); ++index) {
-        command += " " + Quote(args[index]);
-    }
-    Result result;
-    result.status = ToStatus(system((command + " >" + base + ".out 2>" + base + ".err").c_str()));
-    result.out = ReadFile(base + ".out");
-    result.err = ReadFile(base + ".err");
-    EXPECT_EQ(result.err, "") << command;
-    return result;
+    shutdown(socket_, SHUT_RDWR);
+    listener_.join();
+    close(socket_);
+    EXPECT_EQ(Shell("restore; cat /tmp/asan* /tmp/ubsan* 2>/dev/null"), "");
 }
 
-Result Sandbox::RunWithFault(const std::vector<std::string> &args, const std::string &call, const std::string &error,
-                             int when)
+std::string Sandbox::Log()
 {
-    const std::string trace = "/run/fault.trace";
-    const Result result = Run(args, "/usr/bin/strace -qq -o " + trace + " -e signal=none -e trace=" + call +
-                                        " -e inject=" + call + ":" + error + ":when=" + std::to_string(when));
-    EXPECT_NE(ReadFile(trace).find("INJECTED"), std::string::npos) << call << " was not called " << when << " times";
-    return result;
-}
-
-void Sandbox::ReplaceProgram(const std::string &path, const std::string &script)
-{
-    const std::string stand = "/run/program." + fs::path(path).filename().string();
-    WriteFile(stand, "#!/bin/bash\n" + script + "\n", 0755);
-    const std::string real = fs::canonical(path);
-    ASSERT_EQ(Shell("mount --bind " + stand + " " + real), "");
-    replaced_.push_back(real);
-}
-
-void Sandbox::RestorePrograms()
-{
-    for (const std::string &path : replaced_) {
-        EXPECT_EQ(Shell("umount " + path), "");
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));  // The listener is a moment behind.
+    const std::lock_guard guard(mutex_);
+    std::string lines;
+    // "<11>Nov 24 12:00:00 opalcrtregister: utils.cpp:12 text"
+    const std::regex line(R"(^<(\d+)>.{15} (\S+): (\w+\.cpp):\d+ )");
+    for (const std::string &text : log_) {
+        std::smatch found;
+        EXPECT_TRUE(std::regex_search(text, found, line)) << "no log line of ours: " << text;
+        EXPECT_EQ(found[1], text.find("skip move") == std::string::npos ? "11" : "15") << text;
+        lines += found[3].str() + " " + found.suffix().str() + "\n";
     }
-    replaced_.clear();
+    log_.clear();
+    lines = std::regex_replace(lines, std::regex("/usr/opal/etc/certificate/_archive"), "$$A");
+    return std::regex_replace(lines, std::regex("/usr/local/etc/certificate/"), "$$P/");
+}
+
+testing::AssertionResult Sandbox::Logged(const Trail &trail)
+{
+    const std::string log = Log();
+    size_t place = 0;
+    for (const std::string &part : trail) {
+        if ((place = log.find(part, place)) == std::string::npos) {
+            return testing::AssertionFailure() << "not in the log: " << part << "\nthe log:\n" << log;
+        }
+        place += part.size();
+    }
+    return testing::AssertionSuccess();
+}
+
+void Sandbox::Expect(const std::string &command, const std::string &result, const Trail &trail)
+{
+    EXPECT_EQ(Shell(command + "\nprintf $?"), result) << command;
+    EXPECT_TRUE(Logged(trail)) << command;
+}
+
+void Sandbox::Check(const std::vector<Row> &rows, const std::string &before, const std::string &command,
+                    const std::string &look)
+{
+    for (const Row &row : rows) {
+        Expect(before + row.scene + "\n" + command, row.result, row.trail);
+        EXPECT_EQ(Shell(look), row.seen) << row.scene;
+    }
+}
+
+void Sandbox::ExpectWithFault(const std::string &call, int when, const std::string &command,
+                              const std::string &result, const Trail &trail)
+{
+    Expect("strace -qq -o /run/fault -e signal=none -e trace=" + call + " -e inject=" + call +
+               ":error=EIO:when=" + std::to_string(when) + " " + command, result, trail);
+    EXPECT_EQ(Shell("grep -c INJECTED /run/fault"), "1\n") << call << when;
 }
 
 }  // namespace opalcrt

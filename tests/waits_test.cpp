@@ -3,97 +3,51 @@
 
 #include <chrono>
 
-#include "platform/file_lock.h"
 #include "sandbox.h"
 
 namespace opalcrt
 {
 
-class Waits : public Sandbox
-{
-protected:
-    Waits()
-    {
-        AddCrt("c");
-        WriteFile(kStore + "DEFAULT", "c");
-        Define("p", {"web"});
-    }
-    // Runs the command while the lock is held, and says after how many seconds it gave up.
-    double RunAgainst(const char *lock, int mode, const std::vector<std::string> &args, Result &result)
-    {
-        int fd = -1;
-        EXPECT_NE(YLIBCFileLockTimeByFile(lock, mode, 0, &fd), 0);
-        const auto start = std::chrono::steady_clock::now();
-        result = Run(args);
-        const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - start;
-        EXPECT_NE(YLIBCFileUnlockByFile(fd), 0);
-        return waited.count();
-    }
-    void Expect(const char *lock, int mode, double seconds, const std::vector<std::string> &args, const char *out,
-                const std::vector<std::string> &trail)
-    {
-        const std::string info = ReadFile(kStore + "INFO");
-        Result result;
-        const double waited = RunAgainst(lock, mode, args, result);
-        EXPECT_GE(waited, seconds);
-        EXPECT_LT(waited, seconds + 5);
-        EXPECT_EQ(result.status, 1);
-        EXPECT_EQ(result.out, out);
-        EXPECT_TRUE(Logged(trail));
-        EXPECT_EQ(ReadFile(kStore + "INFO"), info);
-    }
+struct Wait {
+    const char *name;
+    const char *lock;  // and how somebody else keeps it, flock(1)
+    double seconds;
+    const char *command;
+    const char *result;
+    Trail trail;
 };
 
-TEST_F(Waits, InfoLockOfAnUnregistration)
+class Locks : public Sandbox, public testing::WithParamInterface<Wait>
 {
-    Expect("/tmp/opalcertificate_info.lock", kLockShared, 10, {"opalcrtunregister", "p"}, "",
-           {"opalcrtregister.cpp Lock list file [/tmp/opalcertificate_info.lock] failed"});
+};
+
+TEST_P(Locks, AreWaitedForNoLonger)
+{
+    const Wait &wait = GetParam();
+    Shell(std::string("define p web; cp INFO /tmp; flock ") + wait.lock + " sleep 90 >/dev/null 2>&1 & sleep 0.3");
+    const auto start = std::chrono::steady_clock::now();
+    Expect(wait.command, wait.result, wait.trail);
+    const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited.count(), wait.seconds);
+    EXPECT_LT(waited.count(), wait.seconds + 5);
+    EXPECT_EQ(Shell("cmp INFO /tmp/INFO"), "");
 }
 
-TEST_F(Waits, InfoLockOfALookup)
-{
-    Expect("/tmp/opalcertificate_info.lock", kLockExclusive, 30, {"opalcrtregister", "p"}, "Failed to DeployDefCrt for p\n",
-           {"utils.cpp Failed to lock [/tmp/opalcertificate_info.lock]", "Failed to check service exist for {"});
-}
-
-TEST_F(Waits, InfoLockOfAnUpdate)
-{
-    Expect("/tmp/opalcertificate_info.lock", kLockShared, 30, {"opalcrtregister", "p"}, "Failed to DeployDefCrt for p\n",
-           {"utils.cpp Lock list file [/tmp/opalcertificate_info.lock] failed", "Failed to update cert info for [{"});
-}
-
-TEST_F(Waits, RecoveryLock)
-{
-    unlink((kStore + "c/cert.pem").c_str());
-    Expect("/tmp/opal_cert_recover.lock", kLockShared, 30, {"opalcrtregister", "p"}, "Failed to DeployDefCrt for p\n",
-           {"utils.cpp Failed to lock file [/tmp/opal_cert_recover.lock]", "Failed to recover certificate for [c]"});
-}
-
-TEST_F(Waits, ServicesLock)
-{
-    Expect("/tmp/opal_cert_register_services.lock", kLockShared, 60, {"opalcrtregister", "p"}, "Failed to append register services\n",
-           {"opalcrtregister.cpp Failed to lock [/tmp/opal_cert_register_services.lock]"});
-}
-
-TEST_F(Waits, ServiceLock)
-{
-    Expect("/tmp/certificate_p_web.lock", kLockShared, 60, {"opalcrtregister", "p"}, "Failed to DeployDefCrt for p\n",
-           {"utils.cpp Failed to lock [/tmp/certificate_p_web.lock]", "Failed to set cert [c] for [{"});
-}
-
-TEST_F(Waits, ALockThatCannotBeReleasedIsOnlyLogged)
-{
-    unlink((kStore + "c/cert.pem").c_str());
-    const char *lines[] = {"utils.cpp Failed to unlock /tmp/opal_cert_recover.lock", "utils.cpp Failed to unlock /tmp/opalcertificate_info.lock",
-                           "utils.cpp Failed to unlock /tmp/certificate_p_web.lock", "utils.cpp Failed to unlock /tmp/opalcertificate_info.lock"};
-    EXPECT_EQ(RunWithFault({"opalcrtregister", "p"}, "flock", "error=EIO", 2).status, 0);
-    EXPECT_TRUE(Logged({"opalcrtregister.cpp Failed to unlock [/tmp/opal_cert_register_services.lock]"}));
-    for (int index = 0; index < 4; ++index) {
-        unlink((kStore + "c/cert.pem").c_str());
-        Define("p", {"web"});
-        EXPECT_EQ(RunWithFault({"opalcrtregister", "p"}, "flock", "error=EIO", 4 + 2 * index).status, 0);
-        EXPECT_TRUE(Logged({lines[index]})) << index;
-    }
-}
+const char *const kFailed = "Failed to DeployDefCrt for p\n1";
+const Wait kWaits[] = {
+    {"InfoOfAnUnregistration", "-s /tmp/opalcertificate_info.lock", 10, "opalcrtunregister p", "1",
+     {"opalcrtregister.cpp Lock list file [/tmp/opalcertificate_info.lock] failed"}},
+    {"InfoOfALookup", "-x /tmp/opalcertificate_info.lock", 30, "opalcrtregister p", kFailed,
+     {"utils.cpp Failed to lock [/tmp/opalcertificate_info.lock]", "Failed to check service exist for {"}},
+    {"InfoOfAnUpdate", "-s /tmp/opalcertificate_info.lock", 30, "opalcrtregister p", kFailed,
+     {"utils.cpp Lock list file [/tmp/opalcertificate_info.lock] failed", "Failed to update cert info for [{"}},
+    {"Recovery", "-s /tmp/opal_cert_recover.lock", 30, "rm c/cert.pem; opalcrtregister p", kFailed,
+     {"utils.cpp Failed to lock file [/tmp/opal_cert_recover.lock]", "Failed to recover certificate for [c]"}},
+    {"Services", "-s /tmp/opal_cert_register_services.lock", 60, "opalcrtregister p", "Failed to append register services\n1",
+     {"opalcrtregister.cpp Failed to lock [/tmp/opal_cert_register_services.lock]"}},
+    {"Service", "-s /tmp/certificate_p_web.lock", 60, "opalcrtregister p", kFailed,
+     {"utils.cpp Failed to lock [/tmp/certificate_p_web.lock]", "Failed to set cert [c] for [{"}},
+};
+INSTANTIATE_TEST_SUITE_P(Waits, Locks, testing::ValuesIn(kWaits), [](const auto &wait) { return wait.param.name; });
 
 }  // namespace opalcrt
