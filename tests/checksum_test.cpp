@@ -4,8 +4,7 @@
 #include "common/log.h"
 #include "sandbox.h"
 
-namespace opalcrt
-{
+using namespace opalcrt;
 
 using Checksum = Sandbox;
 
@@ -27,19 +26,19 @@ TEST_F(Checksum, ReportsEveryServiceOfEveryCertificate)
 TEST_F(Checksum, PrintsNothingWhenAnythingIsWrong)
 {
     const Trail format = {"utils.cpp Incorrect format for $A/INFO\n"};
-    Check({{"> INFO", "1", {"utils.cpp Open $A/INFO failed. Bad message"}, ""},
-           {"rm INFO", "1", {"utils.cpp Open $A/INFO failed. No such file or directory"}, ""},
-           {"echo [] > INFO", "1", format, ""},
-           {"echo 5 > INFO", "1", format, ""},
-           {"echo '{\"c\": 5}' > INFO", "1", format, ""},
-           {"echo '{\"c\": {\"services\": {}}}' > INFO", "1", format, ""},
-           {"echo '{\"c\": {\"services\": [{}, \"s\"]}}' > INFO", "1", format, ""},
-           {"sed -i 's|c|../_archive/c|' INFO", "1", {"utils.cpp Invalid path for $A/c/cert.pem, $A/../_archive/c/cert.pem.\n"}, ""},
-           {"mv c/cert.pem c/x", "1", {"utils.cpp Realpath $A/c/cert.pem failed. No such file or directory"}, ""},
-           {"mv c/cert.pem c/x; ln -s x c/cert.pem", "1", {"utils.cpp Invalid path for $A/c/x, $A/c/cert.pem.\n"}, ""},
-           {"cp c/privkey.pem c/cert.pem", "1", {"utils.cpp Read X509 failed. ["}, ""},
-           {"rm c/cert.pem; mkfifo c/cert.pem", "1", {"utils.cpp Open $A/c/cert.pem failed. Invalid argument"}, ""}},
-          "rm -rf c; crt c; echo '{\"c\": {\"services\": [{}]}}' > INFO; ", "timeout 5 opalcrtchecksum", "");
+    Check({{"> INFO", "1", {"utils.cpp Open $A/INFO failed. Bad message"}},
+           {"rm INFO", "1", {"utils.cpp Open $A/INFO failed. No such file or directory"}},
+           {"echo [] > INFO", "1", format},
+           {"echo 5 > INFO", "1", format},
+           {"echo '{\"c\": 5}' > INFO", "1", format},
+           {"echo '{\"c\": {\"services\": {}}}' > INFO", "1", format},
+           {"echo '{\"c\": {\"services\": [{}, \"s\"]}}' > INFO", "1", format},
+           {"sed -i 's|c|../_archive/c|' INFO", "1", {"utils.cpp Invalid path for $A/c/cert.pem, $A/../_archive/c/cert.pem.\n"}},
+           {"mv c/cert.pem c/x", "1", {"utils.cpp Realpath $A/c/cert.pem failed. No such file or directory"}},
+           {"mv c/cert.pem c/x; ln -s x c/cert.pem", "1", {"utils.cpp Invalid path for $A/c/x, $A/c/cert.pem.\n"}},
+           {"cp c/privkey.pem c/cert.pem", "1", {"utils.cpp Read X509 failed. ["}},
+           {"rm c/cert.pem; mkfifo c/cert.pem", "1", {"utils.cpp Open $A/c/cert.pem failed. Invalid argument"}}},
+          "rm -rf c; crt c; echo '{\"c\": {\"services\": [{}]}}' > INFO; ", "timeout 5 opalcrtchecksum");
 }
 
 TEST_F(Checksum, FailsWhenNobodyTakesTheReport)
@@ -57,7 +56,7 @@ TEST_F(Checksum, LogsAndEmptiesTheErrorQueueAndCutsLongLines)
     EXPECT_TRUE(Logged({"utils.cpp SHA256 init failed. []\n", "utils.cpp Step. [", "PEM", "utils.cpp Again. []\n"}));
 
     constexpr const char *kLogSource = log_source::kUtils;
-    std::string text;
+    std::string text = "u";
     while (text.size() < 20000) {
         text += "ü";
     }
@@ -65,13 +64,10 @@ TEST_F(Checksum, LogsAndEmptiesTheErrorQueueAndCutsLongLines)
     LOG_ERROR_LONG(text, "Failed [%s] to [%s] %m", text.c_str(), "INFO");
     EXPECT_EQ(errno, ENOSPC);
     LOG_ERROR("%s] here", text.c_str());
-    const std::string log = Log();
-    const size_t first = log.find('\n');
-    EXPECT_TRUE(log.substr(0, first).ends_with("ü] to [INFO] No space left on device"));
+    std::string log = Log();
     EXPECT_TRUE(log.ends_with("üü] here\n"));
-    EXPECT_GT(first, 7900U);
-    EXPECT_LT(first, 8192U - 64);
-    EXPECT_LT(log.size(), 2 * first + 64);
+    EXPECT_LT(log.size(), 16300U);
+    log.erase(log.find('\n'));
+    EXPECT_TRUE(log.ends_with("ü] to [INFO] No space left on device"));
+    EXPECT_GT(log.size(), 7900U);
 }
-
-}  // namespace opalcrt

@@ -4,8 +4,7 @@
 #include "sandbox.h"
 #include "store/crt_info.h"
 
-namespace opalcrt
-{
+using namespace opalcrt;
 
 class Engine : public Sandbox
 {
@@ -107,5 +106,3 @@ TEST_F(Engine, FindsTheHookOfTheSubscriber)
     EXPECT_TRUE(Logged({"utils.cpp Failed to [/usr/local/share/certificate.d/p][web].[0x0500 process.cpp:", "Failed to reload [{"}));
     EXPECT_EQ(Shell("ls /tmp/hooks 2>/dev/null"), "");
 }
-
-}  // namespace opalcrt

@@ -2,8 +2,7 @@
 
 #include "sandbox.h"
 
-namespace opalcrt
-{
+using namespace opalcrt;
 
 using Recovery = Sandbox;
 
@@ -65,34 +64,24 @@ TEST_F(Recovery, DoesNotMendWhatItCannotLookAt)
 // Each program that a mend runs fails once; the folder must then be one that is mended again, or the old one whole.
 TEST_F(Recovery, NeverLooksWholeWhenItWasCutOff)
 {
-    struct Case {
-        const char *scene;
-        Trail trail;
-        bool keepsChain;
-    };
-    const std::string ca = "Generate CA key & crt failed\nutils.cpp Failed to generate default certificate to recover for [c]\n";
-    const std::string set = "Failed to generate cert set\nutils.cpp Failed to generate default certificate to recover for [c]\n";
-    const Case cases[] = {
-        {"ssl '*' 'exit 1'", {"Error when execute", "genCAKey() failed", ca}, true},
-        {"ssl 'req*' 'exit 1'", {"Create CSR failed, command", "genCACsr() failed", ca}, true},
-        {"ssl 'x509*' 'exit 1'", {"Error when execute", "genCACrt() failed", ca}, false},
-        {"ssl '*CAserial*' 'exit 1'", {"Error when execute", "Failed to generate cert\n", set}, false},
-        {"ssl '*c/privkey.pem*2048*' 'exit 1'", {"Error when execute", "Failed to generate key", set}, false},
-        {"ssl '*server.cfg*' 'exit 1'", {"Create CSR failed, command", "Failed to generate csr", set}, false},
-        {"ssl '*signkey*' 'cp /tmp/other.pem ${11}'", {"Root certificate and key is not matching", ca}, false},
-        {"ssl '*CAserial*' 'cp /tmp/other.pem ${11}'", {"cert and key is not matching.", set}, false},
-        {"replace /bin/cp ': > $3; exit 1'", {"Failed to copy crt to chain crt.", set}, false},
-        {"replace /bin/mkdir 'exit 1'", {"Failed to mkdir -p [", "Failed to generate directory for", "genCAKey() failed", ca}, true},
-        {"mkdir -p cert_info.new/x", {"utils.cpp Failed to write cert info [21]"}, true},
-    };
-    Shell("cp c/cert.pem /tmp/other.pem");
-    for (const Case &test : cases) {
-        Expect("ssl() { replace /usr/bin/openssl \"case \\\"\\$*\\\" in $1) $2;; *) exec \\$REAL \\\"\\$@\\\";; esac\"; }; "
-               "cd c; echo old > fullchain.pem; echo old > privkey.pem; rm -f cert.pem; " + std::string(test.scene), "0");
-        EXPECT_FALSE(CheckAndRecoverCrt("c")) << test.scene;
-        EXPECT_TRUE(Logged(test.trail)) << test.scene;
-        EXPECT_EQ(Shell("restore; cd c; [ ! -e fullchain.pem ]; printf $?; ls cert_info 2>/dev/null"), test.keepsChain ? "1" : "0") << test.scene;
-    }
+    const std::string failed = "Failed to DeployDefCrt for p\n1";
+    const std::string end = "utils.cpp Failed to generate default certificate to recover for [c]\n";
+    const std::string ca = "mkcert.cpp Generate CA key & crt failed\n" + end;
+    const std::string set = "mkcert.cpp Failed to generate cert set\n" + end;
+    Check({{"ssl '*' 'exit 1'", failed, {"Error when execute\nmkcert.cpp genCAKey() failed\n" + ca}, "fullchain.pem\n"},
+           {"ssl 'req*' 'exit 1'", failed, {"Create CSR failed, command\nmkcert.cpp genCACsr() failed\n" + ca}, "fullchain.pem\n"},
+           {"ssl 'x509*' 'exit 1'", failed, {"Error when execute\nmkcert.cpp genCACrt() failed\n" + ca}},
+           {"ssl '*CAserial*' 'exit 1'", failed, {"Error when execute\nmkcert.cpp Failed to generate cert\n" + set}},
+           {"ssl '*c/privkey.pem*2048*' 'exit 1'", failed, {"Error when execute\nmkcert.cpp Failed to generate key\n" + set}},
+           {"ssl '*server.cfg*' 'exit 1'", failed, {"Create CSR failed, command\nmkcert.cpp Failed to generate csr\n" + set}},
+           {"ssl '*signkey*' 'cp /tmp/other.pem ${11}'", failed, {"Root certificate and key is not matching\n" + ca}},
+           {"ssl '*CAserial*' 'cp /tmp/other.pem ${11}'", failed, {"mkcert.cpp cert and key is not matching.\n" + set}},
+           {"replace /bin/cp ': > $3; exit 1'", failed, {"mkcert.cpp Failed to copy crt to chain crt.\n" + set}},
+           {"replace /bin/mkdir 'exit 1'", failed, {"mkcert.cpp Failed to mkdir -p [$A/c] (5)\n", ca}, "fullchain.pem\n"},
+           {"mkdir -p c/cert_info.new/x", failed, {"utils.cpp Failed to write cert info [21]\n"}, "fullchain.pem\n"}},
+          R"(restore; cp c/cert.pem /tmp/other.pem 2>/dev/null; rm -rf c; mkdir c; echo old | tee c/fullchain.pem > c/privkey.pem; define p
+             ssl() { replace /usr/bin/openssl "case \"\$*\" in $1) $2;; *) exec \$REAL \"\$@\";; esac"; }; )",
+          "opalcrtregister p", "ls c | grep fullchain");
 }
 
 TEST_F(Recovery, SyncsTheSetBeforeTheChain)
@@ -119,5 +108,3 @@ TEST_F(Recovery, TellsTheSystemBus)
     EXPECT_EQ(Shell("for i in $(seq 100); do grep -q certificate_broken /tmp/heard && break; sleep 0.05; done; grep -cE 'Path=/org/opal/Notification "
                     "+Interface=org.opal.Notification +Member=Event|STRING \"certificate_broken\"' /tmp/heard; pkill busctl; pkill dbus-daemon"), "2\n");
 }
-
-}  // namespace opalcrt

@@ -1,5 +1,6 @@
 #include "sandbox.h"
 
+#include <json/reader.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -7,17 +8,15 @@
 
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <stdexcept>
 
 namespace opalcrt
 {
 
-namespace
-{
-
 // The tool gives nothing of this environment to its children. The sanitizers' report is not part of what it prints,
 // and leaks cannot be looked for under strace.
-constexpr char kVerbs[] = "export PATH=" TOOL_FOLDER R"sh(:$PATH
+static constexpr char kVerbs[] = "export PATH=" TOOL_FOLDER R"sh(:$PATH
 export ASAN_OPTIONS=log_path=/tmp/asan:detect_leaks=0 UBSAN_OPTIONS=log_path=/tmp/ubsan
 S=/usr/opal/etc/certificate A=$S/_archive P=/usr/local/etc/certificate D=/usr/local/share/certificate.d
 empty() { # the books
@@ -32,17 +31,22 @@ definition() { # SERVICES: drops the definition file of package p
     printf '%s\n' "{\"owner\": \"opalweb\", \"isPkg\": true, \"services\": $1}" > $D/p.cfg
 }
 define() { # SUBSCRIBER SERVICE...: the same with names alone
-    jq -n '{owner: "opalweb", isPkg: true, services: [$ARGS.positional[1:][] | {service: .,
-        display_name: "The \(.)"}]}' --args "$@" > "$D/$1.cfg"
+    jq -n '{owner: "opalweb", isPkg: true, services: [$ARGS.positional[1:][] |
+        {service: ., display_name: "The \(.)"}]}' --args "$@" > "$D/$1.cfg"
 }
 books() { # which services the two books list
     jq -j '"list: ", (.[] | objects | "\(.subscriber)/\(.service) "), "info: "' $A/SERVICES
-    jq -j 'to_entries[] | "\(.key): ", (.value | objects | .services[]? | objects | "\(.subscriber)/\(.service) ")' $A/INFO
+    jq -j 'to_entries[] | "\(.key): ", (.value.services? // [] | .[]? | objects | "\(.subscriber)/\(.service) ")' $A/INFO
 }
 replace() { # PROGRAM SCRIPT: until restore, or the end of the test; the script can start the $REAL one
     [ -e /run/real.${1##*/} ] || cat $1 > /run/real.${1##*/}
     printf '#!/bin/sh\nREAL=/run/real.%s\n%s\n' ${1##*/} "$2" > /run/stand.${1##*/}
     chmod 0755 /run/real.* /run/stand.*; mount --bind /run/stand.${1##*/} $(realpath $1)
+}
+fault() { # CALL N COMMAND...: the N-th such call of the tool itself (not of its children) is answered by EIO
+    call=$1 when=$2; shift 2
+    strace -qq -o /run/fault -e signal=none -e trace=$call -e inject=$call:error=EIO:when=$when "$@"
+    grep -q INJECTED /run/fault || echo "fewer calls"
 }
 restore() { # also takes away what "mount -t tmpfs test FOLDER" made
     for place in $(awk '$1 == "test" || $2 ~ "^/usr/(bin|opal/etc)/" {print $2}' /proc/mounts); do umount $place; done
@@ -50,7 +54,8 @@ restore() { # also takes away what "mount -t tmpfs test FOLDER" made
 cd $A 2>/dev/null
 )sh";
 
-}  // namespace
+static const sockaddr_un kLog = {AF_UNIX, "/dev/log"};
+static const sockaddr *const kLogAddress = reinterpret_cast<const sockaddr *>(&kLog);
 
 std::string Shell(const std::string &command)
 {
@@ -66,11 +71,8 @@ std::string Shell(const std::string &command)
 Json::Value ServiceObj(const std::string &service)
 {
     Json::Value object;
-    object["subscriber"] = "p";
-    object["service"] = service;
-    object["display_name"] = "The " + service;
-    object["isPkg"] = true;
-    object["owner"] = "opalweb";
+    std::istringstream(R"({"subscriber": "p", "service": ")" + service + R"(", "display_name": "The )" + service +
+                       R"(", "isPkg": true, "owner": "opalweb"})") >> object;
     return object;
 }
 
@@ -82,10 +84,8 @@ Sandbox::Sandbox()
     Shell("find /usr/opal /usr/local /tmp -xdev -mindepth 1 -delete; mkdir -p $A $P $D /usr/opal/share/certificate.d; "
           "cd $A; empty; crt c");
     socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = {AF_UNIX, "/dev/log"};
-    unlink(address.sun_path);
-    if (bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
-        chmod(address.sun_path, 0666) != 0) {
+    unlink("/dev/log");
+    if (bind(socket_, kLogAddress, sizeof(kLog)) != 0 || chmod("/dev/log", 0666) != 0) {
         throw std::runtime_error("/dev/log");
     }
     listener_ = std::thread([this] {
@@ -93,6 +93,7 @@ Sandbox::Sandbox()
         for (ssize_t length; (length = recv(socket_, line.data(), line.size(), 0)) > 0;) {
             const std::lock_guard guard(mutex_);
             log_.emplace_back(line.data(), static_cast<size_t>(length));
+            arrived_.notify_one();
         }
     });
 }
@@ -107,8 +108,10 @@ Sandbox::~Sandbox()
 
 std::string Sandbox::Log()
 {
-    std::this_thread::sleep_for(std::chrono::milliseconds(60));  // The listener is a moment behind.
-    const std::lock_guard guard(mutex_);
+    sendto(socket_, "end", 3, 0, kLogAddress, sizeof(kLog));  // The listener is a moment behind.
+    std::unique_lock guard(mutex_);
+    arrived_.wait(guard, [this] { return !log_.empty() && log_.back() == "end"; });
+    log_.pop_back();
     std::string lines;
     // "<11>Nov 24 12:00:00 opalcrtregister: utils.cpp:12 text"
     const std::regex line(R"(^<(\d+)>.{15} (\S+): (\w+\.cpp):\d+ )");
@@ -149,14 +152,6 @@ void Sandbox::Check(const std::vector<Row> &rows, const std::string &before, con
         Expect(before + row.scene + "\n" + command, row.result, row.trail);
         EXPECT_EQ(Shell(look), row.seen) << row.scene;
     }
-}
-
-void Sandbox::ExpectWithFault(const std::string &call, int when, const std::string &command,
-                              const std::string &result, const Trail &trail)
-{
-    Expect("strace -qq -o /run/fault -e signal=none -e trace=" + call + " -e inject=" + call +
-               ":error=EIO:when=" + std::to_string(when) + " " + command, result, trail);
-    EXPECT_EQ(Shell("grep -c INJECTED /run/fault"), "1\n") << call << when;
 }
 
 }  // namespace opalcrt

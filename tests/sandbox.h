@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -13,8 +14,6 @@
 namespace opalcrt
 {
 
-constexpr unsigned kWeb = 64101;  // users that scripts/world adds: opalweb and opalmail
-constexpr unsigned kMail = 64102;
 using Trail = std::vector<std::string>;
 
 // What a shell prints. It starts in $A (the archive), knows the commands of the tool, the folders $S (the system's
@@ -27,7 +26,7 @@ struct Row {
     std::string scene;
     std::string result;  // what the command prints, and its exit status
     Trail trail;         // parts of the log, in this order
-    std::string seen;    // what the look shows afterwards
+    std::string seen = "";  // what the look shows afterwards
 };
 
 class Sandbox : public testing::Test
@@ -42,14 +41,12 @@ protected:
     void Expect(const std::string &command, const std::string &result, const Trail &trail = {});
     // For each row: `before` and its scene, then the command, then the look.
     void Check(const std::vector<Row> &rows, const std::string &before, const std::string &command,
-               const std::string &look);
-    // Expect, with the N-th `call` of the tool itself (not its children) answered by EIO.
-    void ExpectWithFault(const std::string &call, int when, const std::string &command, const std::string &result,
-                         const Trail &trail);
+               const std::string &look = "");
 
 private:
     int socket_ = -1;
     std::mutex mutex_;
+    std::condition_variable arrived_;
     std::vector<std::string> log_;
     std::thread listener_;
 };

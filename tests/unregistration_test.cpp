@@ -2,8 +2,7 @@
 
 #include "sandbox.h"
 
-namespace opalcrt
-{
+using namespace opalcrt;
 
 using Unregistration = Sandbox;
 
@@ -37,13 +36,13 @@ TEST_F(Unregistration, StopsAtTheStepThatFails)
     const std::string init = "Failed to init for Un-Registerer\n1";
     const std::string list = "Failed to remove register services\n1";
     const std::string info = "Failed to remove service from info\n1";
-    Check({{"rm INFO", init, {"opalcrtregister.cpp Failed to get info for UnRegisterer"}, ""},
-           {"echo {} > INFO", init, {"Bad certificate info"}, ""},
-           {"echo null > INFO", init, {"Bad certificate info"}, ""},
-           {"echo [1] > INFO", init, {"Bad certificate info"}, ""},
-           {"sed -i s/opalweb// INFO", init, {"Failed to init, [0x0D00 opalcrtregister.cpp:"}, ""},
-           {"rm SERVICES", list, {"Failed to read register services, it may missed or broken"}, ""},
-           {"mkdir -p SERVICES.new/x", list, {"Failed to write register services (Is a directory)"}, ""},
+    Check({{"rm INFO", init, {"opalcrtregister.cpp Failed to get info for UnRegisterer"}},
+           {"echo {} > INFO", init, {"Bad certificate info"}},
+           {"echo null > INFO", init, {"Bad certificate info"}},
+           {"echo [1] > INFO", init, {"Bad certificate info"}},
+           {"sed -i s/opalweb// INFO", init, {"Failed to init, [0x0D00 opalcrtregister.cpp:"}},
+           {"rm SERVICES", list, {"Failed to read register services, it may missed or broken"}},
+           {"mkdir -p SERVICES.new/x", list, {"Failed to write register services (Is a directory)"}},
            {"sed -i 's/mail\", \"owner\": \"opalweb/mail\", \"owner\": \"x/' INFO", info, {"Bad info: [x(pkg)_opalweb(pkg)]"}, "SERVICES "},
            {"sed -i 's/\"isPkg\": true}]}, \"c/\"isPkg\": 1}]}, \"c/' INFO", info, {"Bad info: [opalweb()_opalweb(pkg)]"}, "SERVICES "},
            {"mkdir -p INFO.new/x", info, {"Failed to update info file\nopalcrtregister.cpp Original info file is backed up to $A/INFO.bak"}, "SERVICES backup "},
@@ -83,5 +82,3 @@ TEST_F(Unregistration, EndsRightAfterARaceWithARegistration)
                     "echo $i; cp /tmp/r.cfg $D; opalcrtregister r; books; ls $P/r; opalcrtunregister r; books; ls $P"),
               "100\nlist: p/web s/web p/mail r/web r/mail info: a: s/web p/web b: p/mail c: r/web r/mail mail\nweb\n" + kAll + "p\n");
 }
-
-}  // namespace opalcrt

@@ -5,8 +5,7 @@
 
 #include "sandbox.h"
 
-namespace opalcrt
-{
+using namespace opalcrt;
 
 struct Wait {
     const char *name;
@@ -49,5 +48,3 @@ const Wait kWaits[] = {
      {"utils.cpp Failed to lock [/tmp/certificate_p_web.lock]", "Failed to set cert [c] for [{"}},
 };
 INSTANTIATE_TEST_SUITE_P(Waits, Locks, testing::ValuesIn(kWaits), [](const auto &wait) { return wait.param.name; });
-
-}  // namespace opalcrt
