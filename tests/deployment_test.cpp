@@ -37,6 +37,8 @@ TEST_F(Deployment, MovesAFolderOrLeavesTheOldOne)
         {old + "cp -a s s.bak; replace /bin/cp 'exit 1'", false, left, {"Failed to copy /tmp/w/s to "}},
         {old + "cp -r s s.bak; touch -d 2020-01-01 s.bak/o; echo b > s.bak/b; replace /bin/cp 'exit 1'", false, left,
          {"Failed to copy /tmp/w/s to "}},
+        {"mkdir s.bak; mount -t tmpfs test s.bak; replace /bin/rm 'touch /tmp/w/ran'", false, "s.temp/n=new\n",
+         {"Failed to move /tmp/w/s.bak to /tmp/w/s [16]"}},
         // A rename fails because the source is a mount point: rolled back.
         {old + "mount -t tmpfs test s.temp", false, left, {"Failed to move /tmp/w/s.temp to /tmp/w/s [16]\n"}},
         {"mount -t tmpfs test s.temp", false, "s.temp/n=new\n", {"Failed to move /tmp/w/s.bak to /tmp/w/s [2]\n"}},

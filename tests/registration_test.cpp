@@ -167,7 +167,7 @@ TEST_F(Registration, PassesNothingOfItsCallerToItsChildren)
 {
     Shell("rm c/fullchain.pem; replace /usr/bin/openssl 'echo $* >> /tmp/openssl; exec $REAL \"$@\"'; replace /usr/bin/systemctl '"
           "{ while read -r line; do case $line in SigBlk*|SigIgn*) echo $line;; esac; done < /proc/$$/status; "
-          "ls -l /proc/$$/fd | grep -c null; ls /proc/$$/fd; env | sort; pwd; umask; } > /tmp/seen'");
+          "ls -l /proc/$$/fd | grep -c null; (cd /proc/$$/fd; echo *); env | sort; pwd; umask; } > /tmp/seen'");
     Expect("define p web; exec 7</etc/passwd; umask 0; OPENSSL_CONF=/etc/passwd SECRET=1 env --block-signal "
            "--ignore-signal=CHLD,PIPE,TERM opalcrtregister p", "0", {"c is incomplete"});
     // The descriptors 10 and 11 are sh's own, and so are the signals 32 and 33 of popen(3).

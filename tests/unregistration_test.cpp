@@ -1,6 +1,8 @@
 #include <regex>
 
+#include "frontend/unregisterer.h"
 #include "sandbox.h"
+#include "store/paths.h"
 
 using namespace opalcrt;
 
@@ -71,6 +73,24 @@ TEST_F(Unregistration, RemovesNeitherTheArchiveNorWhatALinkLeadsTo)
     }
     Expect("sed -i 's|\"s\"|\"s/../_archive\"|' SERVICES INFO; opalcrtunregister s/../_archive; books; " + look,
            "Failed to remove service certificate\nlist: p/web p/mail info: a: p/web b: p/mail c: " + before + "0", {"Invalid certificate: s/../_archive"});
+}
+
+// Behind the commands, which look at names first.
+TEST_F(Unregistration, KnowsWhatLiesInsideTheRoot)
+{
+    Shell("mkdir -p $P/a/web $P/ab /usr/local/out/web; cd $P; ln -s /usr/local/out linked; ln -s ../../../out a/out; ln -s no dangling");
+    const auto isInside = [](const std::string &path) {
+        const size_t slash = path.find('/');
+        return IsServiceFolderInRoot(true, path.substr(0, slash), path.substr(slash + 1));
+    };
+    for (const char *path : {"a/", "ab/", "a/web"}) {
+        EXPECT_TRUE(isInside(path)) << path;
+    }
+    for (const char *path : {"/", "/web", "./", "../", "no/", "a/no", "a/out", "a/..", "a/.", "linked/", "linked/web", "dangling/"}) {
+        EXPECT_FALSE(isInside(path)) << path;
+    }
+    EXPECT_FALSE(RemoveServiceCertificate(Json::Value(Json::objectValue)));
+    EXPECT_EQ(Log(), "opalcrtregister.cpp Invalid config: {}\n");
 }
 
 // A registration and an unregistration of one subscriber at once, many times: the books stay right for everybody else,
