@@ -16,6 +16,8 @@ struct Wait {
     Trail trail;
 };
 
+void PrintTo(const Wait &wait, std::ostream *out) { *out << wait.name; }
+
 class Locks : public Sandbox, public testing::WithParamInterface<Wait>
 {
 };
