@@ -56,7 +56,7 @@ TEST_F(Recovery, DoesNotMendWhatItCannotLookAt)
     Shell("cp c/privkey.pem /tmp; cd c; mv fullchain.pem kept; ln -s fullchain.pem fullchain.pem");
     EXPECT_FALSE(CheckAndRecoverCrt("c"));
     EXPECT_EQ(Log(), kLacks + "utils.cpp Failed to recover certificate for [c]\n");
-    Expect("rm c/fullchain.pem; mv c/kept c/fullchain.pem; define p web; fault readlink 1 opalcrtregister p; "
+    Expect("rm c/fullchain.pem; mv c/kept c/fullchain.pem; define p web; fault readlink 4 opalcrtregister p; "
            "cmp c/privkey.pem /tmp/privkey.pem", "Failed to DeployDefCrt for p\n0",
            {"Failed to get realpath [5]", "Folder not exits [$A/c]", "Failed to recover certificate for [c]"});
     EXPECT_EQ(Shell("cmp c/privkey.pem /tmp/privkey.pem; mv c /usr/opal/real; ln -s c c"), "");
