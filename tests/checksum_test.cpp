@@ -20,7 +20,8 @@ TEST_F(Checksum, ReportsEveryServiceOfEveryCertificate)
              echo '{"c": {"services": [{"service": "web", "subscriber": "p"}]}, "x": {"services": []},
              "b": {"services": [{"service": "one", "subscriber": "\u00fc", "owner": "x"}, {"service": [1]}]}}' > INFO)");
     EXPECT_EQ(b.size(), 64U);
-    EXPECT_EQ(Shell("OPENSSL_CONF=/etc/passwd opalcrtchecksum; setpriv --reuid=opalmail --clear-groups /usr/opal/opalcrtchecksum") + Log(), report + report);
+    EXPECT_EQ(Shell("OPENSSL_CONF=/etc/passwd opalcrtchecksum; setpriv --reuid=opalmail --clear-groups /usr/opal/opalcrtchecksum"),
+              report + report);
 }
 
 TEST_F(Checksum, PrintsNothingWhenAnythingIsWrong)
@@ -29,7 +30,6 @@ TEST_F(Checksum, PrintsNothingWhenAnythingIsWrong)
     Check({{"> INFO", "1", {"utils.cpp Open $A/INFO failed. Bad message"}},
            {"rm INFO", "1", {"utils.cpp Open $A/INFO failed. No such file or directory"}},
            {"echo [] > INFO", "1", format},
-           {"echo 5 > INFO", "1", format},
            {"echo '{\"c\": 5}' > INFO", "1", format},
            {"echo '{\"c\": {\"services\": {}}}' > INFO", "1", format},
            {"echo '{\"c\": {\"services\": [{}, \"s\"]}}' > INFO", "1", format},
@@ -43,7 +43,8 @@ TEST_F(Checksum, PrintsNothingWhenAnythingIsWrong)
 
 TEST_F(Checksum, FailsWhenNobodyTakesTheReport)
 {
-    Expect("opalcrtchecksum > /dev/full; echo $?; opalcrtchecksum >&-; echo $?; (sleep 0.2; opalcrtchecksum; echo $? >&2) | true", "1\n1\n1\n0",
+    Expect("opalcrtchecksum > /dev/full; echo $?; opalcrtchecksum >&-; echo $?; (sleep 0.2; opalcrtchecksum; echo $? >&2) | true; "
+           "opalcrtunregister x <&- >&-", "1\n1\n1\n1",
            {"opalcrtregister.cpp Failed to write report (No space left on device)", "(Bad file descriptor)", "(Broken pipe)"});
 }
 

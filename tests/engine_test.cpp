@@ -33,7 +33,8 @@ TEST_F(Engine, DoesWhatEachActionSays)
         Shell("cp /run/INFO INFO; rm -f /tmp/hooks /tmp/systemctl");
         EXPECT_TRUE(SetCrtForServices("new", services_, test.oldId, test.action)) << test.action;
         EXPECT_EQ(Shell("for i in old new; do cmp -s $P/p/web/cert.pem $i/cert.pem && printf \"$i \"; done; books | sed 's/list: //'; "
-                        "cat /tmp/hooks 2>/dev/null; jq .old.desc INFO; cat /tmp/systemctl"), test.seen + "1\nreload opalrelayd\n") << test.action;
+                        "cat /tmp/hooks 2>/dev/null; jq .old.desc INFO; cat /tmp/systemctl"),
+                  test.seen + "1\nreload opalrelayd\n") << test.action;
     }
     EXPECT_TRUE(SetCrtForServices("new", Json::Value(Json::arrayValue), "", 3));
     EXPECT_EQ(Log() + Shell("cat /tmp/systemctl"), "reload opalrelayd\nreload opalrelayd\n");

@@ -85,9 +85,7 @@ Sandbox::Sandbox()
           "cd $A; empty; crt c");
     socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     unlink("/dev/log");
-    if (bind(socket_, kLogAddress, sizeof(kLog)) != 0 || chmod("/dev/log", 0666) != 0) {
-        throw std::runtime_error("/dev/log");
-    }
+    EXPECT_EQ(bind(socket_, kLogAddress, sizeof(kLog)) + chmod("/dev/log", 0666), 0);
     listener_ = std::thread([this] {
         std::vector<char> line(1 << 16);
         for (ssize_t length; (length = recv(socket_, line.data(), line.size(), 0)) > 0;) {

@@ -14,23 +14,24 @@ const std::string kScene = R"(restore; rm -rf $P $S/s *.* /tmp/*.lock; mkdir -p 
     web=$(o p web opalweb true) mail=$(o p mail opalweb true) system=$(o s web root false)
     echo "[$web, \"stranger\", $system, $mail]" > SERVICES
     echo "{\"a\": {\"desc\": 1, \"services\": [$system, $web]}, \"b\": {\"services\": [$mail]}, \"c\": 5}" > INFO; )";
-const std::string kFolder = "Failed to remove service certificate\n1";
+const std::string kFolderLine = "Failed to remove service certificate\n";
+const std::string kFolder = kFolderLine + "1";
 const std::string kAll = "list: p/web s/web p/mail info: a: s/web p/web b: p/mail c: ";
 
 TEST_F(Unregistration, TakesBackWhatWasGivenAndNothingElse)
 {
-    const std::string web = "list: s/web p/mail info: a: s/web b: p/mail c: ";
     const std::string log = "opalcrtregister.cpp Un-Register certificate for ";
     const std::string all = "list: s/web info: a: s/web b: c: s/web a/key 1 5 1";
     // Again: INFO knows nothing of it, so the system's root is looked into.
-    const std::string again = "Failed to remove service certificate\n1";
-    Check({{"u p web", again, {log + "p/web(pkg)\n", "Can NOT find service: p(web)\n", "Invalid certificate: p/web\n"}, web + "p/extra p/mail s/web a/key 1 5 1"},
-           {"u p", again, {log + "p(pkg)\n", "Can NOT find service: p()\n", "Invalid certificate: p\n"}, all},
-           {"u p ''", again, {log + "p/(pkg)\n", "Can NOT find service: p()\n", "Invalid certificate: p/\n"}, all},
-           {"u s web", again, {log + "s/web\n", "Can NOT find service: s(web)\n", "Invalid certificate: s/web\n"},
+    Check({{"u p web", kFolder, {log + "p/web(pkg)\n", "Can NOT find service: p(web)\n", "Invalid certificate: p/web\n"},
+            "list: s/web p/mail info: a: s/web b: p/mail c: p/extra p/mail s/web a/key 1 5 1"},
+           {"u p", kFolder, {log + "p(pkg)\n", "Can NOT find service: p()\n", "Invalid certificate: p\n"}, all},
+           {"u p ''", kFolder, {log + "p/(pkg)\n", "Can NOT find service: p()\n", "Invalid certificate: p/\n"}, all},
+           {"u s web", kFolder, {log + "s/web\n", "Can NOT find service: s(web)\n", "Invalid certificate: s/web\n"},
             "list: p/web p/mail info: a: p/web b: p/mail c: p/extra p/mail p/web a/key 1 5 1"}},
           kScene + "u() { opalcrtunregister \"$@\"; opalcrtunregister \"$@\"; }; ", "",
-          "books; printf %s \"$(echo $(cd $P; ls -d p/* 2>/dev/null) $(cd $S; ls -d s/* 2>/dev/null) a/* $(jq .a.desc,.c INFO) $(grep -c stranger SERVICES))\"");
+          "books; folders() { cd $1; ls -d [ps]/* 2>/dev/null; }; printf %s \"$(echo $(folders $P) $(folders $S) a/* "
+          "$(jq .a.desc,.c INFO) $(grep -c stranger SERVICES))\"");
 }
 
 TEST_F(Unregistration, StopsAtTheStepThatFails)
@@ -40,14 +41,13 @@ TEST_F(Unregistration, StopsAtTheStepThatFails)
     const std::string info = "Failed to remove service from info\n1";
     Check({{"rm INFO", init, {"opalcrtregister.cpp Failed to get info for UnRegisterer"}},
            {"echo {} > INFO", init, {"Bad certificate info"}},
-           {"echo null > INFO", init, {"Bad certificate info"}},
            {"echo [1] > INFO", init, {"Bad certificate info"}},
            {"sed -i s/opalweb// INFO", init, {"Failed to init, [0x0D00 opalcrtregister.cpp:"}},
            {"rm SERVICES", list, {"Failed to read register services, it may missed or broken"}},
            {"mkdir -p SERVICES.new/x", list, {"Failed to write register services (Is a directory)"}},
            {"sed -i 's/mail\", \"owner\": \"opalweb/mail\", \"owner\": \"x/' INFO", info, {"Bad info: [x(pkg)_opalweb(pkg)]"}, "SERVICES "},
            {"sed -i 's/\"isPkg\": true}]}, \"c/\"isPkg\": 1}]}, \"c/' INFO", info, {"Bad info: [opalweb()_opalweb(pkg)]"}, "SERVICES "},
-           {"mkdir -p INFO.new/x", info, {"Failed to update info file\nopalcrtregister.cpp Original info file is backed up to $A/INFO.bak"}, "SERVICES backup "},
+           {"mkdir -p INFO.new/x", info, {"info file is backed up to $A/INFO.bak\n"}, "SERVICES backup "},
            {"mkdir -p INFO.new/x INFO.bak.new/x", info, {"Failed to update info file"}, "SERVICES "},
            {"rm -r $P/p", kFolder, {"Invalid certificate: p(pkg)"}, "SERVICES INFO "},
            {"mount -t tmpfs test $P/p/web", kFolder, {"Failed to remove certificate [p(pkg)][0x0601 process.cpp:"}, "SERVICES INFO "}},
@@ -55,8 +55,8 @@ TEST_F(Unregistration, StopsAtTheStepThatFails)
           R"sh(for f in SERVICES INFO; do [ ! -e $f ] || cmp -s $f /tmp/$f || printf "$f "; done
              [ ! -e INFO.bak ] || [ "$(jq -S . INFO.bak)" != "$(jq -S . INFO)" ] || printf 'backup ')sh");
     Expect("opalcrtunregister ''", init, {"opalcrtregister.cpp Bad params: subscriber"});
-    Expect(kScene + "cp $(which opalcrtunregister) /usr/opal; chmod -R a+rwX $A; books; setpriv --reuid=opalmail --clear-groups /usr/opal/opalcrtunregister p",
-           kAll + init, {"Failed to init, [0xE400 opalcrtregister.cpp:"});
+    Expect(kScene + "cp $(which opalcrtunregister) /usr/opal; chmod -R a+rwX $A; books; "
+           "setpriv --reuid=opalmail --clear-groups /usr/opal/opalcrtunregister p", kAll + init, {"Failed to init, [0xE400 opalcrtregister.cpp:"});
     EXPECT_EQ(Shell("books"), kAll);
 }
 
@@ -68,11 +68,11 @@ TEST_F(Unregistration, RemovesNeitherTheArchiveNorWhatALinkLeadsTo)
                                      "ln -s _archive sneaky; ln -s ../../../precious/web s/out; ln -s web s/alias; " + look);
     for (const std::string name : {"_archive", "_archive ", "_archive a", ". ", ".", ". _archive", ".. certificate", "s ..", "s .", "s/../_archive", "out", "out ",
                                    "out web", "inside", "inside ", "sneaky", "sneaky ", "sneaky a", "s out", "s alias", "s none", "s web.temp", "none"}) {
-        Expect("opalcrtunregister " + (name.back() == ' ' ? name + "''" : name) + "; " + look, "Failed to remove service certificate\n" + before + "0",
+        Expect("opalcrtunregister " + (name.back() == ' ' ? name + "''" : name) + "; " + look, kFolderLine + before + "0",
                {"opalcrtregister.cpp Invalid certificate: " + std::regex_replace(name, std::regex(" "), "/") + "\n"});
     }
     Expect("sed -i 's|\"s\"|\"s/../_archive\"|' SERVICES INFO; opalcrtunregister s/../_archive; books; " + look,
-           "Failed to remove service certificate\nlist: p/web p/mail info: a: p/web b: p/mail c: " + before + "0", {"Invalid certificate: s/../_archive"});
+           kFolderLine + "list: p/web p/mail info: a: p/web b: p/mail c: " + before + "0", {"Invalid certificate: s/../_archive"});
 }
 
 // Behind the commands, which look at names first.
