@@ -17,7 +17,7 @@ namespace opalcrt
 using Trail = std::vector<std::string>;
 
 // What a shell prints. It starts in $A (the archive), knows the commands of the tool, the folders $S (the system's
-// certificates), $P and $D (the packages' certificates and definitions), and the verbs of sandbox.cpp.
+// certificates), $P and $D (the packages' certificates and definitions), and the verbs of verbs.sh.
 std::string Shell(const std::string &command);
 // A service object of package p as a registration makes it.
 Json::Value ServiceObj(const std::string &service);
