@@ -82,6 +82,17 @@ TEST_F(Recovery, NeverLooksWholeWhenItWasCutOff)
           "opalcrtregister p", "ls c | grep fullchain");
 }
 
+TEST_F(Recovery, TellsOfAMendThatWasKilledOnceItsFilesStood)
+{
+    Shell("echo '{\"cert_id\": \"c\"}' > RECOVERING; touch c/cert_info.new");
+    Shell("flock /tmp/opal_cert_recover.lock sleep 2 >/dev/null 2>&1 & sleep 0.3");
+    EXPECT_TRUE(CheckAndRecoverCrt("c"));  // Somebody is at it.
+    EXPECT_EQ(Log() + Shell("flock /tmp/opal_cert_recover.lock ls c"), "cert.pem\ncert_info.new\nfullchain.pem\nprivkey.pem\n");
+    EXPECT_TRUE(CheckAndRecoverCrt("c"));
+    EXPECT_EQ(Log(), "utils.cpp Failed to send notification for certificate broken\n");
+    EXPECT_EQ(Shell("ls . c; cat c/cert_info"), ".:\nDEFAULT\nINFO\nSERVICES\nc\n\nc:\ncert.pem\ncert_info\nfullchain.pem\nprivkey.pem\n{\"is_broken\":true}\n");
+}
+
 TEST_F(Recovery, SyncsTheSetBeforeTheChain)
 {
     Shell("define p; rm c/privkey.pem");

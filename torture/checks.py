@@ -109,7 +109,7 @@ class Judge:
 
     def after_end(self, flat, status, allows):
         """After the command was run once more, undisturbed. `allows`: names that may stay although nobody asked."""
-        wrong = self.after_stop(flat, False)
+        wrong = self.after_stop(flat, not self.scene.registers)  # What it cannot find any more stays.
         info_was_clean = not self.scene.registers and status == 1
         if status != 0 and not info_was_clean:
             return wrong + [f'the next run answers {status}']
@@ -117,7 +117,7 @@ class Judge:
             wrong += self.after_success(flat)
         for path in sorted(flat.keys() - self.new.keys() - self.definitions.keys()):
             if info_was_clean and path.startswith(PACKAGES + '/p'):
-                continue  # What the command could not find any more: docs/reliability.md.
+                continue
             if not path.startswith(allows):
                 wrong.append(f'{path} stays behind')
         return wrong

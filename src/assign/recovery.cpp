@@ -1,9 +1,12 @@
 #include "assign/recovery.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <vector>
 
 #include "common/json_file.h"
+#include "common/json_member.h"
 #include "common/log.h"
 #include "common/scoped_lock.h"
 #include "deploy/crt_files.h"
@@ -41,6 +44,48 @@ std::vector<std::string> ListRequiredFiles(const std::string &certId)
     return names;
 }
 
+// The mark and the announcement that a certificate was replaced.
+bool TellBroken(const std::string &folder)
+{
+    Json::Value crtInfo(Json::objectValue);
+    crtInfo["is_broken"] = true;
+    if (!toFile(folder + "/cert_info", crtInfo)) {
+        LOG_ERROR("Failed to write cert info [%d]", errno);
+        return false;
+    }
+    if (OPALSysNotifySendNotifiction("certificate_broken", nullptr) != 0) {
+        LOG_ERROR("Failed to send notification for certificate broken");
+    }
+    return true;
+}
+
+void RemoveRecoveryNote()
+{
+    if (unlink(kRecoveryNotePath) != 0 && errno != ENOENT) {
+        LOG_ERROR("Failed to remove %s [%d]", kRecoveryNotePath, errno);
+    }
+}
+
+// A recovery that was killed once its files stood would never be told of: the folder is complete again. Its note
+// says which one it was. Whoever holds the lock is still at it.
+void FinishCutOffRecovery()
+{
+    if (YLIBCFileExist(kRecoveryNotePath) == 0) {
+        return;
+    }
+    const ScopedLock lock(kRecoverLock, kLockExclusive, 0, UnlockLine::kStore);
+    Json::Value note;
+    if (!lock.IsHeld() || !fromFile(kRecoveryNotePath, note)) {
+        return;
+    }
+    const std::string certId = GetString(note, "cert_id");
+    bool isUnknown = false;
+    if (IsPlainFolderName(certId) && IsCrtComplete(certId, GetCrtFolderPath(certId), isUnknown) &&
+        TellBroken(GetCrtFolderPath(certId))) {
+        RemoveRecoveryNote();
+    }
+}
+
 }  // namespace
 
 bool CheckAndRecoverCrt(const std::string &certId)
@@ -56,6 +101,7 @@ bool CheckAndRecoverCrt(const std::string &certId)
         return false;
     }
 
+    FinishCutOffRecovery();
     const std::string folder = GetCrtFolderPath(certId);
     bool isUnknown = false;
     if (IsCrtComplete(certId, folder, isUnknown)) {
@@ -97,21 +143,20 @@ bool RecoverCrt(const std::string &certId, const std::string &folder)
         return false;
     }
 
+    Json::Value note(Json::objectValue);
+    note["cert_id"] = certId;
+    if (!toFile(kRecoveryNotePath, note)) {
+        LOG_ERROR("Failed to write cert info [%d]", errno);
+        return false;
+    }
     if (genDefaultCrtSet(folder) != 0) {
         LOG_ERROR("Failed to generate default certificate to recover for [%s]", certId.c_str());
         return false;
     }
-
-    Json::Value crtInfo(Json::objectValue);
-    crtInfo["is_broken"] = true;
-    if (!toFile(folder + "/cert_info", crtInfo)) {
-        LOG_ERROR("Failed to write cert info [%d]", errno);
+    if (!TellBroken(folder)) {
         return false;
     }
-
-    if (OPALSysNotifySendNotifiction("certificate_broken", nullptr) != 0) {
-        LOG_ERROR("Failed to send notification for certificate broken");
-    }
+    RemoveRecoveryNote();
     return true;
 }
 

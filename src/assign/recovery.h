@@ -20,7 +20,9 @@ bool IsCrtComplete(const std::string &certId, const std::string &folder, bool &i
 
 // Generates a new self-signed set into the folder under the recovery lock (exclusive, 30 s), marks it in
 // `cert_info` ({"is_broken": true}, replacing what that file held) and sends the notification
-// "certificate_broken", whose failure does not count. What was generated before a failure stays.
+// "certificate_broken", whose failure does not count. What was generated before a failure stays. From before the
+// generation until the notification the note kRecoveryNotePath, {"cert_id": ...}, says what is under way: a run that
+// is killed leaves it, and the next check of any certificate marks and announces that one if its folder is complete.
 // Files of key types are not generated: a certificate that lacks one of those is mended at every check.
 bool RecoverCrt(const std::string &certId, const std::string &folder);
 

@@ -25,6 +25,7 @@ inline constexpr char kInfoTempPath[] = "/usr/opal/etc/certificate/_archive/INFO
 inline constexpr char kInfoBackupPath[] = "/usr/opal/etc/certificate/_archive/INFO.bak";
 inline constexpr char kServicesPath[] = "/usr/opal/etc/certificate/_archive/SERVICES";
 inline constexpr char kDefaultPath[] = "/usr/opal/etc/certificate/_archive/DEFAULT";
+inline constexpr char kRecoveryNotePath[] = "/usr/opal/etc/certificate/_archive/RECOVERING";
 
 inline constexpr char kInfoLock[] = "/tmp/opalcertificate_info.lock";
 inline constexpr char kServicesLock[] = "/tmp/opal_cert_register_services.lock";
