@@ -43,6 +43,7 @@ class Scenery:
         status, _ = run(scene, log, lambda number, call: self.calls.append(call), self.recorder.left)
         if status != 0:
             raise RuntimeError(f'{scene.name} fails undisturbed: {status}')
+        self.recorder.end()
         self.judge = Judge(scene, self.old, tree.take())
 
     def end(self, allows=('//',)):
@@ -87,10 +88,14 @@ class Scenery:
             wrong.append(f'status {status}, log {log}')
         return hit[0], wrong + self.end(allows)
 
-    def cut(self, disk):
+    def cut(self, number, disk):
         self.put(disk)
+        flat = tree.flat(disk)
         # A name that was removed may be back without what was removed beside it.
-        return self.judge.after_stop(tree.flat(disk), True) + self.end()
+        wrong = self.judge.after_stop(flat, True)
+        if number is None:
+            wrong += self.judge.after_success(flat)
+        return wrong + self.end()
 
 
 def main():
@@ -99,6 +104,7 @@ def main():
     parser.add_argument('--every', type=int, default=1, help='try only every N-th point of each kind')
     parser.add_argument('--offset', type=int, default=0, help='which ones these are')
     parser.add_argument('--scene', help='try only this one')
+    parser.add_argument('--kind', help='try only this one: kill, cut or the name of an error')
     parser.add_argument('--crowd', type=int, default=0, help='let a crowd at it for so many seconds, and nothing else')
     parser.add_argument('--seed', type=int, default=1, help='of what the crowd does')
     arguments = parser.parse_args()
@@ -116,12 +122,16 @@ def main():
         scenery = Scenery(scene, log)
         points = [('kill', point) for point in range(len(scenery.calls))]
         points += [(name, point) for point, call in enumerate(scenery.calls) for name in ERRORS[call.name]]
+        points += [('cut', at) for at in range(len(scenery.recorder.cuts))]
+        points = [each for each in points if arguments.kind in (None, each[0])]
         first = arguments.offset % arguments.every + part * arguments.every
         for kind, point in points[first::parts * arguments.every]:
-            call, wrong = scenery.stop(kind, point)
+            if kind == 'cut':
+                point, call, disk = scenery.recorder.cuts[point]
+                wrong = scenery.cut(point, disk)
+            else:
+                call, wrong = scenery.stop(kind, point)
             tell(scene, kind, point, call, wrong)
-        for number, call, disk in scenery.recorder.cuts[first::parts * arguments.every]:
-            tell(scene, 'cut', number, call, scenery.cut(disk))
 
 
 main()

@@ -33,6 +33,14 @@ def content(flat, folder):
     return {name: (node.kind, node.mode, node.uid, node.content) for name, node in below(flat, folder).items()}
 
 
+def parsed(flat, book):
+    """None when it is missing or does not parse; "null" would be no book either."""
+    try:
+        return json.loads(flat[book].content)
+    except (KeyError, ValueError):
+        return None
+
+
 def is_whole(flat, folder):
     files = below(flat, folder)
     if folder not in flat or not SERVICE_FILES <= set(files) <= SERVICE_FILES | {AUTHORITY_FILE}:
@@ -41,9 +49,7 @@ def is_whole(flat, folder):
         return False
     if any((node.mode, node.uid) != (0o400, OWNER) for name, node in files.items() if name != 'info'):
         return False
-    try:
-        json.loads(files['info'].content)
-    except ValueError:
+    if parsed(files, 'info') is None:
         return False
     return belong_together(*(files[name].content for name in ('cert.pem', 'privkey.pem', 'fullchain.pem')))
 
@@ -103,7 +109,7 @@ class Judge:
             if state != ('new' if self.scene.registers else 'absent'):
                 wrong.append(f'answered 0, but {folder} is {state}')
         for book in (INFO, SERVICES):
-            if json.loads(flat[book].content) != json.loads(self.new[book].content):
+            if parsed(flat, book) != parsed(self.new, book):
                 wrong.append(f'answered 0, but {book} is not as it should be')
         return wrong
 
@@ -125,10 +131,9 @@ class Judge:
     def books(self, flat):
         wrong = []
         for book in (INFO, SERVICES):
-            try:
-                now, old, new = (json.loads(each[book].content) for each in (flat, self.old, self.new))
-            except (KeyError, ValueError) as error:
-                wrong.append(f'{book} does not parse: {error!r}')
+            now, old, new = (parsed(each, book) for each in (flat, self.old, self.new))
+            if now is None:
+                wrong.append(f'{book} does not parse')
                 continue
             if flat[book].mode & 0o022:
                 wrong.append(f'{book} has mode {flat[book].mode:o}')

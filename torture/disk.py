@@ -17,7 +17,7 @@ class Recorder:
         self.every_node = dict(self.now.nodes)  # also those that have no name any more
         self.safe_names = {folder: dict(names) for folder, names in self.now.names.items()}
         self.changes = []  # since the folders were synced: lists of (folder, name, old inode, new inode)
-        self.cuts = []  # (the call after which the power goes, the disk then left)
+        self.cuts = []  # (number of the call after which the power goes, None at the end; the call; the disk then left)
         self.seen = set()
 
     def left(self, number, call, result):
@@ -46,6 +46,11 @@ class Recorder:
             self.safe_names[inode] = dict(self.now.names[inode])
             self.changes = [kept for change in self.changes
                             if (kept := [each for each in change if each[0] != inode])]
+
+    def end(self):
+        """The run has answered: what it has done must stay done."""
+        self.seen.clear()
+        self.cut(None, 'the end')
 
     def cut(self, number, call):
         unsafe = [inode for inode, node in self.every_node.items()

@@ -9,6 +9,7 @@
 #include "deploy/dir_utils.h"
 #include "frontend/caller_check.h"
 #include "frontend/services_list.h"
+#include "platform/atomic_file.h"
 #include "platform/process.h"
 #include "store/names.h"
 #include "store/paths.h"
@@ -207,7 +208,9 @@ bool RemoveServiceCertificate(const Json::Value &request)
     }
 
     const std::string path = GetCertificateRoot(isPkg) + folder;
-    if (YLIBCExec("/bin/rm", "-rf", path.c_str(), nullptr, nullptr) != 0) {
+    // Synced: nobody would look for a key that a power cut brought back. Of an empty service the path ends in "/".
+    if (YLIBCExec("/bin/rm", "-rf", path.c_str(), nullptr, nullptr) != 0 ||
+        !SyncParent(service.empty() ? GetCertificateRoot(isPkg) + subscriber : path)) {
         LOG_ERROR_STATE("Failed to remove certificate [%s%s]", folder.c_str(), mark);
         return false;
     }

@@ -25,10 +25,11 @@ bool FindServiceOwner(const Json::Value &info, Json::Value &request);
 // read is in INFO.bak, if that could be written.
 bool RemoveServiceFromInfo(const Json::Value &request);
 
-// Deletes the service's folder, or the subscriber's when the request has no service, or an empty one. False,
-// logged, before anything is removed, unless the folder is a real one, reached without a link and outside the
-// archive. Between that check and /bin/rm somebody could still exchange the folder for a link; only who can
-// write the certificate root or the subscriber's folder can do that, and both are root's.
+// Deletes the service's folder, or the subscriber's when the request has no service, or an empty one; when this
+// is true the removal is on the disk. False, logged, when /bin/rm or that sync failed, and, before anything is
+// removed, unless the folder is a real one, reached without a link and outside the archive. Between that check and
+// /bin/rm somebody could still exchange the folder for a link; only who can write the certificate root or the
+// subscriber's folder can do that, and both are root's.
 bool RemoveServiceCertificate(const Json::Value &request);
 
 }  // namespace opalcrt
