@@ -1,0 +1,219 @@
+#!/usr/bin/python3
+"""Tests what the documents say. Started by scripts/docs-test.
+
+    scripts/docs-test [WORD]      only the checks whose name contains WORD
+
+Messages: the lists of DIAGNOSTICS in man/ and the texts in src/ must be the same, for each command.
+
+Examples: blocks of shell commands are run as they stand, in the order of the document, by bash with -e -u and
+pipefail. A command that fails ends the example. A block of text after them is what they must have printed; "..." in it
+stands for anything. What the examples find on their machine is made by docs-test/machine.sh. Each EXAMPLES section of
+a manual page and each section ("## ") of a document is run in a fresh world.
+
+                      commands           text
+    man/*             .Bd -literal       .Bd -unfilled
+    docs/*.md         ```sh              ```text
+
+Other blocks of a document (```json, ```console) are not looked at.
+"""
+
+import pathlib
+import re
+import subprocess
+import sys
+
+PAGES = sorted(pathlib.Path("man").iterdir())
+DOCUMENTS = [pathlib.Path("docs/administration.md"), pathlib.Path("docs/packaging.md")]
+REPORT = pathlib.Path("build/docs-test")
+
+# The commands from which the messages of a source can come: their pages must list them.
+REGISTER, UNREGISTER, CHECKSUM = "opalcrtregister", "opalcrtunregister", "opalcrtchecksum"
+COMMANDS = {
+    "src/frontend/main.cpp": [CHECKSUM],
+    "src/frontend/unregisterer.cpp": [UNREGISTER],
+    "src/frontend/services_list.cpp": [REGISTER, UNREGISTER],
+    "src/frontend/": [REGISTER],
+    "src/assign/": [REGISTER],
+    "src/checksum/": [CHECKSUM],
+    "src/common/": [REGISTER, UNREGISTER],
+    "src/deploy/": [REGISTER],
+    "src/mkcert/": [REGISTER],
+    "src/platform/": [REGISTER],
+    "src/store/": [REGISTER],
+}
+STRINGS = r'((?:"(?:[^"\\]|\\.)*"\s*)+)'
+MESSAGE = re.compile(r"\bLOG_(?:ERROR|ERROR_STATE|DEBUG_LINE)\(\s*" + STRINGS + r"|\bLOG_ERROR_LONG\(\s*\w+,\s*" + STRINGS)
+OPENSSL_STEP = re.compile(r"\bLogOpenSSLError\(\s*" + STRINGS)
+PRINTED = re.compile(r"\bprintf\(\s*" + STRINGS)
+ANY_LOG = re.compile(r"\b(?:LOG_[A-Z_]+|LogOpenSSLError)\(")
+
+word = sys.argv[1] if len(sys.argv) > 1 else ""
+counts = {True: 0, False: 0}
+
+
+def check(name, problems):
+    """One check: it has passed when there is no problem."""
+    counts[not problems] += 1
+    print(f"{'FAILED' if problems else 'passed'}  {name}")
+    for problem in problems:
+        print("        " + problem.replace("\n", "\n        "))
+
+
+def said_by(command):
+    """The problem of a linter, if any."""
+    run = subprocess.run(command, capture_output=True, text=True, check=False)
+    said = (run.stdout + run.stderr).strip()
+    return [said or f"status {run.returncode}"] if run.returncode != 0 else []
+
+
+def shell_scripts():
+    for path in subprocess.check_output(["git", "ls-files"], text=True).splitlines():
+        with open(path, "rb") as file:
+            if re.match(rb"#! ?/bin/(ba)?sh\b", file.readline()):
+                yield path
+
+
+def plain(text):
+    """A message's text without what differs from line to line, for comparison."""
+    text = re.sub(r"%[a-z]|<[^>]*>", "@", text.replace("\\&", ""))
+    return re.sub(r"\s", "", re.sub(r"@+", "@", text))
+
+
+def unquote(strings):
+    return "".join(re.findall(r'"((?:[^"\\]|\\.)*)"', strings)).replace("\\n", "\n").rstrip("\n")
+
+
+def commands_of(source):
+    return max((key for key in COMMANDS if source.startswith(key)), key=len, default=None)
+
+
+def messages_of_sources():
+    """Which page must list which message: {page: {plain text: what it is}}; and what could not be read."""
+    wanted = {command: {} for command in (REGISTER, UNREGISTER, CHECKSUM)}
+    problems = []
+    for path in sorted(pathlib.Path("src").glob("*/*.cpp")):
+        text = path.read_text()
+        texts = [unquote(one or two) for one, two in MESSAGE.findall(text)]
+        texts += [unquote(step) + " [%s]" for step in OPENSSL_STEP.findall(text)]
+        if len(texts) != len(ANY_LOG.findall(text)) - (path.name == "openssl_error.cpp"):  # one is a definition
+            problems.append(f"{path}: a message's text is not read by MESSAGE in docs-test/check.py")
+        if path.name == "openssl_error.cpp":
+            texts.remove("%s [%s]")  # the steps are listed instead
+        if path.parent.name == "frontend":
+            for line in PRINTED.findall(text):
+                texts.append(unquote(line))
+        source = commands_of(str(path))
+        if texts and source is None:
+            problems.append(f"{path}: COMMANDS in docs-test/check.py does not know it")
+        for command in COMMANDS.get(source, []):
+            wanted[command].update({plain(t): f'"{t}" of {path}' for t in texts})
+        if path.name == "main.cpp":  # the usage is printed for the two others
+            usage = {plain(t): f'"{t}" of {path}' for t in texts if t.startswith("usage: ")}
+            for command in (REGISTER, UNREGISTER):
+                wanted[command].update(usage)
+            for text in usage:
+                del wanted[CHECKSUM][text]
+    return wanted, problems
+
+
+def check_messages():
+    wanted, problems = messages_of_sources()
+    check("messages of src are read", problems)
+    known = {text for texts in wanted.values() for text in texts}
+    for command, texts in wanted.items():
+        page = pathlib.Path(f"man/{command}.8").read_text()
+        diagnostics = page[page.index("\n.Sh DIAGNOSTICS"):]
+        listed = {plain(line): line for line in re.findall(r"^\.It (.*)", diagnostics, re.M)}
+        problems = [f"not in the page: {texts[text]}" for text in texts if text not in listed]
+        problems += [f"not in src: {listed[text]}" for text in listed if text not in known]
+        check(f"messages of {command}: {len(texts)}", problems)
+
+
+def blocks_of_page(path):
+    """(line, is it commands, text) of the blocks of EXAMPLES."""
+    examples = None
+    block = None
+    for number, line in enumerate(path.read_text().splitlines(), 1):
+        if line.startswith(".Sh "):
+            examples = line == ".Sh EXAMPLES"
+        elif examples and line.startswith(".Bd "):
+            block = (number, line.startswith(".Bd -literal"), [])
+        elif examples and line == ".Ed":
+            yield block[0], block[1], "\n".join(block[2]) + "\n"
+            block = None
+        elif block:
+            block[2].append(line.replace("\\&", "").replace("\\(aq", "'").replace("\\(dq", '"').replace("\\e", "\\"))
+
+
+def sections_of(path):
+    """{title: [(line, is it commands, text)]} of a document."""
+    sections = {}
+    title = "top"
+    fence = None
+    for number, line in enumerate(path.read_text().splitlines(), 1):
+        if fence is None and line.startswith("## "):
+            title = line[3:]
+        elif fence is None and line.startswith("```"):
+            fence = (number, line[3:], [])
+        elif fence and line == "```":
+            if fence[1] in ("sh", "text"):
+                sections.setdefault(title, []).append((fence[0], fence[1] == "sh", "\n".join(fence[2]) + "\n"))
+            fence = None
+        elif fence:
+            fence[2].append(line)
+    return sections
+
+
+def matches(expected, printed):
+    pattern = ".*".join(re.escape(piece) for piece in expected.rstrip("\n").split("..."))
+    return re.fullmatch(pattern, printed.rstrip("\n"), re.S)
+
+
+def run_example(path, title, blocks):
+    """Runs the blocks in one world; the problems."""
+    folder = REPORT / re.sub(r"[^A-Za-z0-9]+", "-", f"{path.stem} {title}")
+    subprocess.run(["rm", "-rf", folder], check=True)
+    folder.mkdir(parents=True)
+    names = [f"{number:04}" for number, is_commands, _ in blocks if is_commands]
+    for number, is_commands, text in blocks:
+        if is_commands:
+            (folder / f"{number:04}").write_text(text)
+    run = subprocess.run(["scripts/world", "unshare", "--net", "bash", "docs-test/machine.sh", folder, *names],
+                         capture_output=True, text=True, check=False)
+    where = [f"status {run.returncode}\n{run.stdout}{run.stderr}".strip()] if run.returncode != 0 else []
+    printed = None
+    for number, is_commands, text in blocks:
+        if is_commands:
+            output = folder / f"{number:04}.out"
+            if not output.exists():
+                return where or [f"line {number} was not run"]
+            printed = output.read_text()
+        elif printed is None:
+            return [f"line {number} tells what was printed, but nothing was run"]
+        elif not matches(text, printed):
+            return where + [f"line {number} says:\n{text}but this was printed:\n{printed}"]
+        else:
+            printed = None
+    return where
+
+
+def main():
+    if word in "shellcheck":
+        for script in shell_scripts():
+            check(f"shellcheck {script}", said_by(["shellcheck", "-x", script]))
+    if word in "mandoc":
+        for page in PAGES:
+            check(f"mandoc {page}", said_by(["mandoc", "-T", "lint", "-W", "warning", page]))
+    if word in "messages":
+        check_messages()
+    examples = [(page, "EXAMPLES", list(blocks_of_page(page))) for page in PAGES]
+    examples += [(path, title, blocks) for path in DOCUMENTS for title, blocks in sections_of(path).items()]
+    for path, title, blocks in examples:
+        name = f"{path}: {title}"
+        if blocks and word in name:
+            check(f"{name}, {sum(is_commands for _, is_commands, _ in blocks)} blocks", run_example(path, title, blocks))
+    print(f"{counts[True]} passed, {counts[False]} failed")
+    return 1 if counts[False] or not counts[True] else 0
+
+
+sys.exit(main())
