@@ -7,8 +7,9 @@ Messages: the lists of DIAGNOSTICS in man/ and the texts in src/ must be the sam
 
 Examples: blocks of shell commands are run as they stand, in the order of the document, by bash with -e -u and
 pipefail. A command that fails ends the example. A block of text after them is what they must have printed; "..." in it
-stands for anything. What the examples find on their machine is made by docs-test/machine.sh. Each EXAMPLES section of
-a manual page and each section ("## ") of a document is run in a fresh world.
+stands for anything. What the examples find on their machine is made by docs-test/machine.sh. The examples of a manual
+page and each section ("## ") of a document are run in a fresh world. What the first section of a document does is done
+before each of the others, too.
 
                       commands           text
     man/*             .Bd -literal       .Bd -unfilled
@@ -180,21 +181,20 @@ def run_example(path, title, blocks):
             (folder / f"{number:04}").write_text(text)
     run = subprocess.run(["scripts/world", "unshare", "--net", "bash", "docs-test/machine.sh", folder, *names],
                          capture_output=True, text=True, check=False)
-    where = [f"status {run.returncode}\n{run.stdout}{run.stderr}".strip()] if run.returncode != 0 else []
+    where = [(run.stdout + run.stderr).strip() or f"status {run.returncode}"] if run.returncode != 0 else []
+    if where:
+        return where
     printed = None
     for number, is_commands, text in blocks:
         if is_commands:
-            output = folder / f"{number:04}.out"
-            if not output.exists():
-                return where or [f"line {number} was not run"]
-            printed = output.read_text()
+            printed = (folder / f"{number:04}.out").read_text()
         elif printed is None:
             return [f"line {number} tells what was printed, but nothing was run"]
         elif not matches(text, printed):
-            return where + [f"line {number} says:\n{text}but this was printed:\n{printed}"]
+            return [f"line {number} says:\n{text}but this was printed:\n{printed}"]
         else:
             printed = None
-    return where
+    return []
 
 
 def main():
@@ -207,7 +207,9 @@ def main():
     if word in "messages":
         check_messages()
     examples = [(page, "EXAMPLES", list(blocks_of_page(page))) for page in PAGES]
-    examples += [(path, title, blocks) for path in DOCUMENTS for title, blocks in sections_of(path).items()]
+    for path in DOCUMENTS:
+        sections = [(path, title, blocks) for title, blocks in sections_of(path).items()]
+        examples += sections[:1] + [(path, title, sections[0][2] + blocks) for _, title, blocks in sections[1:]]
     for path, title, blocks in examples:
         name = f"{path}: {title}"
         if blocks and word in name:

@@ -3,7 +3,8 @@
 #
 #     machine.sh FOLDER BLOCK...
 #
-# Runs the files BLOCK of FOLDER one after the other in this shell; what a block prints goes to BLOCK.out.
+# Runs the files BLOCK of FOLDER one after the other in this shell; what a block prints goes to BLOCK.out. The first
+# one to fail ends it, and is shown.
 #
 # The machine has a store whose default certificate, factory, was made by the tool; the package shop with the services
 # web and api, which come from /usr/local/share/shop/certificate.cfg; shop's server on port 4433, running as opalweb;
@@ -13,14 +14,20 @@ set -euo pipefail
 export LC_ALL=C
 
 [ -e /run/opalcrt-world ] || { echo "machine.sh is for worlds only" >&2; exit 1; }
-folder=$PWD/$1
+
+# The blocks have variables of their own.
+machine_folder=$PWD/$1
 shift
-block=machine
-# shellcheck disable=SC2154
-trap 'status=$?
-    [ $status = 0 ] || { echo "at line ${block#"${block%%[!0]*}"}, which printed:"; cat "$folder/$block.out"; }
-    [ ! "${server-}" ] || kill "$server"' EXIT
-exec 3>&1 >"$folder/$block.out" 2>&1
+machine_block=0000
+finish() {
+    local status=$?
+    if [ $status != 0 ]; then
+        echo "status $status at line $((10#$machine_block)), which printed:"
+        cat "$machine_folder/$machine_block.out"
+    fi
+} >&3
+trap finish EXIT
+exec 3>&1 >"$machine_folder/$machine_block.out" 2>&1
 
 ip link set lo up
 cmake --install build/release --prefix /usr/opal >/dev/null
@@ -57,16 +64,20 @@ opalcrtregister shop
 
 start_server() {
     local info=/usr/local/etc/certificate/shop/web/info
+    : >/tmp/server.out
     setpriv --reuid opalweb --regid opalweb --clear-groups openssl s_server -accept 127.0.0.1:4433 \
         -cert "$(jq -r '.certs[0].cert' $info)" -cert_chain "$(jq -r '.certs[0].chain' $info)" \
-        -key "$(jq -r '.certs[0].key' $info)" -www </dev/null >/tmp/server.out 2>&1 3>&- &
-    server=$!
-    until grep -q '^ACCEPT' /tmp/server.out; do kill -0 "$server" && sleep 0.02; done
+        -key "$(jq -r '.certs[0].key' $info)" -www </dev/null >>/tmp/server.out 2>&1 3>&- &
+    machine_server=$!
+    until grep -q '^ACCEPT' /tmp/server.out; do
+        kill -0 "$machine_server" || { cat /tmp/server.out; return 1; }
+        sleep 0.02
+    done
 }
 systemctl() {
     [ "$*" = "reload shop" ] || { echo "no such unit here: $*"; return 1; }
-    kill "$server"
-    wait "$server" || true
+    kill "$machine_server"
+    wait "$machine_server" || true
     start_server
 }
 start_server
@@ -79,8 +90,8 @@ openssl req -x509 -CA chain.pem -CAkey ca.key -newkey rsa:2048 -nodes -subj "/CN
 rm ca.key
 cd /
 
-for block; do
+for machine_block; do
     # shellcheck source=/dev/null
-    . "$folder/$block" >"$folder/$block.out" 2>&1 </dev/null
+    . "$machine_folder/$machine_block" >"$machine_folder/$machine_block.out" 2>&1 </dev/null
 done
-exec >&3
+kill "$machine_server"
