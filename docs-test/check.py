@@ -13,7 +13,7 @@ before each of the others, too.
 
                       commands           text
     man/*             .Bd -literal       .Bd -unfilled
-    docs/*.md         ```sh              ```text
+    README, docs/*     ```sh              ```text
 
 Other blocks of a document (```json, ```console) are not looked at.
 """
@@ -24,7 +24,7 @@ import subprocess
 import sys
 
 PAGES = sorted(pathlib.Path("man").iterdir())
-DOCUMENTS = [pathlib.Path("docs/administration.md"), pathlib.Path("docs/packaging.md")]
+DOCUMENTS = [pathlib.Path(path) for path in ("README.md", "docs/administration.md", "docs/packaging.md")]
 REPORT = pathlib.Path("build/docs-test")
 
 # The commands from which the messages of a source can come: their pages must list them.
@@ -89,8 +89,10 @@ def commands_of(source):
 
 
 def messages_of_sources():
-    """Which page must list which message: {page: {plain text: what it is}}; and what could not be read."""
+    """What the sources say: which page must list which message, {page: {plain text: what it is}}; all the texts; and
+    what could not be read."""
     wanted = {command: {} for command in (REGISTER, UNREGISTER, CHECKSUM)}
+    everything = set()
     problems = []
     for path in sorted(pathlib.Path("src").glob("*/*.cpp")):
         text = path.read_text()
@@ -103,6 +105,7 @@ def messages_of_sources():
         if path.parent.name == "frontend":
             for line in PRINTED.findall(text):
                 texts.append(unquote(line))
+        everything.update(texts)
         source = commands_of(str(path))
         if texts and source is None:
             problems.append(f"{path}: COMMANDS in docs-test/check.py does not know it")
@@ -114,11 +117,22 @@ def messages_of_sources():
                 wanted[command].update(usage)
             for text in usage:
                 del wanted[CHECKSUM][text]
-    return wanted, problems
+    return wanted, everything, problems
+
+
+def is_beginning_of(text, message):
+    """Whether a line of the log with this message may begin with the text."""
+    words = message.split(" ")
+    for count in range(1, len(words) + 1):
+        beginning = " ".join(words[:count])
+        pattern = ".*".join(re.escape(piece) for piece in re.split(r"%[a-z]", beginning))
+        if len(pattern) >= 8 and re.fullmatch(pattern, text):
+            return True
+    return False
 
 
 def check_messages():
-    wanted, problems = messages_of_sources()
+    wanted, everything, problems = messages_of_sources()
     check("messages of src are read", problems)
     known = {text for texts in wanted.values() for text in texts}
     for command, texts in wanted.items():
@@ -128,6 +142,14 @@ def check_messages():
         problems = [f"not in the page: {texts[text]}" for text in texts if text not in listed]
         problems += [f"not in src: {listed[text]}" for text in listed if text not in known]
         check(f"messages of {command}: {len(texts)}", problems)
+
+    readme = pathlib.Path("README.md").read_text()
+    table = readme[readme.index("| Symptom |"):].split("\n\n")[0]
+    quoted = [text for row in table.splitlines() for cell in row.split("|")[1:3] for text in re.findall("`(.*?)`", cell)]
+    lines = {text: re.sub(r"( \[0x\w+)? \.\.\.$", "", text).rstrip() for text in quoted}
+    problems = [f"nothing says {text}" for text, line in lines.items()
+                if not any(is_beginning_of(line, message.rstrip()) for message in everything)]
+    check(f"messages that README quotes: {len(lines)}", problems)
 
 
 def blocks_of_page(path):
