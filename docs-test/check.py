@@ -15,7 +15,8 @@ before each of the others, too.
     man/*             .Bd -literal       .Bd -unfilled
     README, docs/*     ```sh              ```text
 
-Other blocks of a document (```json, ```console) are not looked at.
+Other blocks of a document (```console, ```json) are not looked at. What a reader must not do, because it is the mishap
+that the text is about, stands in a comment: <!-- sh, the commands, -->.
 """
 
 import pathlib
@@ -176,9 +177,9 @@ def sections_of(path):
     for number, line in enumerate(path.read_text().splitlines(), 1):
         if fence is None and line.startswith("## "):
             title = line[3:]
-        elif fence is None and line.startswith("```"):
-            fence = (number, line[3:], [])
-        elif fence and line == "```":
+        elif fence is None and line.startswith(("```", "<!-- ")):
+            fence = (number, line.split("```")[-1].split("<!-- ")[-1], [])
+        elif fence and line in ("```", "-->"):
             if fence[1] in ("sh", "text"):
                 sections.setdefault(title, []).append((fence[0], fence[1] == "sh", "\n".join(fence[2]) + "\n"))
             fence = None
