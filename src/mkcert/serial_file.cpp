@@ -17,7 +17,6 @@ namespace opalcrt
 namespace
 {
 constexpr const char *kLogSource = log_source::kMkcert;
-constexpr char kMacAddressFile[] = "/proc/sys/kernel/opal_mac_address1";
 }  // namespace
 
 bool IsSerialFileMissing()

@@ -6,6 +6,9 @@ namespace opalcrt
 
 inline constexpr char kSerialFile[] = "/usr/opal/etc/ssl/.mkcert.serial";
 
+// One line, the machine's hardware address. Only the appliance's kernel has it.
+inline constexpr char kMacAddressFile[] = "/proc/sys/kernel/opal_mac_address1";
+
 // Whether the file must be made. An empty one counts as missing: openssl truncates it in place, and a kill
 // just there would make every later signature fail for ever.
 bool IsSerialFileMissing();
