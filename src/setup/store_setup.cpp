@@ -4,6 +4,7 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -35,7 +36,12 @@ constexpr const char *kFolders[] = {
     kSystemDefinitionDirectory,
     kPackageCertificateRoot,
     kPackageDefinitionDirectory,
-    // The generation would make these three itself, but nobody would note them.
+    kPackageLibexecDirectory,
+    kGenerationFolder,
+};
+
+// The generation would make these itself, but nobody would note them.
+constexpr const char *kGenerationFolders[] = {
     "/usr/opal/etc/ssl/cfg.d",
     "/usr/opal/etc/ssl/ssl.csr",
     "/usr/opal/etc/ssl/.gen",
@@ -64,20 +70,20 @@ bool IsMissing(const char *path)
     return YLIBCFileExist(path) == 0;
 }
 
+bool MakeFolder(std::string folder)
+{
+    if (folder.ends_with('/')) {
+        folder.pop_back();
+    }
+    return MakeNotedFolder(folder) || Fail("make " + folder);
+}
+
 bool MakeFolders()
 {
     if (OPALFSMkdirP(kRecordFolder, nullptr, 1, 0, 0, 0755) != 0) {
         return Fail(std::string("make ") + kRecordFolder);
     }
-    for (std::string folder : kFolders) {
-        if (folder.ends_with('/')) {
-            folder.pop_back();
-        }
-        if (!MakeNotedFolder(folder)) {
-            return Fail("make " + folder);
-        }
-    }
-    return true;
+    return std::all_of(std::begin(kFolders), std::end(kFolders), MakeFolder);
 }
 
 // The id of the certificate of the store that is to be made or completed, noted as unfinished. Empty when there is a
@@ -124,8 +130,9 @@ bool MakeSerialFile()
 
 bool MakeCrt(const std::string &folder)
 {
-    if (!MakeNotedFolder(folder)) {
-        return Fail("make " + folder);
+    if (!MakeFolder(folder) ||
+        !std::all_of(std::begin(kGenerationFolders), std::end(kGenerationFolders), MakeFolder)) {
+        return false;
     }
     for (const char *name : {"/cert.pem", "/privkey.pem", "/fullchain.pem"}) {
         if (IsMissing((folder + name).c_str())) {
