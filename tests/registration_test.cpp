@@ -67,10 +67,19 @@ TEST_F(Registration, RefusesBadDefinitionsAndRemovesThem)
           "ls $D /usr/opal/share/certificate.d | grep p.cfg");
 }
 
+TEST_F(Registration, SeesWhatAnotherProcessDoesToInfoBetweenTwoReadings)
+{
+    // By renaming and in place, before and after the tool's own first write.
+    Shell(R"(define p web api; replace /usr/bin/cp "cd $A; jq --arg key \"\$3\" '.[\$key] = {}' INFO > other
+             case \$3 in */api.temp/*) cat other > INFO;; *) mv other INFO;; esac; exec \$REAL \"\$@\"")");
+    Expect("opalcrtregister p", "0");
+    EXPECT_EQ(Shell("jq -c '[length, .c.services[].service]' INFO"), "[7,\"web\",\"api\"]\n");
+}
+
 TEST_F(Registration, TakesOddNamesAndRefusesThoseThatAreNoFolderName)
 {
     // Latin-1, which is no UTF-8, and strangers in the books come back as they were.
-    const std::string strangers = R"("odd" : [ 18446744073709551615, 1.5, -3, true, null, "\u0000" ])";
+    const std::string strangers = R"("odd":[18446744073709551615,1.5,-3,true,null,"\u0000\"\\/\b\f\n\r\t\u001f",{},[]])";
     Shell("printf '%s' '{" + strangers + R"(, "c": {"services": []}}' > INFO; define x ' a b ' _rf "it's" ete ümläut $(printf %0200d))"
           "; sed -i 's/_rf/-rf/g; s/ete/\xE9t\xE9/g' $D/x.cfg; mv $D/x.cfg \"$D/--sub x.cfg\"");
     Expect("opalcrtregister '--sub x'", "0");
@@ -78,7 +87,7 @@ TEST_F(Registration, TakesOddNamesAndRefusesThoseThatAreNoFolderName)
                                     std::string("ümläut"), std::string(200, '0')}) {
         EXPECT_EQ(Shell("LC_ALL=C sed 's/.*service\":\"\\(.*\\)\",\"sub.*/\\1/' \"$P/--sub x/" + name + "/info\""), name + "\n");
     }
-    EXPECT_EQ(Shell("jq '.c.services | length' INFO; tr -s '\\n\\t' '  ' < INFO | grep -cF '" + strangers + "'"), "6\n1\n");
+    EXPECT_EQ(Shell("jq '.c.services | length' INFO; tr -d '\\n\\t ' < INFO | grep -cF '" + strangers + "'"), "6\n1\n");
 
     Shell("definition []; cp $D/p.cfg $D/../evil.cfg; mv $D/p.cfg $D/_archive.cfg");
     for (const std::string name : {"../evil", ".", "..", "", "_archive", "$(printf %0252d)", "$(printf %0237d)"}) {

@@ -1,12 +1,12 @@
 #include "common/json_file.h"
 
 #include <json/reader.h>
-#include <json/writer.h>
 
 #include <cerrno>
 #include <memory>
 #include <new>
 
+#include "common/json_text.h"
 #include "platform/atomic_file.h"
 #include "platform/error_state.h"
 #include "platform/file_test.h"
@@ -54,27 +54,22 @@ bool Parse(const std::string &text, Json::Value &value)
     }
 }
 
-std::string Render(const Json::Value &value, const char *indentation)
-{
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = indentation;
-    builder["emitUTF8"] = true;
-    return Json::writeString(builder, value);
-}
-
 }  // namespace
 
 bool fromFile(const std::string &path, Json::Value &value, size_t limit)
 {
     value = Json::Value();
     const UniqueFd fd = OpenRegularFile(path.c_str());
-    if (!fd.IsOpen()) {
-        return false;
-    }
+    return fd.IsOpen() && fromOpenFile(fd.Get(), value, limit);
+}
+
+bool fromOpenFile(int fd, Json::Value &value, size_t limit)
+{
+    value = Json::Value();
     int error = EBADMSG;
     try {
         std::string text;
-        if (!ReadWhole(fd.Get(), limit, text)) {
+        if (!ReadWhole(fd, limit, text)) {
             return false;
         }
         if (Parse(text, value)) {
@@ -91,7 +86,8 @@ bool fromFile(const std::string &path, Json::Value &value, size_t limit)
 
 bool toFile(const std::string &path, const Json::Value &value, bool indented, const std::string &modelPath)
 {
-    const std::string text = Render(value, indented ? "\t" : "") + "\n";
+    const std::string text =
+        ToJsonText(value, indented ? JsonLayout::kIndented : JsonLayout::kOneLine) + "\n";
     if (text.size() > kLargestJsonFile) {
         SET_PLATFORM_ERROR(kErrBadParameter);
         errno = EFBIG;
@@ -102,12 +98,12 @@ bool toFile(const std::string &path, const Json::Value &value, bool indented, co
 
 std::string toString(const Json::Value &value)
 {
-    return Render(value, "") + "\n";
+    return ToLogText(value) + "\n";
 }
 
 std::string ToLogText(const Json::Value &value)
 {
-    return Render(value, "");
+    return ToJsonText(value, JsonLayout::kOneLine);
 }
 
 }  // namespace opalcrt

@@ -21,6 +21,9 @@ constexpr size_t kLargestJsonFile = 64UL * 1024 * 1024;
 // that of the failed call, EBADMSG for a text that is no JSON.
 bool fromFile(const std::string &path, Json::Value &value, size_t limit = kLargestJsonFile);
 
+// The same for a regular file that is open already, from its start.
+bool fromOpenFile(int fd, Json::Value &value, size_t limit = kLargestJsonFile);
+
 // Writes the value's text as the whole file with ReplaceFile (platform/atomic_file.h): readers, and the next
 // process after a power cut, see the old file or the new one. `indented` is for people (the books), without
 // it the text is one line. A new file gets the mode and owner of `modelPath` (empty: of `path`) if that
