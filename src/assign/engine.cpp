@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <utility>
 
 #include "assign/recovery.h"
 #include "assign/reload_hooks.h"
@@ -72,7 +73,7 @@ bool UpdateCrtInfo(const Json::Value &serviceObj, const std::string &oldId, cons
     }
 
     Json::Value info;
-    if (!fromFile(kInfoPath, info) || !info.isObject()) {
+    if (!TakeCrtInfo(info) || !info.isObject()) {
         LOG_ERROR_STATE("Broken [%s].", kInfoPath);
         return false;
     }
@@ -82,7 +83,7 @@ bool UpdateCrtInfo(const Json::Value &serviceObj, const std::string &oldId, cons
     if (row.skipAdd == 0 && !ChangeServiceList(info, newId, serviceObj, false)) {
         return false;
     }
-    if (!WriteCrtInfo(info)) {
+    if (!WriteCrtInfo(std::move(info))) {
         LOG_ERROR("Failed to write [%s].", kInfoPath);
         return false;
     }

@@ -14,6 +14,7 @@
 #include "mkcert/default_set.h"
 #include "platform/file_test.h"
 #include "platform/services.h"
+#include "store/crt_info.h"
 #include "store/names.h"
 #include "store/paths.h"
 
@@ -90,13 +91,13 @@ void FinishCutOffRecovery()
 
 bool CheckAndRecoverCrt(const std::string &certId)
 {
-    Json::Value info;
-    if (!fromFile(kInfoPath, info)) {
+    const Json::Value *info = ReadCrtInfo();
+    if (info == nullptr) {
         LOG_ERROR_STATE("Broken [%s].", kInfoPath);
         return false;
     }
     // An id is one folder name of the archive: one with a "/" or ".." would have a set generated elsewhere.
-    if (!IsPlainFolderName(certId) || !info.isObject() || !info[certId].isObject()) {
+    if (!IsPlainFolderName(certId) || !GetMember(*info, certId.c_str()).isObject()) {
         LOG_ERROR("Invalid cert id: [%s]", certId.c_str());
         return false;
     }

@@ -91,6 +91,9 @@ bool HashDer(const unsigned char *der, size_t length, std::string &checksum)
 
 bool GetCrtChecksum(const std::string &certId, std::string &checksum)
 {
+    // The caller's OPENSSL_CONF must not decide what is loaded here.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
+
     UniqueFile file = OpenCrtFile(GetCrtFolderPath(certId) + "/cert.pem");
     if (file == nullptr) {
         return false;
@@ -114,13 +117,14 @@ bool GetCrtChecksum(const std::string &certId, std::string &checksum)
 
 bool AppendServices(const std::string &certId, const Json::Value &services, Json::Value &report)
 {
+    std::string checksum;
     for (const Json::Value &serviceObj : services) {
         if (!serviceObj.isObject()) {
             LOG_ERROR("Incorrect format for %s", kInfoPath);
             return false;
         }
-        std::string checksum;
-        if (!GetCrtChecksum(certId, checksum)) {
+        // Only for the first one, and only then: a certificate without services may be missing.
+        if (checksum.empty() && !GetCrtChecksum(certId, checksum)) {
             return false;
         }
         Json::Value entry(Json::objectValue);
@@ -136,9 +140,6 @@ bool AppendServices(const std::string &certId, const Json::Value &services, Json
 
 bool ListCrtChecksums(Json::Value &report)
 {
-    // The caller's OPENSSL_CONF must not decide what is loaded here.
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
-
     errno = 0;
     Json::Value info;
     if (!fromFile(kInfoPath, info)) {

@@ -9,7 +9,7 @@ namespace opalcrt
 namespace
 {
 
-// GetString without a copy.
+// GetString without a copy. The view of a missing member has no data.
 std::string_view View(const Json::Value &object, const char *key)
 {
     const char *begin = nullptr;
@@ -49,10 +49,13 @@ bool HasBool(const Json::Value &object, const char *key)
     return GetMember(object, key).isBool();
 }
 
-bool IsSameService(const Json::Value &one, const Json::Value &other)
+std::optional<ServiceName> NameOf(const Json::Value &serviceObj)
 {
-    return View(one, "subscriber") == View(other, "subscriber") &&
-           View(one, "service") == View(other, "service");
+    const ServiceName name = {View(serviceObj, "subscriber"), View(serviceObj, "service")};
+    if (name.subscriber.data() == nullptr || name.service.data() == nullptr) {
+        return std::nullopt;
+    }
+    return name;
 }
 
 }  // namespace opalcrt

@@ -3,23 +3,17 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "platform/file_test.h"
+
 namespace opalcrt
 {
 
 namespace
 {
 
-bool IsSameTime(const timespec &one, const timespec &other)
+bool IsSameSource(const FileIdentity &one, const FileIdentity &other)
 {
-    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
-}
-
-bool IsSameFile(const FileIdentity &one, const FileIdentity &other)
-{
-    return one.error == other.error && one.status.st_dev == other.status.st_dev &&
-           one.status.st_ino == other.status.st_ino && one.status.st_size == other.status.st_size &&
-           IsSameTime(one.status.st_mtim, other.status.st_mtim) &&
-           IsSameTime(one.status.st_ctim, other.status.st_ctim);
+    return one.error == other.error && IsSameFile(one.status, other.status);
 }
 
 }  // namespace
@@ -39,7 +33,7 @@ SourceSnapshot TakeSnapshot(const std::string &folder, const std::vector<std::st
 
 bool IsUnchanged(const SourceSnapshot &before, const SourceSnapshot &after)
 {
-    return std::equal(before.begin(), before.end(), after.begin(), after.end(), IsSameFile);
+    return std::equal(before.begin(), before.end(), after.begin(), after.end(), IsSameSource);
 }
 
 }  // namespace opalcrt

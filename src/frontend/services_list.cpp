@@ -89,13 +89,8 @@ bool RemoveRegisterServices(const std::string &subscriber, const std::string &fi
 
 bool MatchService(const Json::Value &serviceObj, const std::string &subscriber, const std::string &filter)
 {
-    if (!HasString(serviceObj, "subscriber") || !HasString(serviceObj, "service")) {
-        return false;
-    }
-    if (GetString(serviceObj, "subscriber") != subscriber) {
-        return false;
-    }
-    return filter.empty() || GetString(serviceObj, "service") == filter;
+    const std::optional<ServiceName> name = NameOf(serviceObj);
+    return name && name->subscriber == subscriber && (filter.empty() || name->service == filter);
 }
 
 }  // namespace opalcrt

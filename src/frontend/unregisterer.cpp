@@ -1,6 +1,9 @@
 #include "frontend/unregisterer.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <utility>
+#include <vector>
 
 #include "common/json_file.h"
 #include "common/json_member.h"
@@ -11,6 +14,7 @@
 #include "frontend/services_list.h"
 #include "platform/atomic_file.h"
 #include "platform/process.h"
+#include "store/crt_info.h"
 #include "store/names.h"
 #include "store/paths.h"
 
@@ -37,20 +41,20 @@ bool Init(int argc, char *argv[], Json::Value &request)
     }
     request["subscriber"] = argv[1];
 
-    Json::Value info;
-    if (!fromFile(kInfoPath, info)) {
+    const Json::Value *info = ReadCrtInfo();
+    if (info == nullptr) {
         LOG_ERROR("Failed to get info for UnRegisterer");
         return false;
     }
     if (argc == 3) {
         request["service"] = argv[2];
     }
-    if (!info.isObject() || info.empty()) {
+    if (!info->isObject() || info->empty()) {
         LOG_ERROR("Bad certificate info");
         return false;
     }
 
-    if (FindServiceOwner(info, request) && !CheckOwnerPermission(GetString(request, "owner"))) {
+    if (FindServiceOwner(*info, request) && !CheckOwnerPermission(GetString(request, "owner"))) {
         LOG_ERROR_STATE("Failed to init, ");
         return false;
     }
@@ -77,16 +81,20 @@ bool IsSameOwner(const Json::Value &serviceObj, const Json::Value &request)
     return true;
 }
 
-// Moves what stays of one entry's list into `kept`. False when a service to be removed is somebody else's.
-bool KeepOtherServices(const Json::Value &services, const Json::Value &request, Json::Value &kept,
-                       bool &isChanged)
+bool ListsAny(const Json::Value &services, const Json::Value &request)
+{
+    return std::any_of(services.begin(), services.end(), [&request](const Json::Value &serviceObj) {
+        return NamesService(request, serviceObj);
+    });
+}
+
+// Copies what stays of one entry's list to `kept`. False when a service to be removed is somebody else's.
+bool KeepOtherServices(const Json::Value &services, const Json::Value &request, Json::Value &kept)
 {
     for (const Json::Value &serviceObj : services) {
         if (!NamesService(request, serviceObj)) {
             kept.append(serviceObj);
-        } else if (IsSameOwner(serviceObj, request)) {
-            isChanged = true;
-        } else {
+        } else if (!IsSameOwner(serviceObj, request)) {
             return false;
         }
     }
@@ -157,32 +165,32 @@ bool FindServiceOwner(const Json::Value &info, Json::Value &request)
 bool RemoveServiceFromInfo(const Json::Value &request)
 {
     Json::Value info;
-    if (!fromFile(kInfoPath, info) || !info.isObject()) {
+    if (!TakeCrtInfo(info) || !info.isObject()) {
         LOG_ERROR("Failed to get or bad info for UnRegisterer");
         return false;
     }
 
-    Json::Value changed = info;
-    bool isChanged = false;
-    for (Json::Value &entry : changed) {
+    std::vector<std::pair<Json::Value *, Json::Value>> changed;  // Each list with what it was.
+    for (Json::Value &entry : info) {
         const Json::Value &services = GetMember(entry, "services");
-        if (!services.isArray()) {
+        if (!services.isArray() || !ListsAny(services, request)) {
             continue;
         }
         Json::Value kept(Json::arrayValue);
-        if (!KeepOtherServices(services, request, kept, isChanged)) {
+        if (!KeepOtherServices(services, request, kept)) {
             return false;
         }
         entry["services"].swap(kept);
+        changed.emplace_back(&entry["services"], std::move(kept));
     }
-    if (!isChanged) {
+    if (changed.empty() || toFile(kInfoPath, info, true)) {
         return true;
     }
 
-    if (toFile(kInfoPath, changed, true)) {
-        return true;
-    }
     LOG_ERROR("Failed to update info file");
+    for (auto &[services, before] : changed) {
+        services->swap(before);
+    }
     if (toFile(kInfoBackupPath, info, true, kInfoPath)) {
         LOG_ERROR("Original info file is backed up to %s.bak", kInfoPath);
     }

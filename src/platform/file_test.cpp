@@ -24,6 +24,11 @@ int LookAt(const char *path, struct stat &info)
     return errno == ENOENT || errno == ENOTDIR ? 0 : -1;
 }
 
+bool IsSameTime(const timespec &one, const timespec &other)
+{
+    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+}
+
 }  // namespace
 
 int YLIBCFileExist(const char *path)
@@ -42,6 +47,12 @@ int YLIBCFileCheckDir(const char *path)
         return 0;
     }
     return answer;
+}
+
+bool IsSameFile(const struct stat &one, const struct stat &other)
+{
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino && one.st_size == other.st_size &&
+           IsSameTime(one.st_mtim, other.st_mtim) && IsSameTime(one.st_ctim, other.st_ctim);
 }
 
 UniqueFd OpenRegularFile(const char *path)

@@ -1,6 +1,8 @@
 // Looking at files, and reading them a line at a time.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -16,6 +18,10 @@ namespace opalcrt
 // On 0 and -1 the platform error state is set and errno is that of stat(2) (ENOTDIR for something else).
 int YLIBCFileExist(const char *path);
 int YLIBCFileCheckDir(const char *path);
+
+// Whether both are the same file with the same content: device, inode, size, and the times of its last writing and
+// change. The time of its last reading does not count.
+bool IsSameFile(const struct stat &one, const struct stat &other);
 
 // Opens a regular file for reading, close-on-exec. Anything else in its place (a folder, a fifo, a device)
 // is refused without waiting for it: errno is EINVAL then. Follows links.

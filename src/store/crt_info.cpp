@@ -1,12 +1,15 @@
 #include "store/crt_info.h"
 
 #include <cstdio>
+#include <utility>
 
+#include "common/json_cache.h"
 #include "common/json_file.h"
 #include "common/json_member.h"
 #include "common/log.h"
 #include "common/scoped_lock.h"
 #include "platform/atomic_file.h"
+#include "platform/file_test.h"
 #include "store/paths.h"
 
 namespace opalcrt
@@ -29,15 +32,22 @@ constexpr ServiceObjKey kServiceObjKeys[] = {
     {"isPkg", Json::booleanValue, true},       {"owner", Json::stringValue, true},
 };
 
+// A registration reads INFO several times for each service, and mostly nobody has changed it meanwhile.
+JsonFileCache &CrtInfoFile()
+{
+    static JsonFileCache file(kInfoPath);
+    return file;
+}
+
 // Entries and lists of a wrong shape carry no service and are passed over.
-bool ListsService(const Json::Value &entry, const Json::Value &serviceObj)
+bool ListsService(const Json::Value &entry, const ServiceName &wanted)
 {
     const Json::Value &services = GetMember(entry, "services");
     if (!services.isArray()) {
         return false;
     }
     for (const Json::Value &element : services) {
-        if (element.isObject() && IsSameService(element, serviceObj)) {
+        if (NameOf(element) == wanted) {
             return true;
         }
     }
@@ -79,15 +89,16 @@ bool GetServiceCrtId(const Json::Value &serviceObj, std::string &certId)
         return false;
     }
 
-    Json::Value info;
-    if (!fromFile(kInfoPath, info) || !info.isObject()) {
+    const Json::Value *info = ReadCrtInfo();
+    if (info == nullptr || !info->isObject()) {
         LOG_ERROR_STATE("Broken [%s].", kInfoPath);
         return false;
     }
 
     // jsoncpp walks an object's members in ascending byte order of their names.
-    for (auto entry = info.begin(); entry != info.end(); ++entry) {
-        if (ListsService(*entry, serviceObj)) {
+    const ServiceName wanted = *NameOf(serviceObj);
+    for (auto entry = info->begin(); entry != info->end(); ++entry) {
+        if (ListsService(*entry, wanted)) {
             certId = entry.name();
             return true;
         }
@@ -99,9 +110,10 @@ void UpdateServiceList(Json::Value &services, const Json::Value &serviceObj, boo
 {
     Json::Value old(Json::arrayValue);
     old.swap(services);
+    const std::optional<ServiceName> changed = NameOf(serviceObj);
     for (Json::Value &element : old) {
-        if (HasString(element, "subscriber") && HasString(element, "service") &&
-            !IsSameService(element, serviceObj)) {
+        const std::optional<ServiceName> listed = NameOf(element);
+        if (listed && listed != changed) {
             services.append(std::move(element));
         }
     }
@@ -110,16 +122,31 @@ void UpdateServiceList(Json::Value &services, const Json::Value &serviceObj, boo
     }
 }
 
-bool WriteCrtInfo(const Json::Value &info)
+const Json::Value *ReadCrtInfo()
+{
+    return CrtInfoFile().Read();
+}
+
+bool TakeCrtInfo(Json::Value &info)
+{
+    return CrtInfoFile().Take(info);
+}
+
+bool WriteCrtInfo(Json::Value info)
 {
     if (!toFile(kInfoTempPath, info, true, kInfoPath)) {
         const std::string text = ToLogText(info);
         LOG_ERROR_LONG(text, "Failed to write [%s] to [%s].", text.c_str(), kInfoTempPath);
         return false;
     }
+    // Opened under the name that is ours alone, so it is what was written, whatever becomes of INFO.
+    UniqueFd written = OpenRegularFile(kInfoTempPath);
     if (rename(kInfoTempPath, kInfoPath) != 0 || !SyncParent(kInfoPath)) {
         LOG_ERROR("Failed to move %s to %s", kInfoTempPath, kInfoPath);
         return false;
+    }
+    if (written.IsOpen()) {
+        CrtInfoFile().Keep(std::move(written), std::move(info));
     }
     return true;
 }

@@ -36,11 +36,20 @@ bool GetServiceCrtId(const Json::Value &serviceObj, std::string &certId);
 // at its end unless `removeOnly` is set.
 void UpdateServiceList(Json::Value &services, const Json::Value &serviceObj, bool removeOnly);
 
+// INFO as it is on the disk now, parsed anew only when it was replaced since the last reading. Null, with the platform
+// error state and errno set, when it is missing or no JSON. The value may be no object. It is good until INFO is
+// read, taken or written again.
+const Json::Value *ReadCrtInfo();
+
+// The same to be changed: `info` is the caller's, and the next reading parses the file unless WriteCrtInfo gets it
+// back. False, `info` null, as ReadCrtInfo fails.
+bool TakeCrtInfo(Json::Value &info);
+
 // Replaces INFO by `info` in one step, through INFO.temp: readers see the old file or the new one.
 // The caller holds the info lock exclusively from its read of INFO until this returns.
 // False, logged, with INFO untouched when INFO.temp cannot be written or renamed (a written INFO.temp then
 // stays); when only the sync of the folder fails after the rename, the new INFO stands although false is
 // answered.
-bool WriteCrtInfo(const Json::Value &info);
+bool WriteCrtInfo(Json::Value info);
 
 }  // namespace opalcrt
