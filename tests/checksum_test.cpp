@@ -1,6 +1,7 @@
 #include <openssl/err.h>
 
 #include "checksum/openssl_error.h"
+#include "common/libcrypto.h"
 #include "common/log.h"
 #include "sandbox.h"
 
@@ -37,6 +38,8 @@ TEST_F(Checksum, PrintsNothingWhenAnythingIsWrong)
            {"mv c/cert.pem c/x", "1", {"utils.cpp Realpath $A/c/cert.pem failed. No such file or directory"}},
            {"mv c/cert.pem c/x; ln -s x c/cert.pem", "1", {"utils.cpp Invalid path for $A/c/x, $A/c/cert.pem.\n"}},
            {"cp c/privkey.pem c/cert.pem", "1", {"utils.cpp Read X509 failed. ["}},
+           {"export LD_LIBRARY_PATH=/tmp/l; mkdir -p /tmp/l; : > /tmp/l/libcrypto.so.3", "1",
+            {"utils.cpp Failed to load libcrypto.so.3 [/tmp/l/libcrypto.so.3: file too short]\n"}},
            {"rm c/cert.pem; mkfifo c/cert.pem", "1", {"utils.cpp Open $A/c/cert.pem failed. Invalid argument"}}},
           "rm -rf c; crt c; echo '{\"c\": {\"services\": [{}]}}' > INFO; ", "timeout 5 opalcrtchecksum");
 }
@@ -50,6 +53,7 @@ TEST_F(Checksum, FailsWhenNobodyTakesTheReport)
 
 TEST_F(Checksum, LogsAndEmptiesTheErrorQueueAndCutsLongLines)
 {
+    ASSERT_TRUE(LoadLibCrypto("test"));
     LogOpenSSLError("SHA256 init failed.");
     ERR_raise(ERR_LIB_PEM, 108);
     LogOpenSSLError("Step.");

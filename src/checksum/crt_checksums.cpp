@@ -1,10 +1,5 @@
 #include "checksum/crt_checksums.h"
 
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +10,7 @@
 #include "checksum/openssl_error.h"
 #include "common/json_file.h"
 #include "common/json_member.h"
+#include "common/libcrypto.h"
 #include "common/log.h"
 #include "common/no_password.h"
 #include "platform/file_test.h"
@@ -32,9 +28,9 @@ struct CFree {
     void operator()(char *memory) const { free(memory); }
 };
 struct OpenSSLFree {
-    void operator()(X509 *crt) const { X509_free(crt); }
-    void operator()(unsigned char *memory) const { OPENSSL_free(memory); }
-    void operator()(EVP_MD_CTX *context) const { EVP_MD_CTX_free(context); }
+    void operator()(X509 *crt) const { libcrypto.X509_free(crt); }
+    void operator()(unsigned char *memory) const { libcrypto.CRYPTO_free(memory, __FILE__, __LINE__); }
+    void operator()(EVP_MD_CTX *context) const { libcrypto.EVP_MD_CTX_free(context); }
 };
 
 // Opens a certificate's file; null, logged, also when a link or ".." on the way leads elsewhere.
@@ -70,18 +66,19 @@ std::string ToHex(const unsigned char *bytes, size_t count)
 
 bool HashDer(const unsigned char *der, size_t length, std::string &checksum)
 {
-    const std::unique_ptr<EVP_MD_CTX, OpenSSLFree> context(EVP_MD_CTX_new());
-    if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
+    const std::unique_ptr<EVP_MD_CTX, OpenSSLFree> context(libcrypto.EVP_MD_CTX_new());
+    if (context == nullptr ||
+        libcrypto.EVP_DigestInit_ex(context.get(), libcrypto.EVP_sha256(), nullptr) != 1) {
         LogOpenSSLError("SHA256 init failed.");
         return false;
     }
-    if (EVP_DigestUpdate(context.get(), der, length) != 1) {
+    if (libcrypto.EVP_DigestUpdate(context.get(), der, length) != 1) {
         LogOpenSSLError("SHA256 update failed.");
         return false;
     }
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned digestLength = 0;
-    if (EVP_DigestFinal_ex(context.get(), digest, &digestLength) != 1) {
+    if (libcrypto.EVP_DigestFinal_ex(context.get(), digest, &digestLength) != 1) {
         LogOpenSSLError("SHA256 final failed.");
         return false;
     }
@@ -91,14 +88,12 @@ bool HashDer(const unsigned char *der, size_t length, std::string &checksum)
 
 bool GetCrtChecksum(const std::string &certId, std::string &checksum)
 {
-    // The caller's OPENSSL_CONF must not decide what is loaded here.
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
-
     UniqueFile file = OpenCrtFile(GetCrtFolderPath(certId) + "/cert.pem");
-    if (file == nullptr) {
+    if (file == nullptr || !LoadLibCrypto(kLogSource)) {
         return false;
     }
-    const std::unique_ptr<X509, OpenSSLFree> crt(PEM_read_X509(file.get(), nullptr, NoPassword, nullptr));
+    const std::unique_ptr<X509, OpenSSLFree> crt(
+        libcrypto.PEM_read_X509(file.get(), nullptr, NoPassword, nullptr));
     file.reset();
     if (crt == nullptr) {
         LogOpenSSLError("Read X509 failed.");
@@ -106,7 +101,7 @@ bool GetCrtChecksum(const std::string &certId, std::string &checksum)
     }
 
     unsigned char *encoded = nullptr;
-    const int length = i2d_X509(crt.get(), &encoded);
+    const int length = libcrypto.i2d_X509(crt.get(), &encoded);
     const std::unique_ptr<unsigned char, OpenSSLFree> der(encoded);
     if (length < 0) {
         LogOpenSSLError("PEM to DER failed.");
@@ -152,7 +147,9 @@ bool ListCrtChecksums(Json::Value &report)
     }
 
     for (const std::string &certId : info.getMemberNames()) {
-        const Json::Value &services = GetMember(info[certId], "services");
+        Json::Value entry;
+        info.removeMember(certId, &entry);  // Gone after its turn: it makes room for the report.
+        const Json::Value &services = GetMember(entry, "services");
         if (!services.isArray()) {
             LOG_ERROR("Incorrect format for %s", kInfoPath);
             return false;

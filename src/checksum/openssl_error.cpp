@@ -1,10 +1,8 @@
 #include "checksum/openssl_error.h"
 
-#include <openssl/bio.h>
-#include <openssl/err.h>
-
 #include <string>
 
+#include "common/libcrypto.h"
 #include "common/log.h"
 
 namespace opalcrt
@@ -17,17 +15,17 @@ constexpr const char *kLogSource = log_source::kUtils;
 
 void LogOpenSSLError(const char *step)
 {
-    BIO *bio = BIO_new(BIO_s_mem());
+    BIO *bio = libcrypto.BIO_new(libcrypto.BIO_s_mem());
     if (bio == nullptr) {
         LOG_ERROR("Fatal Error. new bio failed.");
         return;
     }
-    ERR_print_errors(bio);
+    libcrypto.ERR_print_errors(bio);
     char *data = nullptr;
-    const long length = BIO_get_mem_data(bio, &data);
+    const long length = libcrypto.BIO_ctrl(bio, BIO_CTRL_INFO, 0, &data);
     const std::string text(data != nullptr ? data : "", length > 0 ? static_cast<size_t>(length) : 0);
     LOG_ERROR_LONG(text, "%s [%s]", step, text.c_str());
-    BIO_free(bio);
+    libcrypto.BIO_free(bio);
 }
 
 }  // namespace opalcrt

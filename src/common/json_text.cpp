@@ -103,14 +103,15 @@ private:
         text_ += opening;
         ++depth_;
         const char *comma = "";
-        for (auto child = value.begin(); child != value.end(); ++child) {
+        const auto end = value.end();
+        for (auto child = value.begin(); child != end; ++child) {
             text_ += comma;
             comma = ",";
             StartLine();
             if (opening == '{') {
-                const char *end = nullptr;
-                const char *name = child.memberName(&end);
-                AppendString(name, end, text_);
+                const char *nameEnd = nullptr;
+                const char *name = child.memberName(&nameEnd);
+                AppendString(name, nameEnd, text_);
                 text_ += isIndented_ ? ": " : ":";
             }
             Append(*child);

@@ -1,5 +1,6 @@
 #include "store/crt_info.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -40,14 +41,16 @@ JsonFileCache &CrtInfoFile()
 }
 
 // Entries and lists of a wrong shape carry no service and are passed over.
-bool ListsService(const Json::Value &entry, const ServiceName &wanted)
+bool ListsService(const Json::Value &entry, const Json::Value &serviceObj)
 {
     const Json::Value &services = GetMember(entry, "services");
     if (!services.isArray()) {
         return false;
     }
+    const Json::Value &service = GetMember(serviceObj, "service");
+    const Json::Value &subscriber = GetMember(serviceObj, "subscriber");
     for (const Json::Value &element : services) {
-        if (NameOf(element) == wanted) {
+        if (GetMember(element, "service") == service && GetMember(element, "subscriber") == subscriber) {
             return true;
         }
     }
@@ -96,9 +99,8 @@ bool GetServiceCrtId(const Json::Value &serviceObj, std::string &certId)
     }
 
     // jsoncpp walks an object's members in ascending byte order of their names.
-    const ServiceName wanted = *NameOf(serviceObj);
     for (auto entry = info->begin(); entry != info->end(); ++entry) {
-        if (ListsService(*entry, wanted)) {
+        if (ListsService(*entry, serviceObj)) {
             certId = entry.name();
             return true;
         }
@@ -108,13 +110,19 @@ bool GetServiceCrtId(const Json::Value &serviceObj, std::string &certId)
 
 void UpdateServiceList(Json::Value &services, const Json::Value &serviceObj, bool removeOnly)
 {
-    Json::Value old(Json::arrayValue);
-    old.swap(services);
     const std::optional<ServiceName> changed = NameOf(serviceObj);
-    for (Json::Value &element : old) {
+    const auto stays = [&changed](const Json::Value &element) {
         const std::optional<ServiceName> listed = NameOf(element);
-        if (listed && listed != changed) {
-            services.append(std::move(element));
+        return listed && listed != changed;
+    };
+    // A long list in which nothing changes, that of a new service, is not built anew.
+    if (!std::all_of(services.begin(), services.end(), stays)) {
+        Json::Value old(Json::arrayValue);
+        old.swap(services);
+        for (Json::Value &element : old) {
+            if (stays(element)) {
+                services.append(std::move(element));
+            }
         }
     }
     if (!removeOnly) {
