@@ -34,7 +34,8 @@ int YLIBCExec(const char *path, const char *arg1, const char *arg2, const char *
 int YLIBCExecl(const char *path, unsigned options, std::initializer_list<const char *> args);
 
 // Runs `path` with the null-terminated vector `argv`, whose first element is the program's name.
-// As YLIBCExec. `options` is 1 for every caller and has no further meaning.
+// As YLIBCExec, but for one more variable in its environment: SSL_CERT_FILE, which keeps openssl from reading the
+// system's CA certificates. `options` is 1 for every caller and has no further meaning.
 int YLIBCExecv(const char *path, char *const argv[], int options);
 
 }  // namespace opalcrt
