@@ -76,7 +76,8 @@ int Spawn(const std::vector<std::string> &args, char *const environment[], rusag
 int Run(const std::vector<std::string> &args)
 {
     static char *const environment[] = {const_cast<char *>("PATH=/usr/sbin:/usr/bin:/sbin:/bin"),
-                                        const_cast<char *>("HOME=/root"), const_cast<char *>("LC_ALL=C"), nullptr};
+                                        const_cast<char *>("HOME=/root"), const_cast<char *>("LC_ALL=C"),
+                                        nullptr};
     const double start = Now();
     const int status = Spawn(args, environment, nullptr);
     programSeconds[args[0] + " " + args[1]] += Now() - start;
@@ -206,12 +207,15 @@ std::string Hash(const std::string &path)
 {
     const std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "re"), fclose);
     Must(file != nullptr, path);
-    const std::unique_ptr<X509, void (*)(X509 *)> crt(PEM_read_X509(file.get(), nullptr, nullptr, nullptr), X509_free);
+    const std::unique_ptr<X509, void (*)(X509 *)> crt(PEM_read_X509(file.get(), nullptr, nullptr, nullptr),
+                                                      X509_free);
     unsigned char *der = nullptr;
     const int length = i2d_X509(crt.get(), &der);
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned size = 0;
-    Must(length > 0 && EVP_Digest(der, static_cast<size_t>(length), digest, &size, EVP_sha256(), nullptr) == 1, path);
+    Must(
+        length > 0 && EVP_Digest(der, static_cast<size_t>(length), digest, &size, EVP_sha256(), nullptr) == 1,
+        path);
     OPENSSL_free(der);
     std::string hex;
     char digits[3];
