@@ -240,6 +240,9 @@ void FuzzInfo(const std::string &input)
     REQUIRE(certId == "none" || (HasList(before[certId]) &&
                                  Others(before[certId]["services"], "s") != before[certId]["services"]));
     REQUIRE(CheckAndRecoverCrt("c") == (before.isObject() && before["c"].isObject()));
+    for (const char *elsewhere : {"", ".", "..", "c/", "c/../c"}) {
+        REQUIRE(!CheckAndRecoverCrt(elsewhere));
+    }
 
     Json::Value report(Json::arrayValue);
     if (ListCrtChecksums(report)) {
