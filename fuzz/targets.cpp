@@ -63,11 +63,21 @@ std::string Get(const std::string &path)
     return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
+size_t Depth(const Json::Value &tree)
+{
+    size_t below = 0;
+    for (const Json::Value &node : tree) {
+        below = std::max(below, Depth(node));
+    }
+    return below + 1;
+}
+
 // Null for a book that is broken.
 Json::Value GetBook(const std::string &path)
 {
     Json::Value book;
     REQUIRE(fromFile(path, book) || book.isNull());
+    REQUIRE(Depth(book) <= 500);
     return book;
 }
 
