@@ -71,7 +71,7 @@ def said_by(command):
 def shell_scripts():
     for path in subprocess.check_output(["git", "ls-files"], text=True).splitlines():
         with open(path, "rb") as file:
-            if re.match(rb"#! ?/bin/(ba)?sh\b", file.readline()):
+            if re.match(rb"#! ?/bin/(ba)?sh\b|# shellcheck shell=", file.readline()):
                 yield path
 
 
@@ -223,7 +223,7 @@ def run_example(path, title, blocks):
 def main():
     if word in "shellcheck":
         for script in shell_scripts():
-            check(f"shellcheck {script}", said_by(["shellcheck", "-x", script]))
+            check(f"shellcheck {script}", said_by(["shellcheck", "-x", "-P", "SCRIPTDIR", script]))
     if word in "mandoc":
         for page in PAGES:
             check(f"mandoc {page}", said_by(["mandoc", "-T", "lint", "-W", "warning", page]))
