@@ -4,6 +4,8 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "platform/error_state.h"
+
 namespace opalcrt
 {
 
@@ -40,6 +42,21 @@ void CutLongText(std::string &line, const std::string &longText)
     line.erase(cut, end - cut);
 }
 
+void Send(int priority, const char *source, int line, const std::string &longText, const std::string &message)
+{
+    std::string text = source + std::string(":") + std::to_string(line) + " " + message;
+    CutLongText(text, longText);
+    syslog(LOG_USER | priority, "%s", text.c_str());
+}
+
+std::string ErrorState()
+{
+    char text[128] = {};
+    snprintf(text, sizeof(text), "[0x%04X %s:%d]", static_cast<unsigned>(YLIBCErrGet()), YLIBCErrorGetFile(),
+             YLIBCErrorGetLine());
+    return text;
+}
+
 }  // namespace
 
 void LogLine(int priority, const char *source, int line, const std::string &longText, const char *format, ...)
@@ -47,12 +64,20 @@ void LogLine(int priority, const char *source, int line, const std::string &long
     const int error = errno;
     va_list args;
     va_start(args, format);
-    std::string text = source + std::string(":") + std::to_string(line) + " ";
-    errno = error;
-    text += Format(format, args);
+    const std::string message = Format(format, args);
     va_end(args);
-    CutLongText(text, longText);
-    syslog(LOG_USER | priority, "%s", text.c_str());
+    Send(priority, source, line, longText, message);
+    errno = error;
+}
+
+void LogLineAndState(int priority, const char *source, int line, const char *format, ...)
+{
+    const int error = errno;
+    va_list args;
+    va_start(args, format);
+    const std::string message = Format(format, args);
+    va_end(args);
+    Send(priority, source, line, std::string(), message + ErrorState());
     errno = error;
 }
 

@@ -10,8 +10,6 @@
 
 #include <string>
 
-#include "platform/error_state.h"
-
 namespace opalcrt
 {
 
@@ -33,21 +31,18 @@ constexpr size_t kLongestLogLine = 8192 - 128;
 void LogLine(int priority, const char *source, int line, const std::string &longText, const char *format, ...)
     __attribute__((format(printf, 5, 6)));
 
+// The same, and the line ends with the platform error state as it stands.
+void LogLineAndState(int priority, const char *source, int line, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
+
 }  // namespace opalcrt
 
-#define LOG_ERROR(format, ...) \
-    ::opalcrt::LogLine(LOG_ERR, kLogSource, __LINE__, std::string(), format __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_ERROR(...) ::opalcrt::LogLine(LOG_ERR, kLogSource, __LINE__, std::string(), __VA_ARGS__)
 
-// The line ends with the platform error state as it stands.
-#define LOG_ERROR_STATE(format, ...)                                                           \
-    LOG_ERROR(format "[0x%04X %s:%d]" __VA_OPT__(, ) __VA_ARGS__,                              \
-              static_cast<unsigned>(::opalcrt::YLIBCErrGet()), ::opalcrt::YLIBCErrorGetFile(), \
-              ::opalcrt::YLIBCErrorGetLine())
+#define LOG_ERROR_STATE(...) ::opalcrt::LogLineAndState(LOG_ERR, kLogSource, __LINE__, __VA_ARGS__)
 
 // `longText`, a std::string that is among the arguments (a JSON text, OpenSSL's errors), may be of any
 // length.
-#define LOG_ERROR_LONG(longText, format, ...) \
-    ::opalcrt::LogLine(LOG_ERR, kLogSource, __LINE__, longText, format __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_ERROR_LONG(longText, ...) ::opalcrt::LogLine(LOG_ERR, kLogSource, __LINE__, longText, __VA_ARGS__)
 
-#define LOG_DEBUG_LINE(format, ...) \
-    ::opalcrt::LogLine(LOG_DEBUG, kLogSource, __LINE__, std::string(), format __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_DEBUG_LINE(...) ::opalcrt::LogLine(LOG_DEBUG, kLogSource, __LINE__, std::string(), __VA_ARGS__)

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "common/log.h"
+#include "platform/error_state.h"
 #include "platform/users.h"
 
 namespace opalcrt

@@ -13,6 +13,7 @@
 #include "frontend/caller_check.h"
 #include "frontend/definition_file.h"
 #include "frontend/services_list.h"
+#include "platform/error_state.h"
 #include "store/names.h"
 
 namespace opalcrt

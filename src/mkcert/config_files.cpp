@@ -9,6 +9,7 @@
 
 #include "common/log.h"
 #include "platform/atomic_file.h"
+#include "platform/error_state.h"
 #include "platform/process.h"
 #include "platform/unique_fd.h"
 
