@@ -22,7 +22,8 @@ bool PrepareProcess()
             return false;
         }
     }
-    return signal(SIGCHLD, SIG_DFL) != SIG_ERR && signal(SIGPIPE, SIG_IGN) != SIG_ERR;
+    return signal(SIGCHLD, SIG_DFL) != SIG_ERR && signal(SIGPIPE, SIG_IGN) != SIG_ERR &&
+           signal(SIGXFSZ, SIG_IGN) != SIG_ERR;
 }
 
 void PrintBanner()
