@@ -11,8 +11,8 @@ empty() { # the books
 }
 crt() { # ID [PREFIX]: a certificate of its own, which INFO does not know yet
     mkdir -p $A/$1 && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=$1 \
-        -keyout $A/$1/$2privkey.pem -out $A/$1/$2cert.pem 2>/dev/null
-    cp $A/$1/$2cert.pem $A/$1/$2fullchain.pem; chmod 0400 $A/$1/*.pem
+        -keyout $A/$1/${2-}privkey.pem -out $A/$1/${2-}cert.pem 2>/dev/null
+    cp $A/$1/${2-}cert.pem $A/$1/${2-}fullchain.pem; chmod 0400 $A/$1/*.pem
 }
 definition() { # SERVICES: drops the definition file of package p
     printf '%s\n' "{\"owner\": \"opalweb\", \"isPkg\": true, \"services\": $1}" > $D/p.cfg
