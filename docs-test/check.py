@@ -37,6 +37,7 @@ COMMANDS = {
     "src/frontend/": [REGISTER],
     "src/assign/": [REGISTER],
     "src/checksum/": [CHECKSUM],
+    "src/common/libcrypto.cpp": [REGISTER, CHECKSUM],
     "src/common/": [REGISTER, UNREGISTER],
     "src/deploy/": [REGISTER],
     "src/mkcert/": [REGISTER],
