@@ -5,6 +5,8 @@
 
 Messages: the lists of DIAGNOSTICS in man/ and the texts in src/ must be the same, for each command.
 
+Links: those of README, docs/ and man/ lead to what is installed beside them.
+
 Examples: blocks of shell commands are run as they stand, in the order of the document, by bash with -e -u and
 pipefail. A command that fails ends the example. A block of text after them is what they must have printed; "..." in it
 stands for anything. What the examples find on their machine is made by docs-test/machine.sh. The examples of a manual
@@ -19,6 +21,7 @@ Other blocks of a document (```console, ```json) are not looked at. What a reade
 that the text is about, stands in a comment: <!-- sh, the commands, -->.
 """
 
+import os
 import pathlib
 import re
 import subprocess
@@ -154,6 +157,18 @@ def check_messages():
     check(f"messages that README quotes: {len(lines)}", problems)
 
 
+def check_links():
+    """README, docs/ and examples/ are what is installed, side by side: no link leads anywhere else."""
+    problems = []
+    for path in ["README.md", *map(str, sorted(pathlib.Path("docs").glob("*.md"))), *map(str, PAGES)]:
+        text = pathlib.Path(path).read_text()
+        targets = [os.path.join(os.path.dirname(path), one) for one in re.findall(r"\]\((?!\w+:)([^)#]+)", text)]
+        targets += re.findall(r"/usr/share/doc/opalcrt/(\S+)", text)
+        problems += [f"{path}: {one}" for one in map(os.path.normpath, targets)
+                     if not os.path.exists(one) or one.split("/")[0] not in ("README.md", "docs", "examples")]
+    check("links between the documents", problems)
+
+
 def blocks_of_page(path):
     """(line, is it commands, text) of the blocks of EXAMPLES."""
     examples = None
@@ -230,6 +245,8 @@ def main():
             check(f"mandoc {page}", said_by(["mandoc", "-T", "lint", "-W", "warning", page]))
     if word in "messages":
         check_messages()
+    if word in "links":
+        check_links()
     examples = [(page, "EXAMPLES", list(blocks_of_page(page))) for page in PAGES]
     for path in DOCUMENTS:
         sections = [(path, title, blocks) for title, blocks in sections_of(path).items()]
