@@ -30,6 +30,16 @@ TEST_F(Hostile, ALimitOnDescriptorsIsAFailureToo)
            {u + "6 -- opalcrtregister p); }", "Failed to DeployDefCrt for p\n1", {"Broken [$A/INFO]."}, kSame + "web\n"}},
           kBefore, "u", kLook);
 }
+
+// Where memory ends differs from machine to machine, so all limits up to enough are tried.
+TEST_F(Hostile, ALimitOnMemoryIsAFailureToo)
+{
+    const std::string many = R"(define p web; jq -n '{c: {services: [range(5000) | {display_name: "d", isPkg: true, owner: "o", service: "s",
+        subscriber: "q"}]}}' > INFO; crt c; for k in $(seq 8000 500 28000); do define p web; prlimit --as=$((k * 1024)) -- )";
+    const std::string seen = "; echo $?; done | grep -v '^Failed to' | sort -u; jq '.c.services | length >= 5000' INFO";
+    Expect(many + "opalcrtregister p" + seen, "0\n1\ntrue\n0", {"Broken [$A/INFO].", "Failed to finish (std::bad_alloc)"});
+    Expect(many + "opalcrtchecksum >/dev/null" + seen, "0\n1\ntrue\n0", {"Open $A/INFO failed.", "Failed to finish (std::bad_alloc)"});
+}
 #endif
 
 TEST_F(Hostile, WhatIsPlantedWhereRootWorksIsReplacedAndNotFollowed)

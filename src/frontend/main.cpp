@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <exception>
 
 #include "checksum/crt_checksums.h"
 #include "common/json_file.h"
@@ -72,6 +73,18 @@ int RunCommand(int argc, char *argv[])
     return 1;
 }
 
+// No function lets an exception out but for want of memory. What is held has been let go on the way here, as after
+// any other failure, so there is memory again for the line that says why.
+int RunCommandAndLogExceptions(int argc, char *argv[])
+{
+    try {
+        return RunCommand(argc, argv);
+    } catch (const std::exception &error) {
+        LOG_ERROR("Failed to finish (%s)", error.what());
+        return 1;
+    }
+}
+
 }  // namespace
 
 }  // namespace opalcrt
@@ -81,6 +94,6 @@ int main(int argc, char *argv[])
     if (!opalcrt::PrepareProcess()) {
         return 1;
     }
-    const int status = opalcrt::RunCommand(argc, argv);
+    const int status = opalcrt::RunCommandAndLogExceptions(argc, argv);
     return fflush(stdout) == 0 ? status : 1;
 }
