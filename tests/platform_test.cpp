@@ -60,17 +60,19 @@ TEST_F(Platform, ReplacesFilesWhole)
 
 TEST_F(Platform, TakesNoPlantedLockFileAndNoneThatWasRemoved)
 {
-    Shell("cd /tmp; touch victim theirs opalcertificate_info.lock; ln -s victim link; ln -s none dangling; mkfifo fifo; mkdir dir; "
+    Shell("cd /tmp; touch victim theirs open opalcertificate_info.lock; ln -s victim link; ln -s none dangling; mkfifo fifo; mkdir dir; ln open more; "
           "chown opalmail theirs opal*; chmod 0 theirs");
     int fd = -1;
-    for (const char *planted : {"/tmp/link", "/tmp/dangling", "/tmp/fifo", "/tmp/dir"}) {
+    for (const char *planted : {"/tmp/link", "/tmp/dangling", "/tmp/fifo", "/tmp/dir", "/tmp/open"}) {
         EXPECT_EQ(YLIBCFileLockTimeByFile(planted, kLockExclusive, 0, &fd), 0) << planted;
         EXPECT_NE(errno, ETIMEDOUT) << planted;
     }
-    // Another user's file is taken, and without O_CREAT: with fs.protected_regular that is refused even to root.
+    // Another user's file is taken and becomes root's, so that he cannot rename it while it is locked; and without O_CREAT: with fs.protected_regular that is refused even to root.
     EXPECT_NE(YLIBCFileLockTimeByFile("/tmp/theirs", kLockShared, 0, &fd), 0);
     EXPECT_NE(YLIBCFileLockTimeByFile("/tmp/theirs", kLockShared, 0, &fd), 0);
     EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(Shell("cd /tmp; stat -c '%U %a' theirs; chmod 1777 .; setpriv --reuid opalmail --clear-groups mv theirs gone 2>&1 | grep -c permitted"),
+              "root 600\n1\n");
     EXPECT_EQ(YLIBCFileUnlockByFile(999), 0);
     EXPECT_EQ(Shell("ls /tmp/none 2>/dev/null; strace -qq -o /run/trace -e trace=openat opalcrtunregister p; "
                     "grep 'info.lock' /run/trace | grep -c O_CREAT"),

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <thread>
+#include <utility>
 
 #include "platform/error_state.h"
 #include "platform/unique_fd.h"
@@ -20,6 +21,20 @@ namespace
 {
 
 using Clock = std::chrono::steady_clock;
+
+// Who owns a file in /tmp may give its name to another one while we hold the lock, and whom we keep out would then
+// lock that. So root takes a file over, but nothing that has a second name elsewhere.
+bool TakeOver(int fd, const struct stat &info)
+{
+    if (geteuid() != 0 || (info.st_uid == 0 && (info.st_mode & 077) == 0)) {
+        return true;
+    }
+    if (info.st_nlink != 1) {
+        errno = EPERM;
+        return false;
+    }
+    return fchown(fd, 0, 0) == 0 && fchmod(fd, 0600) == 0;
+}
 
 UniqueFd OpenLockFile(const char *path)
 {
@@ -34,11 +49,17 @@ UniqueFd OpenLockFile(const char *path)
         }
     }
     struct stat info = {};
-    if (fd.IsOpen() && fstat(fd.Get(), &info) == 0 && !S_ISREG(info.st_mode)) {
-        fd = UniqueFd();
-        errno = EINVAL;
+    if (!fd.IsOpen()) {
+        return fd;
     }
-    return fd;
+    if (fstat(fd.Get(), &info) != 0) {
+        return UniqueFd();
+    }
+    if (!S_ISREG(info.st_mode)) {
+        errno = EINVAL;
+        return UniqueFd();
+    }
+    return TakeOver(fd.Get(), info) ? std::move(fd) : UniqueFd();
 }
 
 // Whether the name still leads to the file that is locked.

@@ -12,9 +12,10 @@ constexpr int kLockExclusive = 1;
 // otherwise (ETIMEDOUT when somebody else kept it).
 //
 // The file is made with mode 0600 when it is missing and is never unlinked. /tmp is everybody's: a link or
-// anything else that is no regular file in its place is a failure and is not touched (ELOOP, EINVAL); a file
-// that another user made earlier is taken as it is, since it carries no data. That user can hold the lock for
-// ever, which cannot be helped while the lock files lie in /tmp. A lock file that somebody removed while we
+// anything else that is no regular file in its place is a failure and is not touched (ELOOP, EINVAL); so is a
+// file with a second name when it is another user's or open to others (EPERM). Otherwise root makes a file that another
+// user made earlier its own, with mode 0600: its owner could rename it while it is locked. That user can still hold the
+// lock for ever, which cannot be helped while the lock files lie in /tmp. A lock file that somebody removed while we
 // waited for it guards nothing, so the name is looked at again once the lock is held.
 int YLIBCFileLockTimeByFile(const char *path, int mode, int seconds, int *fd);
 
