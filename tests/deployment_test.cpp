@@ -106,6 +106,8 @@ TEST_F(Deployment, LeavesTheOldFolderWhenAStepFails)
             {"utils.cpp Failed to clean $P/p/web.temp\n", "utils.cpp Failed to remove $P/p/web.temp\n"}, old},
            {"mkdir $P/p/web.bak; mount -t tmpfs test $P/p/web.bak", failed,
             {"dir_utils.cpp Failed to remove $P/p/web.bak [5]\n", "utils.cpp Failed to move $P/p/web.temp to $P/p/web\n"}, old},
+           {"replace /bin/cp 'case $1 in -arp) mkdir $3; touch $3/half; exit 1;; esac; exec $REAL \"$@\"'", failed,
+            {"dir_utils.cpp Failed to copy $P/p/web to $P/p/web.bak ["}, old},
            {"rm c/chain.pem; ln -s chain.pem c/chain.pem", failed, copy, old},
            {"rm c/fullchain.pem; mkdir c/fullchain.pem", failed, {"Failed to copy [$A/c/fullchain.pem].[0x0601 ", copy[0]}, old},
            {"replace /bin/cp 'rm $3'", failed, {"utils.cpp Failed to chmod chown. [$P/p/web.temp/cert.pem]", copy[0]}, old},

@@ -123,7 +123,11 @@ bool MoveDirectory(const std::string &source, const std::string &destination)
         return false;
     }
     const bool hasBackup = IsRemainsOf(destination, backup);
-    if (!hasBackup && (!RemovePath(backup) || !BackUp(destination, backup))) {
+    if (!hasBackup && !RemovePath(backup)) {
+        return false;
+    }
+    if (!hasBackup && !BackUp(destination, backup)) {
+        RemovePath(backup);  // Half a backup may be what has filled the disk.
         return false;
     }
 
