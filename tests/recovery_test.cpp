@@ -93,6 +93,29 @@ TEST_F(Recovery, TellsOfAMendThatWasKilledOnceItsFilesStood)
     EXPECT_EQ(Shell("ls . c; cat c/cert_info"), ".:\nDEFAULT\nINFO\nSERVICES\nc\n\nc:\ncert.pem\ncert_info\nfullchain.pem\nprivkey.pem\n{\"is_broken\":true}\n");
 }
 
+TEST_F(Recovery, KeepsANoteOnlyOfAMendThatIsNotEndedAndToldOf)
+{
+    // A mend that failed is over: a copy that an administrator brings back is not broken.
+    Expect("cp -a c /tmp/copy; rm c/cert.pem; define p; replace /usr/bin/openssl 'exit 1'; opalcrtregister p; restore; ls RECOVERING 2>&1; "
+           "cp -a /tmp/copy/. c; define p; opalcrtregister p; ls c", "Failed to DeployDefCrt for p\n"
+           "ls: cannot access 'RECOVERING': No such file or directory\ncert.pem\nfullchain.pem\nprivkey.pem\n0");
+    for (const char *gone : {"none", "../../etc", ""}) {
+        Shell("echo '{\"cert_id\": \"" + std::string(gone) + "\"}' > RECOVERING");
+        Log();
+        EXPECT_TRUE(CheckAndRecoverCrt("c"));
+        EXPECT_EQ(Log() + Shell("ls"), "DEFAULT\nINFO\nSERVICES\nc\n") << gone;
+    }
+    // The next mend waits for the one that is killed, and tells of it before its own note replaces the other.
+    Shell("crt x; rm c/cert.pem; (flock 9; sleep 0.5; echo '{\"cert_id\": \"x\"}' > RECOVERING) 9> /tmp/opal_cert_recover.lock > /dev/null & sleep 0.2");
+    EXPECT_TRUE(CheckAndRecoverCrt("c"));
+    EXPECT_EQ(Shell("cat c/cert_info x/cert_info"), "{\"is_broken\":true}\n{\"is_broken\":true}\n");
+    // One that cannot be noted is done all the same.
+    Log();
+    Shell("mkdir RECOVERING; rm c/cert.pem");
+    EXPECT_TRUE(CheckAndRecoverCrt("c"));
+    EXPECT_TRUE(Logged({"utils.cpp Failed to write $A/RECOVERING [21]\n"}));
+}
+
 TEST_F(Recovery, SyncsTheSetBeforeTheChain)
 {
     Shell("define p; rm c/privkey.pem");

@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 #include <vector>
 
 #include "common/json_file.h"
@@ -45,6 +47,18 @@ std::vector<std::string> ListRequiredFiles(const std::string &certId)
     return names;
 }
 
+// 1 when all are there, 0 when one is missing, below 0 when one cannot be looked at.
+int LookForRequiredFiles(const std::string &certId, const std::string &folder)
+{
+    for (const std::string &name : ListRequiredFiles(certId)) {
+        const int exists = YLIBCFileExist((folder + "/" + name).c_str());
+        if (exists != 1) {
+            return exists;
+        }
+    }
+    return 1;
+}
+
 // The mark and the announcement that a certificate was replaced.
 bool TellBroken(const std::string &folder)
 {
@@ -68,21 +82,23 @@ void RemoveRecoveryNote()
 }
 
 // A recovery that was killed once its files stood would never be told of: the folder is complete again. Its note
-// says which one it was. Whoever holds the lock is still at it.
+// says which one it was. The recovery lock must be held. This is about another certificate than the caller's, so
+// nothing is logged of what it lacks.
 void FinishCutOffRecovery()
 {
-    if (YLIBCFileExist(kRecoveryNotePath) == 0) {
-        return;
-    }
-    const ScopedLock lock(kRecoverLock, kLockExclusive, 0, UnlockLine::kStore);
     Json::Value note;
-    if (!lock.IsHeld() || !fromFile(kRecoveryNotePath, note)) {
+    if (!fromFile(kRecoveryNotePath, note)) {
         return;
     }
     const std::string certId = GetString(note, "cert_id");
-    bool isUnknown = false;
-    if (IsPlainFolderName(certId) && IsCrtComplete(certId, GetCrtFolderPath(certId), isUnknown) &&
-        TellBroken(GetCrtFolderPath(certId))) {
+    const std::string folder = GetCrtFolderPath(certId);
+    std::error_code error;
+    const std::filesystem::file_type type = std::filesystem::symlink_status(folder, error).type();
+    if (type == std::filesystem::file_type::none) {
+        return;  // It cannot be looked at.
+    }
+    const bool isGone = !IsPlainFolderName(certId) || type != std::filesystem::file_type::directory;
+    if (isGone || (LookForRequiredFiles(certId, folder) == 1 && TellBroken(folder))) {
         RemoveRecoveryNote();
     }
 }
@@ -102,7 +118,12 @@ bool CheckAndRecoverCrt(const std::string &certId)
         return false;
     }
 
-    FinishCutOffRecovery();
+    if (YLIBCFileExist(kRecoveryNotePath) != 0) {
+        const ScopedLock lock(kRecoverLock, kLockExclusive, 0, UnlockLine::kStore);
+        if (lock.IsHeld()) {  // Otherwise somebody is still at it.
+            FinishCutOffRecovery();
+        }
+    }
     const std::string folder = GetCrtFolderPath(certId);
     bool isUnknown = false;
     if (IsCrtComplete(certId, folder, isUnknown)) {
@@ -123,15 +144,12 @@ bool IsCrtComplete(const std::string &certId, const std::string &folder, bool &i
         isUnknown = errno != 0 && errno != ENOENT && errno != ENOTDIR;
         return false;
     }
-    for (const std::string &name : ListRequiredFiles(certId)) {
-        const int exists = YLIBCFileExist((folder + "/" + name).c_str());
-        if (exists != 1) {
-            LOG_ERROR("Lack of necessary files in cert dir [%s]", folder.c_str());
-            isUnknown = exists < 0;
-            return false;
-        }
+    const int exist = LookForRequiredFiles(certId, folder);
+    if (exist != 1) {
+        LOG_ERROR("Lack of necessary files in cert dir [%s]", folder.c_str());
+        isUnknown = exist < 0;
     }
-    return true;
+    return exist == 1;
 }
 
 bool RecoverCrt(const std::string &certId, const std::string &folder)
@@ -144,14 +162,18 @@ bool RecoverCrt(const std::string &certId, const std::string &folder)
         return false;
     }
 
+    FinishCutOffRecovery();  // Of another one, whose note is about to be replaced.
     Json::Value note(Json::objectValue);
     note["cert_id"] = certId;
     if (!toFile(kRecoveryNotePath, note)) {
-        LOG_ERROR("Failed to write cert info [%d]", errno);
-        return false;
+        // The certificate is worth more than what is told of it after a kill.
+        LOG_ERROR("Failed to write %s [%d]", kRecoveryNotePath, errno);
     }
     if (genDefaultCrtSet(folder) != 0) {
         LOG_ERROR("Failed to generate default certificate to recover for [%s]", certId.c_str());
+        if (LookForRequiredFiles(certId, folder) == 0) {
+            RemoveRecoveryNote();  // It is mended again, unless somebody brings back a copy, which is not broken.
+        }
         return false;
     }
     if (!TellBroken(folder)) {

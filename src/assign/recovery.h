@@ -23,6 +23,7 @@ bool IsCrtComplete(const std::string &certId, const std::string &folder, bool &i
 // "certificate_broken", whose failure does not count. What was generated before a failure stays. From before the
 // generation until the notification the note kRecoveryNotePath, {"cert_id": ...}, says what is under way: a run that
 // is killed leaves it, and the next check of any certificate marks and announces that one if its folder is complete.
+// A note that cannot be written is logged and done without.
 // Files of key types are not generated: a certificate that lacks one of those is mended at every check.
 bool RecoverCrt(const std::string &certId, const std::string &folder);
 
