@@ -78,26 +78,31 @@ TEST_F(Registration, SeesWhatAnotherProcessDoesToInfoBetweenTwoReadings)
 
 TEST_F(Registration, TakesOddNamesAndRefusesThoseThatAreNoFolderName)
 {
-    // Latin-1, which is no UTF-8, and strangers in the books come back as they were.
+    // Strangers in the books come back as they were.
     const std::string strangers = R"("odd":[18446744073709551615,1.5,-3,true,null,"\u0000\"\\/\b\f\n\r\t\u001f",{},[]])";
-    Shell("printf '%s' '{" + strangers + R"(, "c": {"services": []}}' > INFO; define x ' a b ' _rf "it's" ete ümläut $(printf %0200d))"
-          "; sed -i 's/_rf/-rf/g; s/ete/\xE9t\xE9/g' $D/x.cfg; mv $D/x.cfg \"$D/--sub x.cfg\"");
+    Shell("printf '%s' '{" + strangers + R"(, "c": {"services": []}}' > INFO; define x ' a b ' _rf "it's" ümläut $(printf %0200d))"
+          "; sed -i 's/_rf/-rf/g' $D/x.cfg; mv $D/x.cfg \"$D/--sub x.cfg\"");
     Expect("opalcrtregister '--sub x'", "0");
-    for (const std::string &name : {std::string(" a b "), std::string("-rf"), std::string("it's"), std::string("\xE9t\xE9"),
+    for (const std::string &name : {std::string(" a b "), std::string("-rf"), std::string("it's"),
                                     std::string("ümläut"), std::string(200, '0')}) {
         EXPECT_EQ(Shell("LC_ALL=C sed 's/.*service\":\"\\(.*\\)\",\"sub.*/\\1/' \"$P/--sub x/" + name + "/info\""), name + "\n");
     }
-    EXPECT_EQ(Shell("jq '.c.services | length' INFO; tr -d '\\n\\t ' < INFO | grep -cF '" + strangers + "'"), "6\n1\n");
+    EXPECT_EQ(Shell("jq '.c.services | length' INFO; tr -d '\\n\\t ' < INFO | grep -cF '" + strangers + "'"), "5\n1\n");
 
     Shell("definition []; cp $D/p.cfg $D/../evil.cfg; mv $D/p.cfg $D/_archive.cfg");
-    for (const std::string name : {"../evil", ".", "..", "", "_archive", "$(printf %0252d)", "$(printf %0237d)"}) {
+    for (const std::string name : {"../evil", ".", "..", "", "_archive", "\xFF", "$(printf %0252d)", "$(printf %0237d)"}) {
         Expect("opalcrtregister \"" + name + "\"", kInit, {"opalcrtregister.cpp Bad params: subscriber\n"});
     }
     EXPECT_EQ(Shell("cd $D; ls * ../*.cfg"), "../evil.cfg\n_archive.cfg\n");
-    for (const std::string name : {"a/b", "../x", ".", "..", "web.temp", "web.bak", "a\\\\u0000b", "$(printf %0251d)"}) {
+    for (const std::string name : {"a/b", "../x", ".", "..", "web.temp", "web.bak", "a\\\\u0000b", "a\xE9", "\xC0\x80", "a\\\\udc00", "$(printf %0251d)"}) {
         Expect("N=\"" + name + R"("; definition "[{\"service\": \"$N\", \"display_name\": \"x\"}]"; opalcrtregister p)",
                kPrepare, {"Bad service config: {"});
     }
+    Expect(R"(definition '[{"service": "a", "display_name": "\udc00"}]'; opalcrtregister p)", kPrepare, {"Bad service config: {"});
+    Expect("define p web; sed -i 's/opalweb/opalweb\xFF/' $D/p.cfg; opalcrtregister p", kInit, {"Bad config\n"});
+    // A small definition whose service objects would fill the book: each has the owner in it.
+    Expect(R"(jq -n '{owner: ("o" * 500), isPkg: true, services: [range(8000) | {service: ("s" + tostring), display_name: "d"}]}' > $D/p.cfg;
+           opalcrtregister p | grep -v '^Register'; jq 'map(select(.subscriber == "p"))' SERVICES)", "Failed to prepare services\n[]\n0", {"Invalid config: {"});
     // The empty name is a service that the engine refuses.
     Expect("ls $P; define p ''; opalcrtregister p", "--sub x\n" + kDeploy, {"utils.cpp service object is error.\n"});
 }

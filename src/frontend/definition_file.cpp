@@ -13,15 +13,12 @@ namespace opalcrt
 namespace
 {
 constexpr const char *kLogSource = log_source::kFrontEnd;
-
-// Some thousand services. Without it one package's definition could fill both books up to their limit.
-constexpr size_t kLargestDefinition = 4UL * 1024 * 1024;
 }  // namespace
 
 bool LoadServiceConfig(const std::string &subscriber, Json::Value &definition, std::string &path)
 {
     path.clear();
-    if (!IsUsableSubscriber(subscriber)) {
+    if (!IsUsableSubscriber(subscriber) || !IsUtf8(subscriber)) {
         LOG_ERROR("Bad params: subscriber");
         return false;
     }
@@ -44,8 +41,8 @@ bool LoadServiceConfig(const std::string &subscriber, Json::Value &definition, s
         LOG_ERROR("Failed to get config from %s", path.c_str());
         return false;
     }
-    if (!HasString(definition, "owner") || !HasBool(definition, "isPkg") ||
-        GetBool(definition, "isPkg") != isPkg) {
+    if (!HasString(definition, "owner") || !IsUtf8(GetString(definition, "owner")) ||
+        !HasBool(definition, "isPkg") || GetBool(definition, "isPkg") != isPkg) {
         LOG_ERROR("Bad config");
         return false;
     }

@@ -54,6 +54,12 @@ bool IsGoodElement(const Json::Value &element, const std::string &subscriber)
     if (!HasString(element, "service") || !HasString(element, "display_name")) {
         return false;
     }
+    // JSON is UTF-8 (RFC 8259, 8.1): other readers of the books and the report refuse what is not.
+    for (const char *key : {"service", "display_name", "display_name_i18n"}) {
+        if (!IsUtf8(GetString(element, key))) {
+            return false;
+        }
+    }
     const std::string service = GetString(element, "service");
     return service.empty() || IsUsableService(subscriber, service);
 }
@@ -76,6 +82,43 @@ Json::Value MakeServiceObj(const Json::Value &definition, const Json::Value &ele
         serviceObj[key] = element[key];
     }
     return serviceObj;
+}
+
+void LogInvalidConfig(const Json::Value &definition)
+{
+    const std::string text = ToLogText(definition);
+    LOG_ERROR_LONG(text, "Invalid config: %s", text.c_str());
+}
+
+bool AppendServices(const Json::Value &definition, Json::Value &services)
+{
+    services = Json::Value(Json::arrayValue);
+    if (!GetMember(definition, "services").isArray() || !HasString(definition, "subscriber") ||
+        !HasString(definition, "owner") || !HasBool(definition, "isPkg")) {
+        LogInvalidConfig(definition);
+        return false;
+    }
+
+    const std::string filter = GetString(definition, "service");
+    const std::string subscriber = GetString(definition, "subscriber");
+    for (const Json::Value &element : definition["services"]) {
+        if (!IsGoodElement(element, subscriber)) {
+            const std::string text = ToLogText(element);
+            LOG_ERROR_LONG(text, "Bad service config: %s", text.c_str());
+            return false;
+        }
+        const std::string service = GetString(element, "service");
+        if (!filter.empty() && service != filter) {
+            continue;
+        }
+        services.append(MakeServiceObj(definition, element));
+        LOG_ERROR("Register certificate for %s/%s%s", subscriber.c_str(), service.c_str(),
+                  GetBool(definition, "isPkg") ? "(pkg)" : "");
+        if (!filter.empty()) {
+            break;
+        }
+    }
+    return true;
 }
 
 }  // namespace
@@ -109,35 +152,15 @@ int Registerer(int argc, char *argv[])
 
 bool PrepareServices(const Json::Value &definition, Json::Value &services)
 {
+    const bool isGood = AppendServices(definition, services);
+    if (isGood && ToLogText(services).size() <= kLargestDefinition) {
+        return true;
+    }
+    if (isGood) {
+        LogInvalidConfig(definition);
+    }
     services = Json::Value(Json::arrayValue);
-    if (!GetMember(definition, "services").isArray() || !HasString(definition, "subscriber") ||
-        !HasString(definition, "owner") || !HasBool(definition, "isPkg")) {
-        const std::string text = ToLogText(definition);
-        LOG_ERROR_LONG(text, "Invalid config: %s", text.c_str());
-        return false;
-    }
-
-    const std::string filter = GetString(definition, "service");
-    const std::string subscriber = GetString(definition, "subscriber");
-    for (const Json::Value &element : definition["services"]) {
-        if (!IsGoodElement(element, subscriber)) {
-            const std::string text = ToLogText(element);
-            LOG_ERROR_LONG(text, "Bad service config: %s", text.c_str());
-            services = Json::Value(Json::arrayValue);
-            return false;
-        }
-        const std::string service = GetString(element, "service");
-        if (!filter.empty() && service != filter) {
-            continue;
-        }
-        services.append(MakeServiceObj(definition, element));
-        LOG_ERROR("Register certificate for %s/%s%s", subscriber.c_str(), service.c_str(),
-                  GetBool(definition, "isPkg") ? "(pkg)" : "");
-        if (!filter.empty()) {
-            break;
-        }
-    }
-    return true;
+    return false;
 }
 
 }  // namespace opalcrt

@@ -10,6 +10,10 @@ namespace opalcrt
 // One folder name: not empty, not "." or "..", no "/" and no NUL byte, at most NAME_MAX (255) bytes.
 bool IsPlainFolderName(const std::string &name);
 
+// UTF-8 as RFC 3629 has it. Every text that comes into the books must be, or other readers refuse them as no JSON.
+// An old entry that is not stays usable, so that it can be taken back.
+bool IsUtf8(const std::string &text);
+
 // A plain folder name that leaves room for what is added to it (".cfg"; the lock file's name with a service
 // of at least one byte) and is not the archive's.
 bool IsUsableSubscriber(const std::string &subscriber);
