@@ -95,9 +95,9 @@ char *YLIBCFgets(char *buffer, int size, FILE *file)
 bool ReadWhole(int fd, size_t limit, std::string &text)
 {
     text.clear();
-    char chunk[64 * 1024];
+    std::string chunk(64UL * 1024, '\0');  // Not on the stack, which a caller may have limited.
     for (;;) {
-        const ssize_t got = read(fd, chunk, sizeof(chunk));
+        const ssize_t got = read(fd, chunk.data(), chunk.size());
         if (got == 0) {
             return true;
         }
@@ -107,7 +107,7 @@ bool ReadWhole(int fd, size_t limit, std::string &text)
         if (got > 0 && text.size() + static_cast<size_t>(got) > limit) {
             errno = EFBIG;
         } else if (got > 0) {
-            text.append(chunk, static_cast<size_t>(got));
+            text.append(chunk, 0, static_cast<size_t>(got));
             continue;
         }
         SET_PLATFORM_ERROR(kErrSystemCall);
