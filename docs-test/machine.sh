@@ -8,10 +8,10 @@
 #
 # The machine has a store whose default certificate, factory, was made by the tool; the package shop with the services
 # web and api, which come from /usr/local/share/shop/certificate.cfg; shop's server on port 4433, running as opalweb;
-# and a new certificate in /tmp/bought. There is no systemd and no journal in a world, so `systemctl` restarts shop's
+# and a new certificate in ~/bought (of a home in the world). There is no systemd and no journal in a world, so `systemctl` restarts shop's
 # server, and `journalctl -t NAME` tells what came through /dev/log.
 set -euo pipefail
-export LC_ALL=C
+export LC_ALL=C HOME=/tmp/home
 
 [ -e /run/opalcrt-world ] || { echo "machine.sh is for worlds only" >&2; exit 1; }
 
@@ -82,8 +82,8 @@ systemctl() {
 }
 start_server
 
-mkdir /tmp/bought
-cd /tmp/bought
+mkdir -p ~/bought
+cd ~/bought
 openssl req -x509 -newkey rsa:2048 -nodes -subj "/CN=Authority" -days 2 -keyout ca.key -out chain.pem 2>/dev/null
 openssl req -x509 -CA chain.pem -CAkey ca.key -newkey rsa:2048 -nodes -subj "/CN=shop.example" -days 90 \
     -addext basicConstraints=critical,CA:false -keyout privkey.pem -out cert.pem 2>/dev/null
