@@ -16,7 +16,7 @@ TEST_F(Hostile, ACallersLimitIsAFailureWithALineAndNotASilentDeath)
     const std::string list = "Failed to append register services\n1", deploy = "Failed to DeployDefCrt for p\n1";
     Check({{"u() { prlimit --fsize=0 -- opalcrtregister p; }", list, {"Failed to write register services (File too large)"}, kSame + "web\n"},
            {"u() { prlimit --fsize=450 -- opalcrtregister p; }", deploy, {"Failed to copy [$A/c/cert.pem].[0x0719"}, kSame + "web\n"},
-           {"u() { prlimit --fsize=0 -- opalcrtunregister p; }", "Failed to remove register services\n1", {}, kSame + "web\n"},
+           {"u() { prlimit --fsize=0 -- opalcrtunregister p; }", "Failed to remove register services\n1", {"Failed to write register services (File too large)"}, kSame + "web\n"},
            {"u() { (umask 0777; trap '' XFSZ PIPE CHLD TERM; opalcrtregister p); }", "0", {}, kSame + "web\n"},
            {"u() { (mkdir /tmp/g; cd /tmp/g; rmdir /tmp/g; IFS=p OPENSSL_CONF=/none TMPDIR=/none opalcrtregister p); }", "0", {}, kSame + "web\n"}},
           kBefore, "u", kLook);

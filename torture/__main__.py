@@ -22,9 +22,14 @@ ERRORS = {
     'ftruncate': ('EIO',), 'truncate': ('EIO', 'EACCES'), 'unlink': ('EIO', 'EACCES', 'ENOMEM'),
     'rmdir': ('EIO', 'EACCES', 'ENOMEM'), 'fchmod': ('EIO',), 'fchown': ('EIO',), 'chmod': ('EIO', 'EACCES', 'ENOMEM'),
     'chown': ('EIO', 'EACCES', 'ENOMEM'), 'lchown': ('EIO', 'EACCES', 'ENOMEM'), 'utimens': ('EIO', 'EACCES'),
-    'setxattr': ('ENOSPC', 'EIO'), 'lsetxattr': ('ENOSPC', 'EIO'), 'fsetxattr': ('ENOSPC', 'EIO'),
+    'removexattr': ('EIO',), 'setxattr': ('ENOSPC', 'EIO'), 'lsetxattr': ('ENOSPC', 'EIO'), 'fsetxattr': ('ENOSPC', 'EIO'),
 }
-ORDINARY_LINES = ('Register certificate for', 'Un-Register certificate for', 'Reload opalrelayd failed')
+REMAINS = ('.temp', '.bak', '.new', '.held', '/RECOVERING')
+INFO_BACKUP = '/usr/opal/etc/certificate/_archive/INFO.bak'  # Made to be kept.
+
+
+def text_of(line):
+    return line.split(': ', 1)[-1].split(' ', 1)[-1]  # without time and place
 
 
 def tell(scene, kind, point, call, wrong):
@@ -40,16 +45,21 @@ class Scenery:
         self.put(self.old)
         self.calls = []
         self.recorder = Recorder()
-        status, _ = run(scene, log, lambda number, call: self.calls.append(call), self.recorder.left)
-        if status != 0:
-            raise RuntimeError(f'{scene.name} fails undisturbed: {status}')
+        status, said = run(scene, log, lambda number, call: self.calls.append(call), self.recorder.left)
+        self.ordinary_lines = {text_of(line) for line in said}
+        new = tree.take()
+        remains = [path for path in tree.flat(new) if path.endswith(REMAINS)]
+        if status != 0 or remains:
+            raise RuntimeError(f'{scene.name} undisturbed answers {status} and leaves {remains}')
         self.recorder.end()
-        self.judge = Judge(scene, self.old, tree.take())
+        self.judge = Judge(scene, self.old, new)
+        # Before it no removal can have been lost or kept in part.
+        self.first_removal = next((at for at, call in enumerate(self.calls) if call.program == 'rm'), len(self.calls))
 
-    def end(self, allows=('//',)):
+    def end(self, before, allows=('//',)):
         """Complaints after the command was run once more."""
         status, log = run_again(self.scene, self.log, self.judge.definitions)
-        wrong = self.judge.after_end(tree.flat(tree.take()), status, allows)
+        wrong = self.judge.after_end(before, tree.flat(tree.take()), status, allows)
         return wrong + ([f'its log: {log}'] if wrong else [])
 
     def put(self, disk):
@@ -70,12 +80,15 @@ class Scenery:
 
         status, log = run(self.scene, self.log, enter)
         if not hit:
-            return 'not reached', []
+            return 'not reached', ['not reached']
         flat = tree.flat(tree.take())
-        wrong = self.judge.after_stop(flat, hit[0].program == 'rm')
+        wrong = self.judge.after_stop(flat, kind == 'kill', hit[0].program == 'rm')
         allows = ('//',)
         if kind != 'kill':
-            said = [line for line in log if not any(text in line for text in ORDINARY_LINES)]
+            said = [line for line in log if text_of(line) not in self.ordinary_lines]
+            is_of_note = any('/RECOVERING ' in line for line in said)  # It does not count.
+            if hit[0].name in ('fsync', 'fdatasync') and status == 0 and not is_of_note:
+                wrong.append('answered 0 although a sync has failed')
             if status < 0 or status > 1:
                 wrong.append(f'ended with {status}')
             elif status == 1 and not said:
@@ -83,19 +96,19 @@ class Scenery:
             elif status == 0:
                 wrong += self.judge.after_success(flat)
             if not self.scene.registers:
-                allows = ('/usr/opal/etc/certificate/_archive/INFO.bak',)  # Made to be kept.
+                allows = (INFO_BACKUP,)
         if wrong:
             wrong.append(f'status {status}, log {log}')
-        return hit[0], wrong + self.end(allows)
+        return hit[0], wrong + self.end(flat, allows)
 
     def cut(self, number, disk):
         self.put(disk)
         flat = tree.flat(disk)
         # A name that was removed may be back without what was removed beside it.
-        wrong = self.judge.after_stop(flat, True)
+        wrong = self.judge.after_stop(flat, True, number is None or number >= self.first_removal)
         if number is None:
             wrong += self.judge.after_success(flat)
-        return wrong + self.end()
+        return wrong + self.end(flat)
 
 
 def main():

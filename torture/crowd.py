@@ -137,6 +137,8 @@ def report(crowd, chance):
                 json.loads(output)
             except ValueError:
                 crowd.complain(f'the report is no JSON: {output[:200]!r}')
+        elif status == 1 and output:
+            crowd.complain(f'a failed report has printed {output[:200]!r}')
 
 
 def settle(crowd):

@@ -33,7 +33,7 @@ CALLS = {
     1: ('write', 'fd', 0), 18: ('pwrite64', 'fd', 0), 20: ('writev', 'fd', 0), 40: ('sendfile', 'fd', 0),
     326: ('copy_file_range', 'fd', 2), 74: ('fsync', 'fd', 0), 75: ('fdatasync', 'fd', 0),
     77: ('ftruncate', 'fd', 0), 91: ('fchmod', 'fd', 0), 93: ('fchown', 'fd', 0), 285: ('fallocate', 'fd', 0),
-    190: ('fsetxattr', 'fd', 0), 2: ('open', 'path', 0), 85: ('creat', 'path', 0), 76: ('truncate', 'path', 0),
+    190: ('fsetxattr', 'fd', 0), 197: ('removexattr', 'path', 0), 2: ('open', 'path', 0), 85: ('creat', 'path', 0), 76: ('truncate', 'path', 0),
     82: ('rename', 'path', 1), 83: ('mkdir', 'path', 0), 84: ('rmdir', 'path', 0), 86: ('link', 'path', 1),
     87: ('unlink', 'path', 0), 88: ('symlink', 'path', 1), 90: ('chmod', 'path', 0), 92: ('chown', 'path', 0),
     94: ('lchown', 'path', 0), 188: ('setxattr', 'path', 0), 189: ('lsetxattr', 'path', 0),
