@@ -26,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 // lock that. So root takes a file over, but nothing that has a second name elsewhere.
 bool TakeOver(int fd, const struct stat &info)
 {
-    if (geteuid() != 0 || (info.st_uid == 0 && (info.st_mode & 077) == 0)) {
+    if ((info.st_uid == 0 && (info.st_mode & 077) == 0) || geteuid() != 0) {
         return true;
     }
     if (info.st_nlink != 1) {
