@@ -21,7 +21,7 @@ static const sockaddr *const kLogAddress = reinterpret_cast<const sockaddr *>(&k
 
 std::string Shell(const std::string &command)
 {
-    const std::string all = kVerbs + ("{ " + command + "\n} 2>&1");
+    const std::string all = kVerbs + ("{ :; " + command + "\n} 2>&1");
     const std::unique_ptr<FILE, int (*)(FILE *)> pipe(popen(all.c_str(), "re"), pclose);
     std::string text;
     for (int byte; (byte = fgetc(pipe.get())) != EOF;) {
