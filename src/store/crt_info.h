@@ -10,8 +10,8 @@
 //   owner               string    required   user that owns the files of the service folder
 //   user_setable, multiple_cert   boolean, optional, not checked here
 // Members that are not used here are written back as they were read, but for numbers beyond 64 bits, which
-// become floating point. No required or present string may be empty. A service is identified by subscriber and service, byte for
-// byte.
+// become floating point. No required or present string may be empty. A service is identified by subscriber and service,
+// byte for byte.
 #pragma once
 
 #include <json/value.h>
