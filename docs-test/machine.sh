@@ -8,8 +8,8 @@
 #
 # The machine has a store whose default certificate, factory, was made by the tool; the package shop with the services
 # web and api, which come from /usr/local/share/shop/certificate.cfg; shop's server on port 4433, running as opalweb;
-# and a new certificate in ~/bought (of a home in the world). There is no systemd and no journal in a world, so `systemctl` restarts shop's
-# server, and `journalctl -t NAME` tells what came through /dev/log.
+# and a new certificate in ~/bought (of a home in the world). There is no systemd and no journal in a world, so
+# `systemctl` restarts shop's server, and `journalctl -t NAME` tells what came through /dev/log.
 set -euo pipefail
 export LC_ALL=C HOME=/tmp/home
 

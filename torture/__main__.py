@@ -22,7 +22,8 @@ ERRORS = {
     'ftruncate': ('EIO',), 'truncate': ('EIO', 'EACCES'), 'unlink': ('EIO', 'EACCES', 'ENOMEM'),
     'rmdir': ('EIO', 'EACCES', 'ENOMEM'), 'fchmod': ('EIO',), 'fchown': ('EIO',), 'chmod': ('EIO', 'EACCES', 'ENOMEM'),
     'chown': ('EIO', 'EACCES', 'ENOMEM'), 'lchown': ('EIO', 'EACCES', 'ENOMEM'), 'utimens': ('EIO', 'EACCES'),
-    'removexattr': ('EIO',), 'setxattr': ('ENOSPC', 'EIO'), 'lsetxattr': ('ENOSPC', 'EIO'), 'fsetxattr': ('ENOSPC', 'EIO'),
+    'setxattr': ('ENOSPC', 'EIO'), 'lsetxattr': ('ENOSPC', 'EIO'), 'fsetxattr': ('ENOSPC', 'EIO'),
+    'removexattr': ('EIO',),
 }
 REMAINS = ('.temp', '.bak', '.new', '.held', '/RECOVERING')
 INFO_BACKUP = '/usr/opal/etc/certificate/_archive/INFO.bak'  # Made to be kept.

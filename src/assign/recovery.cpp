@@ -91,13 +91,17 @@ void FinishCutOffRecovery()
         return;
     }
     const std::string certId = GetString(note, "cert_id");
+    if (!IsPlainFolderName(certId)) {
+        RemoveRecoveryNote();
+        return;
+    }
     const std::string folder = GetCrtFolderPath(certId);
     std::error_code error;
     const std::filesystem::file_type type = std::filesystem::symlink_status(folder, error).type();
     if (type == std::filesystem::file_type::none) {
         return;  // It cannot be looked at.
     }
-    const bool isGone = !IsPlainFolderName(certId) || type != std::filesystem::file_type::directory;
+    const bool isGone = type != std::filesystem::file_type::directory;
     if (isGone || (LookForRequiredFiles(certId, folder) == 1 && TellBroken(folder))) {
         RemoveRecoveryNote();
     }

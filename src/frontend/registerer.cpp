@@ -90,9 +90,8 @@ void LogInvalidConfig(const Json::Value &definition)
     LOG_ERROR_LONG(text, "Invalid config: %s", text.c_str());
 }
 
-bool AppendServices(const Json::Value &definition, Json::Value &services)
+bool MakeServices(const Json::Value &definition, Json::Value &services)
 {
-    services = Json::Value(Json::arrayValue);
     if (!GetMember(definition, "services").isArray() || !HasString(definition, "subscriber") ||
         !HasString(definition, "owner") || !HasBool(definition, "isPkg")) {
         LogInvalidConfig(definition);
@@ -117,6 +116,10 @@ bool AppendServices(const Json::Value &definition, Json::Value &services)
         if (!filter.empty()) {
             break;
         }
+    }
+    if (ToLogText(services).size() > kLargestDefinition) {
+        LogInvalidConfig(definition);
+        return false;
     }
     return true;
 }
@@ -152,15 +155,12 @@ int Registerer(int argc, char *argv[])
 
 bool PrepareServices(const Json::Value &definition, Json::Value &services)
 {
-    const bool isGood = AppendServices(definition, services);
-    if (isGood && ToLogText(services).size() <= kLargestDefinition) {
-        return true;
-    }
-    if (isGood) {
-        LogInvalidConfig(definition);
-    }
     services = Json::Value(Json::arrayValue);
-    return false;
+    if (!MakeServices(definition, services)) {
+        services = Json::Value(Json::arrayValue);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace opalcrt
