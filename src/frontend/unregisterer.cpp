@@ -3,11 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "common/json_file.h"
 #include "common/json_member.h"
@@ -16,6 +16,7 @@
 #include "frontend/caller_check.h"
 #include "frontend/services_list.h"
 #include "platform/atomic_file.h"
+#include "platform/file_read.h"
 #include "platform/process.h"
 #include "store/crt_info.h"
 #include "store/names.h"
@@ -56,11 +57,6 @@ bool Init(int argc, char *argv[], Json::Value &request)
     return true;
 }
 
-bool NamesService(const Json::Value &request, const Json::Value &serviceObj)
-{
-    return MatchService(serviceObj, GetString(request, "subscriber"), GetString(request, "service"));
-}
-
 // Whether a service object that is to be removed belongs to the owner that was found and checked.
 bool IsSameOwner(const Json::Value &serviceObj, const Json::Value &request)
 {
@@ -78,22 +74,18 @@ bool IsSameOwner(const Json::Value &serviceObj, const Json::Value &request)
 // Rebuilds one certificate's list without the request's services. False when one of these is somebody else's.
 bool KeepOtherServices(const Json::Value &request, Json::Value &services, bool &isChanged)
 {
-    const auto isNamed = [&request](const Json::Value &serviceObj) {
-        return NamesService(request, serviceObj);
-    };
-    if (std::none_of(services.begin(), services.end(), isNamed)) {
-        return true;
-    }
+    const std::string subscriber = GetString(request, "subscriber");
+    const std::string filter = GetString(request, "service");
     Json::Value kept(Json::arrayValue);
-    for (const Json::Value &serviceObj : services) {
-        if (!isNamed(serviceObj)) {
-            kept.append(serviceObj);
+    for (Json::Value &serviceObj : services) {
+        if (!MatchService(serviceObj, subscriber, filter)) {
+            kept.append(std::move(serviceObj));
         } else if (!IsSameOwner(serviceObj, request)) {
             return false;
         }
     }
+    isChanged = isChanged || kept.size() != services.size();
     services.swap(kept);
-    isChanged = true;
     return true;
 }
 
@@ -153,13 +145,15 @@ int UnRegisterer(int argc, char *argv[])
 
 bool FindServiceOwner(const Json::Value &info, Json::Value &request)
 {
+    const std::string subscriber = GetString(request, "subscriber");
+    const std::string filter = GetString(request, "service");
     for (const Json::Value &entry : info) {
         const Json::Value &services = GetMember(entry, "services");
         if (!services.isArray()) {
             continue;
         }
         for (const Json::Value &serviceObj : services) {
-            if (NamesService(request, serviceObj) && HasString(serviceObj, "owner") &&
+            if (MatchService(serviceObj, subscriber, filter) && HasString(serviceObj, "owner") &&
                 HasBool(serviceObj, "isPkg")) {
                 request["owner"] = serviceObj["owner"];
                 request["isPkg"] = serviceObj["isPkg"];
@@ -167,18 +161,17 @@ bool FindServiceOwner(const Json::Value &info, Json::Value &request)
             }
         }
     }
-    return LOG_ERROR("Can NOT find service: %s(%s)", GetString(request, "subscriber").c_str(),
-                     GetString(request, "service").c_str());
+    return LOG_ERROR("Can NOT find service: %s(%s)", subscriber.c_str(), filter.c_str());
 }
 
 bool RemoveServiceFromInfo(const Json::Value &request)
 {
-    Json::Value read;
-    if (!TakeCrtInfo(read) || !read.isObject()) {
+    const UniqueFd old = OpenRegularFile(kInfoPath);  // Stays what it is, whatever becomes of the name.
+    Json::Value info;
+    if (!TakeCrtInfo(info) || !info.isObject()) {
         return LOG_ERROR("Failed to get or bad info for UnRegisterer");
     }
 
-    Json::Value info = read;
     bool isChanged = false;
     for (Json::Value &entry : info) {
         if (GetMember(entry, "services").isArray() &&
@@ -191,7 +184,7 @@ bool RemoveServiceFromInfo(const Json::Value &request)
     }
 
     LOG_ERROR("Failed to update info file");
-    if (toFile(kInfoBackupPath, read, true, kInfoPath)) {
+    if (fromOpenFile(old.Get(), info) && toFile(kInfoBackupPath, info, true, kInfoPath)) {
         LOG_ERROR("Original info file is backed up to %s.bak", kInfoPath);
     }
     return false;
