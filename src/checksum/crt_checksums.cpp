@@ -27,10 +27,8 @@ struct CFree {
 // Opens a certificate's file; null, logged, also when a link or ".." on the way leads elsewhere.
 UniqueFile OpenCrtFile(const std::string &path)
 {
-    // A NUL byte in an id would cut the path short and find something else.
-    const bool isWhole = path.find('\0') == std::string::npos;
-    errno = isWhole ? 0 : ENOENT;
-    const std::unique_ptr<char, CFree> resolved(isWhole ? realpath(path.c_str(), nullptr) : nullptr);
+    errno = 0;
+    const std::unique_ptr<char, CFree> resolved(realpath(path.c_str(), nullptr));
     if (resolved == nullptr) {
         LOG_ERROR("Realpath %s failed. %s", path.c_str(), strerror(errno));
         return nullptr;

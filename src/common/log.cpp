@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 
 #include "platform/error_state.h"
 
@@ -12,37 +13,28 @@ namespace {
 
 // What a line holds beside the one text that may be long: two paths with names of 255 bytes, and words.
 constexpr size_t kRoomForTheRest = 2048;
-constexpr size_t kKeptEnd = 256;
-
-// Takes out what is too much, at the latest before `end`; never half a UTF-8 character at the place of the cut.
-void Cut(std::string &text, size_t limit, size_t keptEnd)
+// Never half a UTF-8 character.
+void CutTo(std::string &text, size_t limit)
 {
-    if (text.size() <= limit) {
-        return;
+    if (text.size() > limit) {
+        while (limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xC0) == 0x80) {
+            --limit;
+        }
+        text.resize(limit);
     }
-    const size_t end = text.size() - keptEnd;
-    size_t cut = limit - keptEnd;
-    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) {
-        --cut;
-    }
-    text.erase(cut, end - cut);
 }
 
 __attribute__((format(printf, 4, 0))) void Send(int priority, const char *source, int line,
                                                 const char *format, va_list args, const char *end)
 {
-    const int error = errno;
-    va_list measured;
-    va_copy(measured, args);
-    const int length = vsnprintf(nullptr, 0, format, measured);
-    va_end(measured);
-    std::string message(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    errno = error;  // For %m.
-    vsnprintf(message.data(), message.size() + 1, format, args);
-
-    std::string text = source + std::string(":") + std::to_string(line) + " " + message + end;
-    Cut(text, kLongestLogLine, kKeptEnd);
-    syslog(LOG_USER | priority, "%s", text.c_str());
+    const int error = errno;  // Also for %m.
+    char *message = nullptr;
+    if (vasprintf(&message, format, args) >= 0) {
+        std::string text = source + std::string(":") + std::to_string(line) + " " + message + end;
+        CutTo(text, kLongestLogLine);
+        syslog(LOG_USER | priority, "%s", text.c_str());
+        free(message);
+    }
     errno = error;
 }
 
@@ -71,7 +63,7 @@ Failed LogLineAndState(int priority, const char *source, int line, const char *f
 
 std::string ShortenForLog(std::string text)
 {
-    Cut(text, kLongestLogLine - kRoomForTheRest, 0);
+    CutTo(text, kLongestLogLine - kRoomForTheRest);
     return text;
 }
 
