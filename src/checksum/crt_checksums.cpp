@@ -28,7 +28,7 @@ struct CFree {
 UniqueFile OpenCrtFile(const std::string &path)
 {
     errno = 0;
-    const std::unique_ptr<char, CFree> resolved(realpath(path.c_str(), nullptr));
+    const std::unique_ptr<char, void (*)(void *)> resolved(realpath(path.c_str(), nullptr), free);
     if (resolved == nullptr) {
         LOG_ERROR("Realpath %s failed. %s", path.c_str(), strerror(errno));
         return nullptr;
@@ -59,18 +59,15 @@ bool HashDer(const unsigned char *der, size_t length, std::string &checksum)
 {
     const UniqueOpenSSL<EVP_MD_CTX> context(EVP_MD_CTX_new());
     if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
-        LogOpenSSLError("SHA256 init failed.");
-        return false;
+        return LogOpenSSLError("SHA256 init failed.");
     }
     if (EVP_DigestUpdate(context.get(), der, length) != 1) {
-        LogOpenSSLError("SHA256 update failed.");
-        return false;
+        return LogOpenSSLError("SHA256 update failed.");
     }
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned digestLength = 0;
     if (EVP_DigestFinal_ex(context.get(), digest, &digestLength) != 1) {
-        LogOpenSSLError("SHA256 final failed.");
-        return false;
+        return LogOpenSSLError("SHA256 final failed.");
     }
     checksum = ToHex(digest, digestLength);
     return true;
@@ -86,16 +83,14 @@ bool GetCrtChecksum(const std::string &cert_id, std::string &checksum)
     const UniqueOpenSSL<X509> crt(PEM_read_X509(file.get(), nullptr, NoPassword, nullptr));
     file.reset();
     if (crt == nullptr) {
-        LogOpenSSLError("Read X509 failed.");
-        return false;
+        return LogOpenSSLError("Read X509 failed.");
     }
 
     unsigned char *encoded = nullptr;
     const int length = i2d_X509(crt.get(), &encoded);
     const UniqueOpenSSL<unsigned char> der(encoded);
     if (length < 0) {
-        LogOpenSSLError("PEM to DER failed.");
-        return false;
+        return LogOpenSSLError("PEM to DER failed.");
     }
     return HashDer(der.get(), static_cast<size_t>(length), checksum);
 }
