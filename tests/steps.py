@@ -292,10 +292,8 @@ def is_pair(cert, key):
 
 # What a reader of a folder sees: no times, which a copy or a rename may change.
 def content(disk, folder):
-    start = len(folder) + 1
-    return {
-        path[start:]: node._replace(mtime=0) for path, node in disk.items() if path.startswith(folder + "/")
-    }
+    inside = [path for path in disk if path.startswith(folder + "/")]
+    return {path[len(folder) + 1 :]: disk[path]._replace(mtime=0) for path in inside}
 
 
 def parsed(disk, path):  # None when it is missing or does not parse; "null" would be no book either
@@ -339,7 +337,7 @@ class Torture:
         put(self.old)
         self.calls, forgetting = [], Forgetting()
         status, self.usual = self.trace(lambda number, call: self.calls.append(call), forgetting.leave)
-        forgetting.cut(None, "the end")  # It has answered: what it has done must stay done.
+        forgetting.cut(None, ("the end",))  # It has answered: what it has done must stay done.
         self.cuts, self.new = forgetting.cuts, look()
         remains = [path for path in self.new if path.endswith(REMAINS)]
         assert status == 0 and not remains, f"undisturbed it answers {status}, leaves {remains}: {self.usual}"
@@ -366,7 +364,7 @@ class Torture:
         answer, hit = kind if kind == "kill" else getattr(errno, kind), []
         status, log = self.trace(lambda number, call: hit.append(call) or answer if number == point else None)
         if not hit:
-            return "none", ["the step was not reached"]
+            return ("nobody",), ["the step was not reached"]
         call, disk, unusual = hit[0], look(), [line for line in log if line not in self.usual]
         wrong = self.after_stop(disk, kind == "kill", call.program == "rm")
         wrong += self.after_success(disk) if status == 0 else []
@@ -374,9 +372,8 @@ class Torture:
             wrong.append("did not fail with a line in the log")
         if "sync" in call.name and status == 0 and not any("/.mending" in line for line in unusual):
             wrong.append("answered 0 although a sync has failed")
-        return call, wrong + ([f"status {status}, log {log}"] if wrong else []) + self.again(
-            disk, kind == "kill"
-        )
+        wrong += [f"status {status}, log {log}"] if wrong else []
+        return call, wrong + self.again(disk, kind == "kill")
 
     # Runs the command once more, as the administrator would: it must end the job and leave nothing behind.
     def again(self, before, is_sudden):
@@ -391,11 +388,8 @@ class Torture:
         wrong += self.after_success(disk) if said.status == 0 else []
         if said.status != 0 and not is_forgotten:
             wrong.append(f"the next run answers {said.status}")
-        may_stay = (
-            "//" if self.registers or is_sudden else f"{A}/INFO.bak",
-            f"{P}/p" if is_forgotten else "//",
-        )
-        stay = [each for each in disk.keys() - self.new.keys() - definitions if not each.startswith(may_stay)]
+        kept = ("//" if self.registers or is_sudden else f"{A}/INFO.bak", f"{P}/p" if is_forgotten else "//")
+        stay = [each for each in disk.keys() - self.new.keys() - definitions if not each.startswith(kept)]
         return wrong + [f"{path} stays behind" for path in stay] + ([str(said)] if wrong or stay else [])
 
     def state(self, disk, folder):
@@ -413,34 +407,28 @@ class Torture:
     # `is_sudden`: nobody could roll anything back. `in_removal`: the stop fell on the program that removes folders, or
     # what it has removed may have come back in part.
     def after_stop(self, disk, is_sudden, in_removal):
-        exposed = [
-            path for path, node in disk.items() if b"PRIVATE KEY" in node.content and node.mode & 0o077
-        ]
-        wrong = self.books(disk) + self.archive(disk) + [f"{path} can be read" for path in exposed]
-        if content(disk, f"{P}/q/z") != content(self.old, f"{P}/q/z"):
+        keys = [(path, node.mode & 0o077) for path, node in disk.items() if b"PRIVATE KEY" in node.content]
+        wrong = self.books(disk) + self.archive(disk) + [f"{path} can be read" for path, mode in keys if mode]
+        if content(disk, f"{P}/q") != content(self.old, f"{P}/q"):
             wrong.append("the stranger's folder is touched")
         for folder in (f"{P}/p/{service}" for service in self.services):
             state, files = self.state(disk, folder), content(disk, folder)
-            is_mixed = {*FILES[:2]} <= files.keys() and not is_pair(
-                *(files[name].content for name in FILES[:2])
-            )
+            pair = [files[name].content for name in FILES[:2] if name in files]
             backup_holds = content(disk, folder + ".bak") == content(self.old, folder) != {}
             is_safe = is_sudden and backup_holds or not self.registers
-            may_be = {
-                "absent": is_safe or folder not in self.old,
-                "part": is_safe and in_removal and not is_mixed,
-            }
-            if not may_be.get(state, True):
+            is_mixed = len(pair) == 2 and not is_pair(*pair)
+            may_be_absent = is_safe or folder not in self.old
+            may_be_part = is_safe and in_removal and not is_mixed
+            if state == "absent" and not may_be_absent or state == "part" and not may_be_part:
                 wrong.append(f"{folder} is {state}, its backup is {'' if backup_holds else 'not '}whole")
         return wrong
 
     # When the command has answered 0: all is done.
     def after_success(self, disk):
         states = [self.state(disk, f"{P}/p/{service}") for service in self.services]
-        books = (INFO, SERVICES, f"{CERTIFICATE}/cert_info")
-        wrong = [
-            f"answered 0, {book} is wrong" for book in books if parsed(disk, book) != parsed(self.new, book)
-        ]
+        books = [INFO, SERVICES, f"{CERTIFICATE}/cert_info"]
+        books = [book for book in books if parsed(disk, book) != parsed(self.new, book)]
+        wrong = [f"answered 0, but {book} is not as it should be" for book in books]
         is_done = set(states) == {"new" if self.registers else "absent"}
         return wrong + ([] if is_done else [f"answered 0, but the folders are {states}"])
 

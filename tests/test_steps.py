@@ -14,23 +14,23 @@ def register(w, *services):
     w.sh("opalcrtregister p")
 
 
-def register_and(w, change):
+def lose_chain(w):
     register(w, "a")
-    w.keys.clear()  # The next certificate is another one.
-    change()
+    (A / "c/fullchain.pem").unlink()
+    w.define("p", "a")
+
+
+def change_certificate(w):
+    register(w, "a")
+    w.keys.clear()  # Each is made once only.
+    w.crt("c")
     w.define("p", "a")
 
 
 RUNS = {
-    "mend": (
-        lambda w: register_and(w, (A / "c/fullchain.pem").unlink),
-        "opalcrtregister p",
-        "a",
-        True,
-        "mended",
-    ),
+    "mend": (lose_chain, "opalcrtregister p", "a", True, "mended"),
     "first": (lambda w: w.define("p", "a", "b"), "opalcrtregister p", "a b"),
-    "again": (lambda w: register_and(w, lambda: w.crt("c")), "opalcrtregister p", "a"),
+    "again": (change_certificate, "opalcrtregister p", "a"),
     "unregister-one": (lambda w: register(w, "a", "b"), "opalcrtunregister p a", "a", False),
     "unregister-all": (lambda w: register(w, "a", "b"), "opalcrtunregister p", "a b", False),
 }
@@ -43,9 +43,7 @@ def add_stranger(w):  # of whom nothing may change
     w.books(info={"c": {**w.json("INFO")["c"], "desc": "known to somebody else"}})
 
 
-TORTURES = (
-    {}
-)  # Each is made once for each worker: the disk that it starts from is put back before each point.
+TORTURES = {}  # Once for each worker: the disk that a run starts from is put back before each point.
 
 
 def try_points(w, name, pick):
@@ -56,9 +54,9 @@ def try_points(w, name, pick):
     tried.w = w
     for kind, point in pick(tried.points):
         call, wrong = tried.try_point(kind, point)
-        rows.append({"run": name, "kind": kind, "call": f"point {point}, {call}", "wrong": wrong})
+        rows.append({"run": name, "kind": kind, "call": f"{point}: " + " ".join(call[:3]), "wrong": wrong})
     RESULTS.mkdir(parents=True, exist_ok=True)
-    with open(RESULTS / f"{os.getpid()}.json", "a") as results:
+    with open(RESULTS / f"{os.environ.get("PYTEST_XDIST_WORKER")}.json", "a") as results:
         results.writelines(json.dumps(row) + "\n" for row in rows)
     bad = ["\n    ".join([row["kind"], row["call"], *row["wrong"]]) for row in rows if row["wrong"]]
     assert not bad, f"{len(bad)} of {len(rows)} points did not hold\n" + "\n".join(bad)
@@ -66,10 +64,7 @@ def try_points(w, name, pick):
 
 @pytest.mark.parametrize("name", RUNS)
 def test_a_sample_of_the_steps_holds(w, name):
-    def pick(points):
-        return points[DAY % (len(points) // 30) :: len(points) // 30]
-
-    try_points(w, name, pick)
+    try_points(w, name, lambda points: points[DAY % (len(points) // 30) :: len(points) // 30])
 
 
 @pytest.mark.steps
@@ -181,8 +176,6 @@ if __name__ == "__main__":
     rows = [json.loads(line) for path in RESULTS.glob("*.json") for line in path.read_text().splitlines()]
     print("", "run", *KINDS, "", sep=" | ", end="\n|" + " --- |" * 8 + "\n")
     for name in sorted(RUNS):
-        wrong = [
-            [row["wrong"] for row in rows if (row["run"], row["kind"]) == (name, kind)] for kind in KINDS
-        ]
-        print("", name, *(f"{each.count([])} / {len(each)}" for each in wrong), "", sep=" | ")
+        cells = [[row["wrong"] for row in rows if [row["run"], row["kind"]] == [name, kind]] for kind in KINDS]
+        print("", name, *(f"{cell.count([])} / {len(cell)}" for cell in cells), "", sep=" | ")
     print(f"{len(rows)} points,", sum(not row["wrong"] for row in rows), "held")
