@@ -3,6 +3,7 @@
 #include "assign/reload_hooks.h"
 #include "sandbox.h"
 #include "store/crt_info.h"
+#include "store/service.h"
 
 using namespace opalcrt;
 

@@ -30,7 +30,7 @@ TEST_F(Platform, TellsTheEndingsOfChildrenApart)
         const int result = YLIBCExec(test.path, "-c", test.command, nullptr, nullptr);
         EXPECT_EQ(result < 0 ? errno : 0, test.error) << test.command;
         EXPECT_EQ(YLIBCErrGet(), test.code) << test.command;
-        EXPECT_EQ(YLIBCExecl(test.path, kExecHook, {"-c", test.command}) < 0, test.code == kErrChildStart) << test.command;
+        EXPECT_EQ(YLIBCExecl(test.path, kExecHook, "-c", test.command, nullptr) < 0, test.code == kErrChildStart) << test.command;
     }
     signal(SIGCHLD, SIG_IGN);
     EXPECT_LT(YLIBCExec("/bin/true", nullptr, nullptr, nullptr, nullptr), 0);

@@ -3,6 +3,7 @@
 #include "frontend/unregisterer.h"
 #include "sandbox.h"
 #include "store/paths.h"
+#include "store/service_folder.h"
 
 using namespace opalcrt;
 

@@ -6,17 +6,16 @@
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // The action of a registration: a service that has a certificate keeps it, and no hook runs.
 constexpr int kActionDefault = 3;
 
 // SetCrtForServices with the system default certificate. False at once when there is none.
-bool DeployDefCrt(const Json::Value &services, int action, const std::string &oldCertId);
+bool DeployDefCrt(const Json::Value &services, int action, const std::string &old_cert_id);
 
-// Gives the certificate `certId` to each service object of the array `services`: deploys it into the
-// service's folder, moves the service in INFO from `oldCertId` (empty: from nowhere) to it, and runs the
+// Gives the certificate `cert_id` to each service object of the array `services`: deploys it into the
+// service's folder, moves the service in INFO from `old_cert_id` (empty: from nowhere) to it, and runs the
 // subscriber's hook, as the action's row has it. At the end the relay daemon is reloaded, whose failure does
 // not count.
 //
@@ -29,7 +28,7 @@ bool DeployDefCrt(const Json::Value &services, int action, const std::string &ol
 // True when every service was handled. False, logged, when a parameter was refused (nothing was done then) or
 // a service failed; the others are still handled, and nothing is rolled back: a service whose INFO update
 // failed has its new files already. Locks are taken and released one at a time; the caller may hold none.
-bool SetCrtForServices(const std::string &certId, const Json::Value &services, const std::string &oldCertId,
-                       int action);
+bool SetCrtForServices(const std::string &cert_id, const Json::Value &services,
+                       const std::string &old_cert_id, int action);
 
 }  // namespace opalcrt

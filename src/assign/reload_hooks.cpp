@@ -6,13 +6,7 @@
 #include "platform/process.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
-
-namespace
-{
-constexpr const char *kLogSource = log_source::kUtils;
-}
+namespace opalcrt {
 
 int ReloadService(const Json::Value &serviceObj)
 {
@@ -29,7 +23,7 @@ int ReloadService(const Json::Value &serviceObj)
         if (YLIBCFileExist(hook.c_str()) == 0) {
             continue;
         }
-        const int result = YLIBCExecl(hook.c_str(), kExecHook, {service.c_str()});
+        const int result = YLIBCExecl(hook.c_str(), kExecHook, service.c_str(), nullptr);
         if (result < 0) {
             LOG_ERROR_STATE("Failed to [%s][%s].", hook.c_str(), service.c_str());
             return result;

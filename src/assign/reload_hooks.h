@@ -5,8 +5,7 @@
 
 #include <json/value.h>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Runs the subscriber's hook for a valid service object. 0 when it ran, whatever its exit status, and when
 // the subscriber has none; negative, logged, when there is one that could not be started. The libexec hook is

@@ -6,42 +6,51 @@
 #include "common/json_member.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
+
+namespace {
+
+struct NamedKeyType {
+    KeyType type;
+    const char *name;
+};
+
+constexpr NamedKeyType kKeyTypes[] = {{KeyType::RSA, "RSA"}, {KeyType::ECC, "ECC"}};
+
+}  // namespace
 
 std::string KeyTypeName(KeyType type)
 {
-    return type == KeyType::ECC ? "ECC" : "RSA";
+    for (const NamedKeyType &known : kKeyTypes) {
+        if (known.type == type) {
+            return known.name;
+        }
+    }
+    return kKeyTypes[0].name;
 }
 
-std::string KeyTypePrefix(KeyType type)
-{
-    return KeyTypeName(type) + "-";
-}
+std::string KeyTypePrefix(KeyType type) { return KeyTypeName(type) + "-"; }
 
-std::vector<KeyType> GetCrtKeyTypes(const std::string &certId)
+std::vector<KeyType> GetCrtKeyTypes(const std::string &cert_id)
 {
     Json::Value renew;
-    if (!fromFile(GetCrtFolderPath(certId) + "/renew.json", renew)) {
+    if (!fromFile(GetCrtFolderPath(cert_id) + "/renew.json", renew)) {
         return {};
     }
     const std::string text = GetString(renew, "key_types");
     return text.empty() ? std::vector<KeyType>() : ParseKeyTypes(text);
 }
 
-bool HasCrtKeyTypes(const std::string &certId)
-{
-    return !GetCrtKeyTypes(certId).empty();
-}
+bool HasCrtKeyTypes(const std::string &cert_id) { return !GetCrtKeyTypes(cert_id).empty(); }
 
 std::vector<KeyType> ParseKeyTypes(const std::string &text)
 {
     std::vector<KeyType> types;
     for (const std::string &piece : SplitTrimmed(text, "/")) {
-        if (piece == KeyTypeName(KeyType::RSA)) {
-            types.push_back(KeyType::RSA);
-        } else if (piece == KeyTypeName(KeyType::ECC)) {
-            types.push_back(KeyType::ECC);
+        for (const NamedKeyType &known : kKeyTypes) {
+            if (piece == known.name) {
+                types.push_back(known.type);
+            }
         }
     }
     return types.empty() ? std::vector<KeyType>{KeyType::RSA, KeyType::ECC} : types;

@@ -6,18 +6,12 @@
 #include "platform/error_state.h"
 #include "platform/users.h"
 
-namespace opalcrt
-{
-
-namespace
-{
-constexpr const char *kLogSource = log_source::kFrontEnd;
-}
+namespace opalcrt {
 
 bool CheckOwnerPermission(const std::string &owner)
 {
     if (owner.empty()) {
-        YLIBCErrSetEx(kErrBadParameter, kLogSource, __LINE__);
+        YLIBCErrSetEx(kErrBadParameter, LOG_SOURCE, __LINE__);
         return false;
     }
 
@@ -25,7 +19,7 @@ bool CheckOwnerPermission(const std::string &owner)
     uid_t effective = 0;
     uid_t saved = 0;
     if (getresuid(&real, &effective, &saved) != 0) {
-        YLIBCErrSetEx(kErrUserLookup, kLogSource, __LINE__);
+        YLIBCErrSetEx(kErrUserLookup, LOG_SOURCE, __LINE__);
         return false;
     }
     if (real == 0) {
@@ -34,11 +28,11 @@ bool CheckOwnerPermission(const std::string &owner)
 
     uid_t ownerId = 0;
     if (OPALUserGetUGID(owner, &ownerId, nullptr) < 0) {
-        YLIBCErrSetEx(kErrUserLookup, kLogSource, __LINE__);
+        YLIBCErrSetEx(kErrUserLookup, LOG_SOURCE, __LINE__);
         return false;
     }
     if (ownerId != real) {
-        YLIBCErrSetEx(kErrPermission, kLogSource, __LINE__);
+        YLIBCErrSetEx(kErrPermission, LOG_SOURCE, __LINE__);
         return false;
     }
     return true;

@@ -8,13 +8,12 @@
 
 #include "platform/atomic_file.h"
 #include "platform/directory.h"
+#include "platform/file_read.h"
 #include "platform/file_test.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 constexpr size_t kLargestFile = 1024UL * 1024;
 

@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 inline constexpr char kRecordFolder[] = "/var/lib/opalcrt";
 inline constexpr char kFoldersRecord[] = "/var/lib/opalcrt/folders";

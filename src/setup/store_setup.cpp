@@ -18,17 +18,15 @@
 #include "mkcert/serial_file.h"
 #include "platform/atomic_file.h"
 #include "platform/directory.h"
+#include "platform/file_read.h"
 #include "platform/file_test.h"
 #include "setup/record.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
-constexpr int kRecoverLockSeconds = 30;
 constexpr char kGenerationFolder[] = "/usr/opal/etc/ssl";
 
 constexpr const char *kFolders[] = {
@@ -65,10 +63,7 @@ std::string RandomDigits()
     return digits;
 }
 
-bool IsMissing(const char *path)
-{
-    return YLIBCFileExist(path) == 0;
-}
+bool IsMissing(const char *path) { return YLIBCFileExist(path) == 0; }
 
 bool MakeFolder(std::string folder)
 {
@@ -118,7 +113,7 @@ bool ChooseCrtId(std::string &certId)
 // Where there is no kernel file the tool can make no serial file, so no certificate could be mended.
 bool MakeSerialFile()
 {
-    if (!IsSerialFileMissing() || !IsMissing(kMacAddressFile)) {
+    if (HasSerialFile() || !IsMissing(kMacAddressFile)) {
         return true;
     }
     const std::string digits = RandomDigits();

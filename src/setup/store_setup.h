@@ -1,8 +1,7 @@
 // The empty store of a machine that never had one: what the tool itself never makes.
 #pragma once
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Makes the folders that the tool works in, and, unless the archive holds anything already, one certificate, under a
 // random id, and the books: INFO that lists it without services, an empty SERVICES, DEFAULT that names it. Where
