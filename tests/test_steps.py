@@ -56,7 +56,7 @@ def try_points(w, name, pick):
         call, wrong = tried.try_point(kind, point)
         rows.append({"run": name, "kind": kind, "call": f"{point}: " + " ".join(call[:3]), "wrong": wrong})
     RESULTS.mkdir(parents=True, exist_ok=True)
-    with open(RESULTS / f"{os.environ.get("PYTEST_XDIST_WORKER")}.json", "a") as results:
+    with open(RESULTS / (os.environ.get("PYTEST_XDIST_WORKER", "gw") + ".json"), "a") as results:
         results.writelines(json.dumps(row) + "\n" for row in rows)
     bad = ["\n    ".join([row["kind"], row["call"], *row["wrong"]]) for row in rows if row["wrong"]]
     assert not bad, f"{len(bad)} of {len(rows)} points did not hold\n" + "\n".join(bad)
@@ -176,6 +176,8 @@ if __name__ == "__main__":
     rows = [json.loads(line) for path in RESULTS.glob("*.json") for line in path.read_text().splitlines()]
     print("", "run", *KINDS, "", sep=" | ", end="\n|" + " --- |" * 8 + "\n")
     for name in sorted(RUNS):
-        cells = [[row["wrong"] for row in rows if [row["run"], row["kind"]] == [name, kind]] for kind in KINDS]
+        cells = [
+            [row["wrong"] for row in rows if [row["run"], row["kind"]] == [name, kind]] for kind in KINDS
+        ]
         print("", name, *(f"{cell.count([])} / {len(cell)}" for cell in cells), "", sep=" | ")
     print(f"{len(rows)} points,", sum(not row["wrong"] for row in rows), "held")
