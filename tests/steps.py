@@ -24,7 +24,6 @@ CALLS = {
     ("at", 2): "renameat renameat2 linkat",
     ("none", 0): "fork vfork clone clone3",
 }
-ERRORS = {"fd": "ENOSPC EIO ENOMEM", "path": "ENOSPC EIO ENOMEM EACCES", "none": "ENOMEM"}
 CHANGING = os.O_WRONLY | os.O_RDWR | os.O_CREAT | os.O_TRUNC  # the others only look
 
 
@@ -78,13 +77,6 @@ def let_fail(pid, error):
 Call = collections.namedtuple("Call", "program name path inode errors")  # inode: of an open file
 
 
-def link_of(pid, what):
-    try:
-        return os.readlink(f"/proc/{pid}/{what}")
-    except OSError:
-        return ""
-
-
 # Before a call its number and arguments, after it the result (ptrace_syscall_info in linux/ptrace.h).
 def call_info(pid):
     info = ctypes.create_string_buffer(88)
@@ -96,29 +88,27 @@ def call_info(pid):
 def describe(pid):
     number, *arguments = call_info(pid)
     name, kind, at = calls_by_number()[number]
-    place, base, inode = arguments[at] & 0xFFFFFFFF, link_of(pid, "cwd"), None
-    path = link_of(pid, f"fd/{place}")
-    if kind == "fd" and path.startswith("/"):
-        status = os.stat(f"/proc/{pid}/fd/{place}")
-        inode = (status.st_dev, status.st_ino)
-    if kind == "at":
-        at, kind, base = at + 1, "path", base if place == 0xFFFFFF9C else path  # AT_FDCWD
-    if kind == "path" and arguments[at]:  # None: futimens(3)
+    program = os.path.basename(os.path.realpath(f"/proc/{pid}/exe"))
+    if kind == "none":
+        return Call(program, name, "", None, ["ENOMEM"])
+    place, inode = arguments[at] & 0xFFFFFFFF, None
+    opened = f"/proc/{pid}/fd/{place}"
+    path, at = os.path.realpath(opened), at + (kind == "at")
+    if kind != "fd" and arguments[at]:  # None: futimens(3)
+        base = f"/proc/{pid}/cwd" if kind == "path" or place == 0xFFFFFF9C else opened  # AT_FDCWD
         with open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
             memory.seek(arguments[at])
-            path = os.path.join(base, memory.read(4096).split(b"\0")[0].decode(errors="replace"))
-    is_open = name in ("open", "openat", "creat")
-    if kind == "none":
-        path = ""
-    elif (
-        not path.startswith((*ROOTS, "/tmp/"))
-        or is_open
-        and name != "creat"
-        and not arguments[at + 1] & CHANGING
-    ):
+            path = memory.read(4096).split(b"\0")[0].decode(errors="replace")
+        path = os.path.join(os.path.realpath(base), path)
+    only_looks = name in ("open", "openat") and not arguments[at + 1] & CHANGING
+    if only_looks or not path.startswith((*ROOTS, "/tmp/")):
         return None
-    errors = ERRORS[kind] + (" EMFILE" if is_open else "")
-    return Call(os.path.basename(link_of(pid, "exe")), name, path, inode, errors.split())
+    if kind == "fd":
+        status = os.stat(opened)
+        inode = (status.st_dev, status.st_ino)
+    errors = "ENOSPC EIO ENOMEM" + (" EACCES" if kind != "fd" else "")
+    errors += " EMFILE" if name in ("open", "openat", "creat") else ""
+    return Call(program, name, path, inode, errors.split())
 
 
 # Runs a command; answers its exit status, negative for a signal. `enter(number, call)` is asked before each step: None

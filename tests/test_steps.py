@@ -168,7 +168,8 @@ def test_a_crowd(w, seconds):
     crowd = Crowd(w, seconds)
     crowd.settle()
     figures = [f"{times} {what}" for what, times in sorted(collections.Counter(crowd.done).items())]
-    print("The crowd:", ", ".join(figures))
+    RESULTS.mkdir(parents=True, exist_ok=True)
+    (RESULTS / "crowd").write_text("The crowd: " + ", ".join(figures))
 
 
 # The table of what held, from the lines that the workers have left.
@@ -181,3 +182,4 @@ if __name__ == "__main__":
         ]
         print("", name, *(f"{cell.count([])} / {len(cell)}" for cell in cells), "", sep=" | ")
     print(f"{len(rows)} points,", sum(not row["wrong"] for row in rows), "held")
+    print(*(path.read_text() for path in RESULTS.glob("crowd")))

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2086,SC2046,SC2034,SC2013
-# The verbs with which the tests and the torture arrange a scene and look at what a user would see. They are read by
+# The verbs with which the tests arrange a scene and look at what a user would see. They are read by
 # a shell that knows the folder of the tool's commands as $OPALCRT_TOOL_FOLDER.
 # The tool gives nothing of this environment to its children. The sanitizers' report is not part of what it prints,
 # and leaks cannot be looked for under strace.
