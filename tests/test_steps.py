@@ -43,10 +43,15 @@ def add_stranger(w):  # of whom nothing may change
     w.books(info={"c": {**w.json("INFO")["c"], "desc": "known to somebody else"}})
 
 
+# Most of a mend's time is the search for primes. Smaller ones are found by the same calls.
+SMALLER_KEYS = (
+    'for word; do shift; [ "$word" != 2048 ] || word=1024; set -- "$@" "$word"; done; exec $REAL "$@"'
+)
 TORTURES = {}  # Once for each worker: the disk that a run starts from is put back before each point.
 
 
 def try_points(w, name, pick):
+    w.replace("/usr/bin/openssl", SMALLER_KEYS)
     if name not in TORTURES:
         add_stranger(w)
         TORTURES[name] = steps.Torture(w, *RUNS[name])
