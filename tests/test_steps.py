@@ -4,9 +4,9 @@ import collections, concurrent.futures, datetime, json, os, pathlib, random, thr
 
 import pytest
 import steps
-from conftest import A, D, P, REPOSITORY
+from conftest import A, D, P
 
-RESULTS, DAY = REPOSITORY / "build/steps", datetime.date.today().toordinal()
+RESULTS, DAY = pathlib.Path(__file__).parent.parent / "build/steps", datetime.date.today().toordinal()
 
 
 def register(w, *services):
@@ -40,7 +40,7 @@ KINDS = ("EACCES", "EIO", "EMFILE", "ENOMEM", "ENOSPC", "cut", "kill")
 def add_stranger(w):  # of whom nothing may change
     w.define("q", "z", owner="opalmail")
     w.sh("opalcrtregister q")
-    w.books(info={"c": {**w.json("INFO")["c"], "desc": "known to somebody else"}})
+    w.write(info={"c": {**w.json("INFO")["c"], "desc": "known to somebody else"}})
 
 
 # Most of a mend's time is the search for primes. Smaller ones are found by the same calls.
@@ -67,6 +67,7 @@ def try_points(w, name, pick):
     assert not bad, f"{len(bad)} of {len(rows)} points did not hold\n" + "\n".join(bad)
 
 
+@pytest.mark.slow
 @pytest.mark.parametrize("name", RUNS)
 def test_a_sample_of_the_steps_holds(w, name):
     try_points(w, name, lambda points: points[DAY % (len(points) // 30) :: len(points) // 30])
@@ -167,7 +168,9 @@ class Crowd:
         assert not [path for path in steps.look() if path.endswith(steps.REMAINS)]
 
 
-@pytest.mark.parametrize("seconds", [4, pytest.param(30, marks=pytest.mark.steps)])
+@pytest.mark.parametrize(
+    "seconds", [pytest.param(4, marks=pytest.mark.slow), pytest.param(30, marks=pytest.mark.steps)]
+)
 def test_a_crowd(w, seconds):
     add_stranger(w)
     crowd = Crowd(w, seconds)
