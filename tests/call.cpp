@@ -1,5 +1,6 @@
-// opalcrt-call FUNCTION JSON-ARRAY: calls what no command reaches and prints {"answer": ..., "state": ..., "errno": ...},
-// the platform error state and errno after it, and beside them what came back through other parameters.
+// opalcrt-call FUNCTION JSON-ARRAY: calls what no command reaches and prints {"answer": ..., "state": ...,
+// "errno": ...}: the platform error state and errno after it, and beside them what came back through other
+// parameters.
 #include <json/reader.h>
 #include <json/writer.h>
 #include <unistd.h>
@@ -42,7 +43,7 @@ namespace
 using Value = Json::Value;
 using Function = std::function<Value(const Value &arguments, Value &out)>;
 
-// What an argument becomes. null is a null pointer where one is taken; a subject is an array of its seven texts.
+// What an argument becomes: null a null pointer where one is taken, seven texts a subject.
 template <typename Type>
 auto From(const Value &value)
 {
@@ -97,13 +98,14 @@ Function Plain(Result (*function)(Parameters...))
 
 // clang-format off
 const std::map<std::string, Function> kFunctions = {
-    PLAIN(DeployDefCrt), PLAIN(SetCrtForServices), PLAIN(CheckAndRecoverCrt), PLAIN(RecoverCrt), PLAIN(ReloadService),
-    PLAIN(IsServiceObjValid), PLAIN(WriteCrtInfo), PLAIN(GetDefCrtId), PLAIN(IsServiceFolderInRoot),
-    PLAIN(RemoveServiceCertificate), PLAIN(DeployServiceCrt), PLAIN(DeployMultipleCrt), PLAIN(MoveDirectory),
-    PLAIN(RecreateDirectory), PLAIN(RemovePath), PLAIN(CopyCrtFile), PLAIN(CheckRealDirectory), PLAIN(genDirectory),
-    PLAIN(modifyCsrCfg), PLAIN(genCACnf), PLAIN(genServerCnf), PLAIN(genKey), PLAIN(genCsr), PLAIN(genCrt),
-    PLAIN(genServerCrt), PLAIN(genSerialFile), PLAIN(checkCrtKeyMatch), PLAIN(genDefaultCrtSet), PLAIN(genCASet),
-    PLAIN(genCrtSet), PLAIN(YLIBCExec), PLAIN(BlYLIBIsIpAddr),
+    PLAIN(DeployDefCrt), PLAIN(SetCrtForServices), PLAIN(CheckAndRecoverCrt), PLAIN(RecoverCrt),
+    PLAIN(ReloadService), PLAIN(IsServiceObjValid), PLAIN(WriteCrtInfo), PLAIN(GetDefCrtId),
+    PLAIN(IsServiceFolderInRoot), PLAIN(RemoveServiceCertificate), PLAIN(DeployServiceCrt),
+    PLAIN(DeployMultipleCrt), PLAIN(MoveDirectory), PLAIN(RecreateDirectory), PLAIN(RemovePath),
+    PLAIN(CopyCrtFile), PLAIN(CheckRealDirectory), PLAIN(genDirectory), PLAIN(modifyCsrCfg), PLAIN(genCACnf),
+    PLAIN(genServerCnf), PLAIN(genKey), PLAIN(genCsr), PLAIN(genCrt), PLAIN(genServerCrt),
+    PLAIN(genSerialFile), PLAIN(checkCrtKeyMatch), PLAIN(genDefaultCrtSet), PLAIN(genCASet), PLAIN(genCrtSet),
+    PLAIN(YLIBCExec), PLAIN(BlYLIBIsIpAddr),
     {"GetServiceCrtId", [](const Value &in, Value &out) {
         std::string id = in[1].asString();
         const bool answer = GetServiceCrtId(in[0], id);
