@@ -21,9 +21,6 @@ namespace opalcrt {
 
 namespace {
 
-struct CFree {
-    void operator()(char *memory) const { free(memory); }
-};
 // Opens a certificate's file; null, logged, also when a link or ".." on the way leads elsewhere.
 UniqueFile OpenCrtFile(const std::string &path)
 {

@@ -1,9 +1,11 @@
 #include "common/log.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
+#include <string_view>
 
 #include "platform/error_state.h"
 
@@ -13,28 +15,28 @@ namespace {
 
 // What a line holds beside the one text that may be long: two paths with names of 255 bytes, and words.
 constexpr size_t kRoomForTheRest = 2048;
-// Never half a UTF-8 character.
-void CutTo(std::string &text, size_t limit)
+
+// How much of the text stays within the limit: never half a UTF-8 character.
+size_t CutLength(std::string_view text, size_t limit)
 {
-    if (text.size() > limit) {
-        while (limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xC0) == 0x80) {
-            --limit;
-        }
-        text.resize(limit);
+    while (limit < text.size() && limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xC0) == 0x80) {
+        --limit;
     }
+    return std::min(limit, text.size());
 }
 
+// Nothing is allocated: the line that says that there is no memory has to go out, too.
 __attribute__((format(printf, 4, 0))) void Send(int priority, const char *source, int line,
                                                 const char *format, va_list args, const char *end)
 {
     const int error = errno;  // Also for %m.
-    char *message = nullptr;
-    if (vasprintf(&message, format, args) >= 0) {
-        std::string text = source + std::string(":") + std::to_string(line) + " " + message + end;
-        CutTo(text, kLongestLogLine);
-        syslog(LOG_USER | priority, "%s", text.c_str());
-        free(message);
-    }
+    char text[kLongestLogLine + 2];
+    size_t used = static_cast<size_t>(snprintf(text, sizeof(text), "%s:%d ", source, line));
+    errno = error;
+    vsnprintf(text + used, sizeof(text) - used, format, args);
+    used = strlen(text);
+    snprintf(text + used, sizeof(text) - used, "%s", end);
+    syslog(LOG_USER | priority, "%.*s", static_cast<int>(CutLength(text, kLongestLogLine)), text);
     errno = error;
 }
 
@@ -63,7 +65,7 @@ Failed LogLineAndState(int priority, const char *source, int line, const char *f
 
 std::string ShortenForLog(std::string text)
 {
-    CutTo(text, kLongestLogLine - kRoomForTheRest);
+    text.resize(CutLength(text, kLongestLogLine - kRoomForTheRest));
     return text;
 }
 
