@@ -85,7 +85,9 @@ void Read(const std::string &input)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const std::string path = getenv("FUZZ_FILE");
+    const char *named = getenv("FUZZ_FILE");
+    REQUIRE(named != nullptr);
+    const std::string path = named;
     const std::string input(reinterpret_cast<const char *>(data), size);
     for (const auto change : kChanges) {
         Json::Value after;
