@@ -71,6 +71,7 @@ def examples():
                 first = first or blocks
 
 
+@pytest.mark.slow
 @pytest.mark.parametrize("blocks", examples())
 def test_an_example_does_what_is_told(w, blocks):
     w.log.lines = Journal()

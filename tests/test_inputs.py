@@ -33,6 +33,7 @@ def test_kept_inputs_do_no_harm(w, store, target):
     w.sh(f"export FUZZ_FILE={FILES[target]}; exec {FUZZ} {INPUTS}/{target}/*")
 
 
+@pytest.mark.slow
 @pytest.mark.fuzz
 @TARGETS
 def test_random_inputs_do_no_harm(w, store, target):

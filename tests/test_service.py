@@ -61,6 +61,7 @@ class Client(threading.Thread):
                 self.wrong.append(repr(error))
 
 
+@pytest.mark.slow
 @pytest.mark.service
 def test_a_server_serves_while_its_certificate_is_changed_twenty_times(w):
     w.sh(CERTIFICATES)
