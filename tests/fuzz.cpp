@@ -1,0 +1,113 @@
+// Feeds bytes from nowhere to whatever reads a file of the tool: each input becomes the file that FUZZ_FILE names, at its
+// real path, and what reads any file is called. It must not crash, and leave the file as it is or whole. libFuzzer drives
+// it, or, with any compiler, the main below: opalcrt-fuzz INPUT...
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+
+#include "assign/recovery.h"
+#include "checksum/crt_checksums.h"
+#include "common/json_file.h"
+#include "deploy/key_types.h"
+#include "frontend/definition_file.h"
+#include "frontend/registerer.h"
+#include "frontend/services_list.h"
+#include "frontend/unregisterer.h"
+#include "mkcert/key_match.h"
+#include "store/crt_info.h"
+#include "store/default_crt.h"
+#include "store/paths.h"
+
+using namespace opalcrt;
+
+namespace {
+
+#define REQUIRE(what) ((what) ? void() : (fprintf(stderr, "line %d: not %s\n", __LINE__, #what), abort()))
+
+std::string Get(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    REQUIRE(file.is_open());
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// As a new file: what was read once is kept until the file is replaced.
+void Put(const std::string &path, const std::string &text)
+{
+    REQUIRE(std::ofstream(path + ".new", std::ios::binary) << text << std::flush);
+    REQUIRE(rename((path + ".new").c_str(), path.c_str()) == 0);
+}
+
+Json::Value Ours()
+{
+    Json::Value services;
+    Put("/tmp/ours", R"([{"subscriber":"p","service":"s","display_name":"d","owner":"o","isPkg":true}])");
+    REQUIRE(fromFile("/tmp/ours", services));
+    return services;
+}
+
+// Answers whether it was done: then the file is another one, and JSON.
+bool (*const kChanges[])() = {
+    [] { return AppendRegisterServices(Ours()); },
+    [] { return RemoveRegisterServices("p", ""); },
+    [] { return RemoveServiceFromInfo(Ours()[0]); },
+    [] {
+        Json::Value info;
+        if (!TakeCrtInfo(info) || !info.isObject() || !info["c"].isObject() ||
+            !info["c"]["services"].isArray()) {
+            return false;
+        }
+        UpdateServiceList(info["c"]["services"], Ours()[0], false);
+        return WriteCrtInfo(info);
+    },
+};
+
+void Read(const std::string &input)
+{
+    std::string id = GetDefCrtId();
+    REQUIRE(id.size() <= 15 && !ParseKeyTypes(input).empty());
+    GetServiceCrtId(Ours()[0], id);
+    CheckAndRecoverCrt("c");
+    Json::Value value(Json::arrayValue);
+    ListCrtChecksums(value);
+    const std::string folder = std::string(kArchive) + "/c/";
+    checkCrtKeyMatch(folder + "cert.pem", folder + "privkey.pem");
+    checkCrtKeyMatch(folder + "fullchain.pem", folder + "cert.pem");
+    DefinitionFile file;
+    Json::Value services;
+    if (LoadServiceConfig("p", value, file)) {
+        value["subscriber"] = "p";
+        REQUIRE(!PrepareServices(value, services) || AppendRegisterServices(services));
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const char *named = getenv("FUZZ_FILE");
+    REQUIRE(named != nullptr);
+    const std::string path = named;
+    const std::string input(reinterpret_cast<const char *>(data), size);
+    for (const auto change : kChanges) {
+        Json::Value after;
+        Put(path, input);
+        REQUIRE((change() && fromFile(path, after)) || Get(path) == input);
+    }
+    Put(path, input);
+    Put(kServicesPath, path == kServicesPath ? input : "[]");
+    Read(input);
+    // A byte order mark is taken from a certificate or key, and nothing else.
+    REQUIRE(input.ends_with(Get(path)) && Get(path).size() + 6 >= size);
+    return 0;
+}
+
+#ifndef OPALCRT_FUZZ
+int main(int argc, char *argv[])
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string input = Get(puts(argv[i]) < 0 ? "" : argv[i]);
+        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(input.data()), input.size());
+    }
+}
+#endif

@@ -1,0 +1,124 @@
+# README, docs/ and man/: what they tell a reader to type does what they say, and what they list is there.
+#
+# Blocks of shell (```sh, in a page .Bd -literal below EXAMPLES) are run as they stand, those of a page or a section in one
+# shell; the first one that fails ends it. A block of text after them (```text, .Bd -unfilled) is what the last of them must
+# have printed, "..." in it stands for anything. What the first section of a document does is done before each of the
+# others. What a reader should not do, the mishap that a text is about, hides in a comment: <!-- sh, the commands, -->.
+import os, queue, re, subprocess
+
+import pytest
+from conftest import A, REPOSITORY, ROW
+
+pytestmark = pytest.mark.documents
+PAGES = sorted(REPOSITORY.glob("man/*"))
+DOCUMENTS = [REPOSITORY / "README.md", *sorted(REPOSITORY.glob("docs/*.md"))]
+SHELL = ("sh", "literal")
+ROFF = {r"\&": "", r"\(aq": "'", r"\(dq": '"', r"\e": "\\"}
+
+# The package shop with the services web and api, a server of web's on port 4433, and a bought certificate in ~/bought.
+MACHINE = r"""
+export LC_ALL=C HOME=/tmp/home
+mkdir -p /usr/local/share/shop ~/bought
+cp $D/shop.cfg /usr/local/share/shop/certificate.cfg
+opalcrtregister shop
+journalctl() { sleep 0.2; grep " $2: " /run/row/journal | sed 's/^<[0-9]*>//'; }
+systemctl() { # reload shop
+    [ "$2" = shop ] || { echo "no such unit here: $*"; return 1; }
+    [ "$1" = start ] || kill $server
+    openssl s_server -accept 4433 -www -cert $P/shop/web/cert.pem -cert_chain $P/shop/web/fullchain.pem \
+        -key $P/shop/web/privkey.pem >/run/row/server 2>&1 &
+    server=$!
+    until grep -q ^ACCEPT /run/row/server; do kill -0 $server; sleep 0.02; done
+}
+trap 'kill $server' EXIT
+ip link set lo up
+systemctl start shop
+req() { openssl req -x509 -newkey rsa:2048 -nodes -days 90 "$@" 2>/dev/null; }
+cd ~/bought
+req -subj /CN=Authority -keyout ca.key -out chain.pem
+req -CA chain.pem -CAkey ca.key -subj /CN=shop.example -addext basicConstraints=critical,CA:false \
+    -keyout privkey.pem -out cert.pem
+cd /
+"""
+
+
+# What the log listener fills, and a file that the examples can read.
+class Journal(queue.SimpleQueue):
+    def put(self, line):
+        with open(ROW / "journal", "ab") as file:
+            file.write(line + b"\n")
+        super().put(line)
+
+
+# {title: [(kind, lines)]}
+def sections_of(path):
+    text = path.read_text()
+    if path.suffix == ".md":
+        block = re.compile(r"^(?:```|<!-- )(sh|text)\n(.*?)^(?:```|-->)$", re.M | re.S)
+        return {each.split("\n")[0]: block.findall(each) for each in re.split("^## ", text, flags=re.M)}
+    for roff, plain in ROFF.items():
+        text = text.replace(roff, plain)
+    examples = text.partition("\n.Sh EXAMPLES")[2].partition("\n.Sh ")[0]
+    return {"EXAMPLES": re.findall(r"^\.Bd -(literal|unfilled).*?\n(.*?)^\.Ed$", examples, re.M | re.S)}
+
+
+def examples():
+    for path in PAGES + DOCUMENTS:
+        first = []
+        for title, blocks in sections_of(path).items():
+            if blocks:
+                yield pytest.param(first + blocks, id=f"{path.name}: {title}")
+                first = first or blocks
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("blocks", examples())
+def test_an_example_does_what_is_told(w, blocks):
+    w.log.lines = Journal()
+    (A / "c").rename(A / "factory")
+    w.sh("rm factory/*")
+    w.write(info={"factory": {"services": []}}, default="factory\n")
+    w.define("shop", "web", "api")
+    script = MACHINE + "".join(f"printf '\\1'\n{lines}" for kind, lines in blocks if kind in SHELL)
+    (ROW / "script").write_text(script)
+    said = w.run("unshare --net bash -eu -o pipefail /run/row/script")
+    assert said.status == 0
+    printed = iter(said.out.split("\1")[1:])
+    for kind, lines in blocks:
+        if kind in SHELL:
+            last = next(printed)
+        else:
+            wanted = ".*".join(map(re.escape, lines.strip().split("...")))
+            assert re.fullmatch(wanted, last.strip(), re.S), f"{lines}is told, but this was printed:\n{last}"
+
+
+STRINGS = r"""((?:"(?:[^"\\]|\\.)*"\s*)+)"""
+
+
+# Without what differs from line to line, and in the way it is written.
+def plain(text):
+    return re.sub(r'\s|\\[&n]|"', "", re.sub(r"(%\w|<[^>]*>)+", "@", text))
+
+
+def test_every_message_is_in_a_manual_page_and_the_other_way_round():
+    sources = "".join(path.read_text() for path in REPOSITORY.glob("src/*/*.cpp"))
+    begin = r"\b(?:LOG_[A-Z_]+\(|LogLine\(LOG_ERR, \S+ __LINE__,|printf\()\s*"
+    said = {plain(text) for text in re.findall(begin + STRINGS, sources)}
+    said |= {plain(step) + "[@]" for step in re.findall(r"\bLogOpenSSLError\(\s*" + STRINGS, sources)}
+    said -= {"@[@]", plain("Certificate service tool")}
+    pages = "".join(path.read_text().partition("\n.Sh DIAGNOSTICS")[2] for path in PAGES)
+    listed = {plain(item) for item in re.findall(r"^\.It (.*)", pages, re.M)}
+    assert sorted(said - listed) == [] and sorted(listed - said) == []
+
+
+@pytest.mark.parametrize("path", DOCUMENTS + PAGES, ids=lambda path: path.name)
+def test_links_lead_to_what_is_installed_beside_them(path):
+    links = [path.parent / to for to in re.findall(r"\]\((?!\w+:)([^)#]+)", path.read_text())]
+    links += [REPOSITORY / to for to in re.findall(r"/usr/share/doc/opalcrt/(\S+\w)", path.read_text())]
+    for link in links:
+        place = os.path.relpath(link, REPOSITORY)
+        assert link.exists() and place.startswith(("README.md", "docs", "examples")), place
+
+
+def test_the_manual_pages_are_clean():
+    subprocess.run(["mandoc", "-T", "lint", "-W", "warning", *PAGES], check=True)
