@@ -31,8 +31,8 @@ SYSTEM_D = Path("/usr/opal/share/certificate.d")
 ROW = Path("/run/row")  # what the verbs need themselves
 FRESH = ["/usr/opal", "/usr/local", "/tmp", "/usr/libexec/certificate.d", str(ROW)]
 
-BUILT = Path(__file__).resolve().parent.parent / "build/debug/src"
-TOOL = Path(os.environ.get("OPALCRT_TOOL_FOLDER", BUILT)).resolve()
+REPOSITORY = Path(__file__).resolve().parent.parent
+TOOL = Path(os.environ.get("OPALCRT_TOOL_FOLDER", REPOSITORY / "build/debug/src")).resolve()
 CALL = TOOL.parent / "tests/opalcrt-call"
 
 SOURCE = r"((?:opalcrt|opalcrtregister|utils|dir_utils|mkcert)\.cpp):\d+ "
