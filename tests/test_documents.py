@@ -77,7 +77,7 @@ def test_an_example_does_what_is_told(w, blocks):
     w.log.lines = Journal()
     (A / "c").rename(A / "factory")
     w.sh("rm factory/*")
-    w.books(info={"factory": {"services": []}}, default="factory\n")
+    w.write(info={"factory": {"services": []}}, default="factory\n")
     w.define("shop", "web", "api")
     script = MACHINE + "".join(f"printf '\\1'\n{lines}" for kind, lines in blocks if kind in SHELL)
     (ROW / "script").write_text(script)

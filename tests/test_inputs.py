@@ -24,7 +24,7 @@ TARGETS = pytest.mark.parametrize("target", FILES)
 def store(w):
     for prefix in ("RSA-", "ECC-"):
         w.crt("c", prefix)
-    w.books(info={"c": {"services": [service("s")]}})
+    w.write(info={"c": {"services": [service("s")]}})
     w.sh("rm /dev/log")  # Nobody reads millions of lines.
 
 

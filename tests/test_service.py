@@ -65,7 +65,7 @@ class Client(threading.Thread):
 @pytest.mark.service
 def test_a_server_serves_while_its_certificate_is_changed_twenty_times(w):
     w.sh(CERTIFICATES)
-    w.books(info={f"c{number:02}": {"services": []} for number in range(CHANGES + 1)}, default="c00")
+    w.write(info={f"c{number:02}": {"services": []} for number in range(CHANGES + 1)}, default="c00")
     w.define("shop", {"service": "web", "display_name": "The web", "multiple_cert": True})
     w.ok("opalcrtregister shop")
     certs = json.loads((P / "shop/web/info").read_text())["certs"]

@@ -91,7 +91,7 @@ bool MendIfCutOff(const std::string &cert_id)
 }
 
 bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::string oldId,
-                      const CRTActionInfo &row)
+                      const CRTActionInfo &row, ServiceOutcome &outcome)
 {
     // The names become paths that root removes and runs: those from a definition were looked at there, those that
     // another caller takes from a book were not.
@@ -109,6 +109,7 @@ bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::str
         newId = currentId;
         oldId = currentId;
     }
+    outcome.cert_id = newId;
 
     if (!MendIfCutOff(newId) || !DeployServiceCrt(newId, serviceObj)) {
         return LOG_ERROR("Failed to set cert [%s] for [%s]", newId.c_str(), ToLogText(serviceObj).c_str());
@@ -120,7 +121,7 @@ bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::str
                          oldId.c_str(), newId.c_str());
     }
 
-    if (row.reload && ReloadService(serviceObj) != 0) {
+    if (row.reload && ReloadService(serviceObj, &outcome.hookEnded) != 0) {
         return LOG_ERROR("Failed to reload [%s]", ToLogText(serviceObj).c_str());
     }
     return true;
@@ -135,7 +136,7 @@ bool DeployDefCrt(const Json::Value &services, int action, const std::string &ol
 }
 
 bool SetCrtForServices(const std::string &cert_id, const Json::Value &services,
-                       const std::string &old_cert_id, int action)
+                       const std::string &old_cert_id, int action, const ServiceObserver &tell)
 {
     if (!CheckAndRecoverCrt(cert_id) || !services.isArray()) {
         return LOG_ERROR("Invalid params (cert_id/services)");
@@ -147,7 +148,12 @@ bool SetCrtForServices(const std::string &cert_id, const Json::Value &services,
 
     bool allDone = true;
     for (const Json::Value &serviceObj : services) {
-        allDone = SetCrtForService(serviceObj, cert_id, old_cert_id, *row) && allDone;
+        ServiceOutcome outcome;
+        outcome.isDone = SetCrtForService(serviceObj, cert_id, old_cert_id, *row, outcome);
+        allDone = allDone && outcome.isDone;
+        if (tell) {
+            tell(serviceObj, outcome);
+        }
     }
 
     if (!OPALSystemdReload("opalrelayd")) {

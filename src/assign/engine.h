@@ -4,12 +4,21 @@
 
 #include <json/value.h>
 
+#include <functional>
 #include <string>
 
 namespace opalcrt {
 
 // The action of a registration: a service that has a certificate keeps it, and no hook runs.
 constexpr int kActionDefault = 3;
+
+// What became of one service.
+struct ServiceOutcome {
+    bool isDone = false;  // A hook that ran counts as done, whatever it ended with.
+    std::string cert_id;  // what it was to get; empty when it was refused before that was known
+    int hookEnded = -1;   // exit status, or 128 and the signal; below 0 when no hook ran
+};
+using ServiceObserver = std::function<void(const Json::Value &serviceObj, const ServiceOutcome &outcome)>;
 
 // SetCrtForServices with the system default certificate. False at once when there is none.
 bool DeployDefCrt(const Json::Value &services, int action, const std::string &old_cert_id);
@@ -27,8 +36,9 @@ bool DeployDefCrt(const Json::Value &services, int action, const std::string &ol
 // A service whose names are not usable (store/names.h) is refused as an invalid one is.
 // True when every service was handled. False, logged, when a parameter was refused (nothing was done then) or
 // a service failed; the others are still handled, and nothing is rolled back: a service whose INFO update
-// failed has its new files already. Locks are taken and released one at a time; the caller may hold none.
+// failed has its new files already. `tell` is called after each service, with no lock held. Locks are taken and
+// released one at a time; the caller may hold none.
 bool SetCrtForServices(const std::string &cert_id, const Json::Value &services,
-                       const std::string &old_cert_id, int action);
+                       const std::string &old_cert_id, int action, const ServiceObserver &tell = {});
 
 }  // namespace opalcrt

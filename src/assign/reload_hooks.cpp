@@ -8,7 +8,7 @@
 
 namespace opalcrt {
 
-int ReloadService(const Json::Value &serviceObj)
+int ReloadService(const Json::Value &serviceObj, int *ended)
 {
     const bool isPkg = GetBool(serviceObj, "isPkg");
     const std::string subscriber = GetString(serviceObj, "subscriber");
@@ -27,6 +27,9 @@ int ReloadService(const Json::Value &serviceObj)
         if (result < 0) {
             LOG_ERROR_STATE("Failed to [%s][%s].", hook.c_str(), service.c_str());
             return result;
+        }
+        if (ended != nullptr) {
+            *ended = result;
         }
         return 0;
     }

@@ -21,16 +21,11 @@ namespace opalcrt {
 
 namespace {
 
-struct CFree {
-    void operator()(char *memory) const { free(memory); }
-};
 // Opens a certificate's file; null, logged, also when a link or ".." on the way leads elsewhere.
 UniqueFile OpenCrtFile(const std::string &path)
 {
-    // A NUL byte in an id would cut the path short and find something else.
-    const bool isWhole = path.find('\0') == std::string::npos;
-    errno = isWhole ? 0 : ENOENT;
-    const std::unique_ptr<char, CFree> resolved(isWhole ? realpath(path.c_str(), nullptr) : nullptr);
+    errno = 0;
+    const std::unique_ptr<char, void (*)(void *)> resolved(realpath(path.c_str(), nullptr), free);
     if (resolved == nullptr) {
         LOG_ERROR("Realpath %s failed. %s", path.c_str(), strerror(errno));
         return nullptr;
@@ -61,18 +56,15 @@ bool HashDer(const unsigned char *der, size_t length, std::string &checksum)
 {
     const UniqueOpenSSL<EVP_MD_CTX> context(EVP_MD_CTX_new());
     if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
-        LogOpenSSLError("SHA256 init failed.");
-        return false;
+        return LogOpenSSLError("SHA256 init failed.");
     }
     if (EVP_DigestUpdate(context.get(), der, length) != 1) {
-        LogOpenSSLError("SHA256 update failed.");
-        return false;
+        return LogOpenSSLError("SHA256 update failed.");
     }
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned digestLength = 0;
     if (EVP_DigestFinal_ex(context.get(), digest, &digestLength) != 1) {
-        LogOpenSSLError("SHA256 final failed.");
-        return false;
+        return LogOpenSSLError("SHA256 final failed.");
     }
     checksum = ToHex(digest, digestLength);
     return true;
@@ -88,16 +80,14 @@ bool GetCrtChecksum(const std::string &cert_id, std::string &checksum)
     const UniqueOpenSSL<X509> crt(PEM_read_X509(file.get(), nullptr, NoPassword, nullptr));
     file.reset();
     if (crt == nullptr) {
-        LogOpenSSLError("Read X509 failed.");
-        return false;
+        return LogOpenSSLError("Read X509 failed.");
     }
 
     unsigned char *encoded = nullptr;
     const int length = i2d_X509(crt.get(), &encoded);
     const UniqueOpenSSL<unsigned char> der(encoded);
     if (length < 0) {
-        LogOpenSSLError("PEM to DER failed.");
-        return false;
+        return LogOpenSSLError("PEM to DER failed.");
     }
     return HashDer(der.get(), static_cast<size_t>(length), checksum);
 }

@@ -1,27 +1,25 @@
 #include "checksum/openssl_error.h"
 
-#include <openssl/bio.h>
 #include <openssl/err.h>
 
 #include <string>
 
 #include "common/log.h"
+#include "common/openssl.h"
 
 namespace opalcrt {
 
-void LogOpenSSLError(const char *step)
+Failed LogOpenSSLError(const char *step)
 {
-    BIO *bio = BIO_new(BIO_s_mem());
+    const UniqueOpenSSL<BIO> bio(BIO_new(BIO_s_mem()));
     if (bio == nullptr) {
-        LOG_ERROR("Fatal Error. new bio failed.");
-        return;
+        return LOG_ERROR("Fatal Error. new bio failed.");
     }
-    ERR_print_errors(bio);
+    ERR_print_errors(bio.get());
     const char *data = nullptr;
-    const long length = BIO_get_mem_data(bio, &data);
+    const long length = BIO_get_mem_data(bio.get(), &data);
     const std::string text(data != nullptr ? data : "", length > 0 ? static_cast<size_t>(length) : 0);
-    LOG_ERROR("%s [%s]", step, ShortenForLog(text).c_str());
-    BIO_free(bio);
+    return LOG_ERROR("%s [%s]", step, ShortenForLog(text).c_str());
 }
 
 }  // namespace opalcrt

@@ -1,8 +1,11 @@
 #include "common/log.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
+#include <string_view>
 
 #include "platform/error_state.h"
 
@@ -12,37 +15,28 @@ namespace {
 
 // What a line holds beside the one text that may be long: two paths with names of 255 bytes, and words.
 constexpr size_t kRoomForTheRest = 2048;
-constexpr size_t kKeptEnd = 256;
 
-// Takes out what is too much, at the latest before `end`; never half a UTF-8 character at the place of the cut.
-void Cut(std::string &text, size_t limit, size_t keptEnd)
+// How much of the text stays within the limit: never half a UTF-8 character.
+size_t CutLength(std::string_view text, size_t limit)
 {
-    if (text.size() <= limit) {
-        return;
+    while (limit < text.size() && limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xC0) == 0x80) {
+        --limit;
     }
-    const size_t end = text.size() - keptEnd;
-    size_t cut = limit - keptEnd;
-    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) {
-        --cut;
-    }
-    text.erase(cut, end - cut);
+    return std::min(limit, text.size());
 }
 
+// Nothing is allocated: the line that says that there is no memory has to go out, too.
 __attribute__((format(printf, 4, 0))) void Send(int priority, const char *source, int line,
                                                 const char *format, va_list args, const char *end)
 {
-    const int error = errno;
-    va_list measured;
-    va_copy(measured, args);
-    const int length = vsnprintf(nullptr, 0, format, measured);
-    va_end(measured);
-    std::string message(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    errno = error;  // For %m.
-    vsnprintf(message.data(), message.size() + 1, format, args);
-
-    std::string text = source + std::string(":") + std::to_string(line) + " " + message + end;
-    Cut(text, kLongestLogLine, kKeptEnd);
-    syslog(LOG_USER | priority, "%s", text.c_str());
+    const int error = errno;  // Also for %m.
+    char text[kLongestLogLine + 2];
+    size_t used = static_cast<size_t>(snprintf(text, sizeof(text), "%s:%d ", source, line));
+    errno = error;
+    vsnprintf(text + used, sizeof(text) - used, format, args);
+    used = strlen(text);
+    snprintf(text + used, sizeof(text) - used, "%s", end);
+    syslog(LOG_USER | priority, "%.*s", static_cast<int>(CutLength(text, kLongestLogLine)), text);
     errno = error;
 }
 
@@ -71,7 +65,7 @@ Failed LogLineAndState(int priority, const char *source, int line, const char *f
 
 std::string ShortenForLog(std::string text)
 {
-    Cut(text, kLongestLogLine - kRoomForTheRest, 0);
+    text.resize(CutLength(text, kLongestLogLine - kRoomForTheRest));
     return text;
 }
 

@@ -1,9 +1,9 @@
 // Log lines: "SOURCE:LINE message" to the system log, user facility, under the program's name (syslog(3)).
 //
 // SOURCE is the subsystem's name, not the file's: LOG_SOURCE, which src/CMakeLists.txt gives each target. The formats
-// are checked by the compiler as printf's are; %m is the text of errno. errno is what it was when the macro was
-// reached, and is the same afterwards. A line over kLongestLogLine loses what stands before its last 256 bytes:
-// give it texts of any length through ToLogText (common/json_file.h), which shortens them where that is told.
+// are checked by the compiler as printf's are; %m is the text of errno as the arguments have left it. errno is the same
+// afterwards, and no memory is taken. A line over kLongestLogLine loses its end: give it texts of any length through
+// ToLogText (common/json_file.h) or ShortenForLog.
 #pragma once
 
 #include <syslog.h>

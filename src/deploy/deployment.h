@@ -11,8 +11,8 @@
 //
 // The new folder is assembled beside the old one, path + ".temp", synced, and moved into place whole
 // (MoveDirectory, which says what a kill leaves). Both run under the service lock (exclusive, 60 s), which
-// they take themselves. All files are of one generation of the certificate (deploy/staging.h). False, logged, with the service folder as it was, but for what MoveDirectory says; the staging folder
-// is removed.
+// they take themselves. All files are of one generation of the certificate (deploy/staging.h). False, logged, with the
+// service folder as it was, but for what MoveDirectory says; the staging folder is removed.
 //
 // Only root may be able to write the certificate root and the subscriber's folder: who can exchange the
 // staging folder for a link while it is filled has root write elsewhere.

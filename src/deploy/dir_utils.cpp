@@ -90,9 +90,8 @@ bool MoveDirectory(const std::string &source, const std::string &destination)
         return false;
     }
     if (!SyncParent(destination)) {
-        return LOG_ERROR(
-            "Failed to move %s to %s [%d]", source.c_str(), destination.c_str(),
-            errno);  // The new folder stands, whole; only the backup is sure to survive a power cut.
+        // The new folder stands, whole; only the backup is sure to survive a power cut.
+        return LOG_ERROR("Failed to move %s to %s [%d]", source.c_str(), destination.c_str(), errno);
     }
 
     RemovePath(backup);

@@ -19,15 +19,7 @@ constexpr NamedKeyType kKeyTypes[] = {{KeyType::RSA, "RSA"}, {KeyType::ECC, "ECC
 
 }  // namespace
 
-std::string KeyTypeName(KeyType type)
-{
-    for (const NamedKeyType &known : kKeyTypes) {
-        if (known.type == type) {
-            return known.name;
-        }
-    }
-    return kKeyTypes[0].name;
-}
+std::string KeyTypeName(KeyType type) { return kKeyTypes[type == KeyType::ECC ? 1 : 0].name; }
 
 std::string KeyTypePrefix(KeyType type) { return KeyTypeName(type) + "-"; }
 
@@ -59,16 +51,12 @@ std::vector<KeyType> ParseKeyTypes(const std::string &text)
 std::vector<std::string> SplitTrimmed(const std::string &text, const std::string &delimiter)
 {
     std::vector<std::string> pieces;
-    const auto keep = [&pieces](const std::string &piece) {
-        if (std::string trimmed = TrimSpace(piece); !trimmed.empty()) {
-            pieces.push_back(std::move(trimmed));
+    for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
+        end = text.find(delimiter, start);
+        if (std::string piece = TrimSpace(text.substr(start, end - start)); !piece.empty()) {
+            pieces.push_back(std::move(piece));
         }
-    };
-    size_t start = 0;
-    for (size_t end; (end = text.find(delimiter, start)) != std::string::npos; start = end + 1) {
-        keep(text.substr(start, end - start));
     }
-    keep(text.substr(start));
     return pieces;
 }
 

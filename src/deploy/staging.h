@@ -22,7 +22,8 @@ struct DeployPlan {
 // Copies the plan's files (CopyCrtFile) from the certificate's folder into the empty staging folder. An optional
 // file that is not there is no failure, one that cannot be looked at is. A certificate that changes meanwhile, or
 // is being mended, is copied again once it stands still, into a staging folder made anew, for at most as long as
-// a mend is waited for. False, logged, when that was not to be had; the staging folder then holds some of the files.
+// a mend is waited for. False when that was not to be had, logged but for the time being over; the staging folder then
+// holds some of the files.
 bool CopyPlannedFiles(const DeployPlan &plan, const std::string &cert_id, const std::string &staging,
                       uid_t uid, gid_t gid);
 

@@ -11,16 +11,14 @@ namespace opalcrt {
 bool CheckOwnerPermission(const std::string &owner)
 {
     if (owner.empty()) {
-        YLIBCErrSetEx(kErrBadParameter, LOG_SOURCE, __LINE__);
-        return false;
+        return YLIBCErrSetEx(kErrBadParameter, LOG_SOURCE, __LINE__), false;
     }
 
     uid_t real = 0;
     uid_t effective = 0;
     uid_t saved = 0;
     if (getresuid(&real, &effective, &saved) != 0) {
-        YLIBCErrSetEx(kErrUserLookup, LOG_SOURCE, __LINE__);
-        return false;
+        return YLIBCErrSetEx(kErrUserLookup, LOG_SOURCE, __LINE__), false;
     }
     if (real == 0) {
         return true;
@@ -28,12 +26,10 @@ bool CheckOwnerPermission(const std::string &owner)
 
     uid_t ownerId = 0;
     if (OPALUserGetUGID(owner, &ownerId, nullptr) < 0) {
-        YLIBCErrSetEx(kErrUserLookup, LOG_SOURCE, __LINE__);
-        return false;
+        return YLIBCErrSetEx(kErrUserLookup, LOG_SOURCE, __LINE__), false;
     }
     if (ownerId != real) {
-        YLIBCErrSetEx(kErrPermission, LOG_SOURCE, __LINE__);
-        return false;
+        return YLIBCErrSetEx(kErrPermission, LOG_SOURCE, __LINE__), false;
     }
     return true;
 }

@@ -69,8 +69,11 @@ bool LoadServiceConfig(const std::string &subscriber, Json::Value &definition, D
 bool RemoveDefinition(const DefinitionFile &file)
 {
     struct stat now = {};
-    if (file.read && stat(file.path.c_str(), &now) == 0 && !IsSameFile(now, *file.read)) {
-        return true;
+    if (file.read && stat(file.path.c_str(), &now) == 0) {
+        now.st_ctim = file.read->st_ctim;  // One whose mode or owner was changed is no other file.
+        if (!IsSameFile(now, *file.read)) {
+            return true;
+        }
     }
     return unlink(file.path.c_str()) == 0 || errno == ENOENT;
 }

@@ -98,18 +98,19 @@ bool IsRemovableFolder(bool isPkg, const std::string &subscriber, bool hasServic
            !(hasService && std::filesystem::is_symlink(GetCertificateRoot(isPkg) + subscriber, error));
 }
 
-// What a registration of the service that was cut off has left beside its folder: keys, too.
-bool RemoveRemains(const std::string &serviceFolder)
+// What a registration of the service that was cut off has left beside its folder: keys, too. One that is under way
+// holds the service's lock and needs them.
+bool RemoveRemains(const std::string &serviceFolder, const std::string &lockPath)
 {
-    for (const char *suffix : {kStagingSuffix, kBackupSuffix}) {
-        struct stat info = {};
-        const std::string path = serviceFolder + suffix;
-        if (lstat(path.c_str(), &info) == 0 &&
-            YLIBCExec("/bin/rm", "-rf", path.c_str(), nullptr, nullptr) != 0) {
-            return false;
-        }
+    const std::string staging = serviceFolder + kStagingSuffix;
+    const std::string backup = serviceFolder + kBackupSuffix;
+    struct stat info = {};
+    if (lstat(staging.c_str(), &info) != 0 && lstat(backup.c_str(), &info) != 0) {
+        return true;
     }
-    return true;
+    const ScopedLock lock(lockPath.c_str(), kLockExclusive, 0, UnlockLine::kFrontEnd);
+    return (!lock.IsHeld() && errno == ETIMEDOUT) ||
+           YLIBCExec("/bin/rm", "-rf", staging.c_str(), backup.c_str(), nullptr) == 0;
 }
 
 }  // namespace
@@ -206,7 +207,8 @@ bool RemoveServiceCertificate(const Json::Value &request)
     // The remains first, and also without the folder: a registration that is cut off while it exchanges the folder
     // leaves just them.
     const bool remainsStay = !service.empty() && IsPlainFolderName(service) &&
-                             IsRemovableFolder(isPkg, subscriber, true, "") && !RemoveRemains(path);
+                             IsRemovableFolder(isPkg, subscriber, true, "") &&
+                             !RemoveRemains(path, GetServiceLockPath(subscriber, service));
     if (!remainsStay && !IsRemovableFolder(isPkg, subscriber, hasService, service)) {
         return LOG_ERROR("Invalid certificate: %s%s", folder.c_str(), mark);
     }

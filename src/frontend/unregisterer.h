@@ -27,10 +27,11 @@ bool RemoveServiceFromInfo(const Json::Value &request);
 
 // Deletes the service's folder, or the subscriber's when the request has no service, or an empty one; when this
 // is true the removal is on the disk. A link in its place is removed, and nothing of what it leads to. With the
-// service's folder, or without one, goes what a cut-off registration left beside it (SERVICE.temp, SERVICE.bak). False,
-// logged, when /bin/rm or the sync failed, and, before anything else is removed, unless the folder exists, lies in the
-// certificate root outside the archive, and is reached without a link. Between that check and /bin/rm somebody could
-// still exchange the subscriber's folder for a link; only who can write the certificate root can, and that is root.
+// service's folder, or without one, goes what a cut-off registration left beside it (SERVICE.temp, SERVICE.bak), but not
+// while one is under way: the service's lock is tried, and not waited for. False, logged, when /bin/rm or the sync
+// failed, and, before anything else is removed, unless the folder exists, lies in the certificate root outside the
+// archive, and is reached without a link. Between that check and /bin/rm somebody could still exchange the subscriber's
+// folder for a link; only who can write the certificate root can, and that is root.
 bool RemoveServiceCertificate(const Json::Value &request);
 
 }  // namespace opalcrt

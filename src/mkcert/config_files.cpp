@@ -79,16 +79,13 @@ UniqueFd OpenForWriting(const std::string &path)
 {
     UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
     struct stat info = {};
-    if (!fd.IsOpen() || fstat(fd.Get(), &info) != 0) {
-        SET_PLATFORM_ERRNO(errno);
-        return UniqueFd();
+    const bool isOpen = fd.IsOpen() && fstat(fd.Get(), &info) == 0;
+    if (isOpen && S_ISREG(info.st_mode)) {
+        return fd;
     }
-    if (!S_ISREG(info.st_mode)) {
-        errno = EINVAL;
-        SET_PLATFORM_ERRNO(errno);
-        return UniqueFd();
-    }
-    return fd;
+    errno = isOpen ? EINVAL : errno;
+    SET_PLATFORM_ERRNO(errno);
+    return UniqueFd();
 }
 
 void WriteOrRemove(UniqueFd fd, const std::string &path, const std::string &text)

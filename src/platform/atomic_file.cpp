@@ -113,22 +113,19 @@ bool SyncParent(const std::string &path)
 bool SyncTree(const std::string &path)
 {
     namespace fs = std::filesystem;
-    std::error_code error;
-    if (fs::is_symlink(fs::symlink_status(path, error))) {
-        return true;
-    }
-    fs::recursive_directory_iterator entry(path, error);
-    for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-        const fs::file_status status = entry->symlink_status(error);
-        if (error) {
-            break;
+    try {
+        if (fs::is_symlink(fs::symlink_status(path))) {
+            return true;
         }
-        if ((fs::is_regular_file(status) || fs::is_directory(status)) && !SyncPath(entry->path().native())) {
-            return false;
+        for (const fs::directory_entry &entry : fs::recursive_directory_iterator(path)) {
+            const fs::file_status status = entry.symlink_status();
+            if ((fs::is_regular_file(status) || fs::is_directory(status)) &&
+                !SyncPath(entry.path().native())) {
+                return false;
+            }
         }
-    }
-    if (error) {
-        errno = error.value();
+    } catch (const fs::filesystem_error &error) {
+        errno = error.code().value();
         return SET_PLATFORM_ERRNO(errno);
     }
     return SyncPath(path);

@@ -48,23 +48,16 @@ bool ReadWhole(int fd, size_t limit, std::string &text)
 {
     text.clear();
     std::string chunk(64UL * 1024, '\0');  // Not on the stack, which a caller may have limited.
-    for (;;) {
-        const ssize_t got = read(fd, chunk.data(), chunk.size());
-        if (got == 0) {
-            return true;
-        }
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got > 0 && text.size() + static_cast<size_t>(got) > limit) {
-            errno = EFBIG;
-        } else if (got > 0) {
+    for (ssize_t got; (got = read(fd, chunk.data(), chunk.size())) != 0;) {
+        if (got > 0 && text.size() + static_cast<size_t>(got) <= limit) {
             text.append(chunk, 0, static_cast<size_t>(got));
-            continue;
+        } else if (got > 0 || errno != EINTR) {
+            errno = got > 0 ? EFBIG : errno;
+            SET_PLATFORM_ERROR(kErrSystemCall);
+            return false;
         }
-        SET_PLATFORM_ERROR(kErrSystemCall);
-        return false;
     }
+    return true;
 }
 
 int YLIBCFileUTF8BomStrip(const char *path)

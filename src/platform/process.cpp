@@ -1,9 +1,11 @@
 #include "platform/process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +15,7 @@
 #include <vector>
 
 #include "platform/error_state.h"
+#include "platform/unique_fd.h"
 
 namespace opalcrt {
 
@@ -42,7 +45,9 @@ constexpr rlimit kProcessorTime = {30, 30};  // SIGKILL, without a core file tha
     for (int fd = STDIN_FILENO; ready && fd <= STDERR_FILENO; ++fd) {
         ready = dup2(null, fd) == fd;
     }
-    if (ready && !isHook) {
+    if (ready && isHook) {
+        ready = setpgid(0, 0) == 0;  // To be stopped with all that it starts.
+    } else if (ready) {
         setrlimit(RLIMIT_CPU, &kProcessorTime);  // Without it the program runs all the same.
         ready = prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == parent;
     }
@@ -62,6 +67,20 @@ int Fail(int code, int error)
     return -1;
 }
 
+// A hook that hangs would hold up every service after its own.
+void StopAfter(pid_t hook, int seconds)
+{
+    const UniqueFd fd(static_cast<int>(syscall(SYS_pidfd_open, hook, 0)));
+    pollfd ended = {fd.Get(), POLLIN, 0};
+    int answer = -1;
+    do {
+        answer = fd.IsOpen() ? poll(&ended, 1, seconds * 1000) : -1;
+    } while (answer < 0 && errno == EINTR);
+    if (answer == 0) {
+        kill(-hook, SIGKILL);
+    }
+}
+
 int RunProgram(const char *path, char *const argv[], bool isHook, mode_t mask = S_IWGRP | S_IWOTH)
 {
     // vfork, not fork: a tool that holds two large books in memory would pay for copying its page tables at
@@ -76,6 +95,9 @@ int RunProgram(const char *path, char *const argv[], bool isHook, mode_t mask = 
         return Fail(kErrChildStart, errno);
     }
 
+    if (isHook) {
+        StopAfter(child, kHookSeconds);
+    }
     int status = 0;
     pid_t reaped;
     do {
@@ -86,7 +108,7 @@ int RunProgram(const char *path, char *const argv[], bool isHook, mode_t mask = 
         return Fail(kErrChildStart, startError);
     }
     if (isHook) {
-        return reaped == child && WIFEXITED(status) ? WEXITSTATUS(status) : 0;
+        return reaped == child && WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     }
     if (reaped != child) {
         return Fail(kErrChildLost, ECHILD);
