@@ -1,6 +1,6 @@
-# The verbs of the world in which every row lives. A row gets them as `w`: an empty store on the real paths with
-# the one certificate "c", a system log that can be read, and ways to arrange a scene and to look at what a user
-# would see. Whatever a row does (files, mounts, processes, replaced programs, locks) is undone after it.
+# The verbs of the world in which every row lives. A row gets them as `w`: an empty store on the real paths
+# with the one certificate "c", a system log that can be read, and ways to arrange a scene and to look at what
+# a user would see. Whatever a row does (files, mounts, processes, programs, locks) is undone after it.
 
 import dataclasses
 import fcntl
@@ -211,8 +211,8 @@ class World:
 
     # Doing something
 
-    # Starts a shell command, in the archive's folder, with the commands of the tool and $S $A $P $D. Not waited
-    # for; its end is that of the row.
+    # Starts a shell command in the archive's folder, with the tool's commands and $S $A $P $D. Not waited for;
+    # it ends with the row.
     def start(self, command, leaks=True):
         report = f"log_path={ROW}/report"
         env = dict(PATH=f"{TOOL}:/usr/sbin:/usr/bin:/sbin:/bin", HOME="/root", S=S, A=A, P=P, D=D, ROW=ROW)
@@ -220,8 +220,9 @@ class World:
         streams = dict(stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         return subprocess.Popen(["sh", "-c", command], cwd=A, env=env, start_new_session=True, **streams)
 
-    # Runs it as `start` does and answers what it said. `inject` is strace's word for one call of the tool itself,
-    # not of its children: "flock:error=EIO:when=2", "?rename,?renameat:signal=KILL:when=1".
+    # Runs it as `start` does and answers what it said. `inject` is strace's word for a call of the tool
+    # itself, not of its children: "flock:error=EIO:when=2", "?rename,?renameat:signal=KILL:when=1" (arm64 has
+    # the second).
     def run(self, command, inject=None, timeout=60):
         traced = (
             f"strace -qq -o $ROW/strace -e trace={inject.split(':')[0]} -e inject={inject} " if inject else ""
@@ -261,8 +262,8 @@ class World:
         assert said.status == 0, str(said)
         return said.out
 
-    # Calls a function that no command reaches. Answers its result; what else came back is in w.answer, the log
-    # in w.said.
+    # Calls a function that no command reaches. Answers its result; what else came back is in w.answer, the
+    # log in w.said.
     def call(self, function, *arguments):
         self.said = self.run(shlex.join([str(CALL), function, json.dumps(arguments)]))
         assert self.said.status == 0, str(self.said)
