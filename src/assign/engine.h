@@ -36,7 +36,8 @@ bool DeployDefCrt(const Json::Value &services, int action, const std::string &ol
 // A service whose names are not usable (store/names.h) is refused as an invalid one is.
 // True when every service was handled. False, logged, when a parameter was refused (nothing was done then) or
 // a service failed; the others are still handled, and nothing is rolled back: a service whose INFO update
-// failed has its new files already. `tell` is called after each service, with no lock held. Locks are taken and released one at a time; the caller may hold none.
+// failed has its new files already. `tell` is called after each service, with no lock held. Locks are taken and
+// released one at a time; the caller may hold none.
 bool SetCrtForServices(const std::string &cert_id, const Json::Value &services,
                        const std::string &old_cert_id, int action, const ServiceObserver &tell = {});
 
