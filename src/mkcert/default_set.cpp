@@ -44,7 +44,7 @@ std::string ChainPath(const std::string &folder)
     return folder + "/fullchain.pem";
 }
 
-CsrSubject MakeSubject(const char *commonName)
+CsrSubject MakeSubject(const std::string &commonName)
 {
     CsrSubject subject;
     subject.countryName = "TW";
@@ -115,11 +115,16 @@ bool CopyChain(const std::string &folder, const std::string &crtPath, const std:
 
 int genDefaultCrtSet(const std::string &folder)
 {
+    return genNamedCrtSet(folder, kDefaultName, kDefaultName);
+}
+
+int genNamedCrtSet(const std::string &folder, const std::string &commonName, const std::string &aliasText)
+{
     if (genCASet(MakeSubject("Kestrel Inc. CA"), kKeyBits, folder) != 0) {
         LOG_ERROR("Generate CA key & crt failed");
         return -1;
     }
-    if (genCrtSet(MakeSubject("kestrel"), kKeyBits, "kestrel", folder) != 0) {
+    if (genCrtSet(MakeSubject(commonName), kKeyBits, aliasText, folder) != 0) {
         LOG_ERROR("Failed to generate cert set");
         return -1;
     }

@@ -11,6 +11,9 @@
 namespace opalcrt
 {
 
+// What the default certificate is for.
+inline constexpr char kDefaultName[] = "kestrel";
+
 // Generates the set into the folder, which is made when it is missing; what stood there under these names is
 // replaced, other files are left alone. 0 on success; -1, logged, otherwise.
 //
@@ -20,6 +23,9 @@ namespace opalcrt
 // A generation that failed or was cut off leaves a folder that lacks one of the two, and the next check
 // generates again; except when the CA's key or request failed: then all that services receive is as it was.
 int genDefaultCrtSet(const std::string &folder);
+
+// The same with a subject and names of its own: `aliasText` as genCrt has it (mkcert/crt_creation.h).
+int genNamedCrtSet(const std::string &folder, const std::string &commonName, const std::string &aliasText);
 
 // Generates the CA, and removes fullchain.pem once the CA's request stands. 0, or the failed step's answer:
 // -1, or 1 when certificate and key do not match.

@@ -1,0 +1,204 @@
+#include "admin/status.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+
+#include "admin/crt_status.h"
+#include "admin/message.h"
+#include "admin/report.h"
+#include "admin/store_look.h"
+#include "common/json_file.h"
+#include "common/json_member.h"
+#include "platform/file_test.h"
+#include "store/names.h"
+#include "store/paths.h"
+
+namespace opalcrt
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr int kCouldNotLook = 3;
+
+// A registration comes into SERVICES first and into INFO last, and makes folders between: what the books say of each
+// other, and a folder that neither lists, means something once that is over.
+constexpr time_t kRegistrationSeconds = 60;
+
+bool HasStood(const std::string &path, time_t now)
+{
+    struct stat info = {};
+    return lstat(path.c_str(), &info) == 0 &&
+           (info.st_mtime > now || now - info.st_mtime > kRegistrationSeconds);
+}
+
+void ReadServices(StoreFacts &facts, Json::Value &findings)
+{
+    Json::Value services;
+    if (!fromFile(kServicesPath, services) || !services.isArray()) {
+        AddFinding(findings, "book-broken",
+                   std::string("nothing can be registered: ") + kServicesPath +
+                       " is missing, cannot be read or is no JSON array");
+        return;
+    }
+    std::set<ServiceId> registered;
+    for (const Json::Value &element : services) {
+        const std::optional<ServiceId> id = IdOfService(element);
+        if (!id) {
+            AddFinding(findings, "book-broken",
+                       "SERVICES lists something that is no service: " + ToLogText(element));
+            continue;
+        }
+        registered.insert(*id);
+    }
+    if (!HasStood(kServicesPath, facts.now)) {
+        return;
+    }
+    for (const ServiceId &id : registered) {
+        if (!facts.listed.contains(id)) {
+            AddFinding(findings, "not-in-info",
+                       id.first + "/" + id.second + " is registered, but has no certificate in INFO");
+        }
+    }
+    facts.registered = std::move(registered);
+}
+
+void LookAtDefault(const Json::Value &info, const StoreFacts &facts, Json::Value &findings)
+{
+    if (facts.defaultId.empty()) {
+        AddFinding(
+            findings, "default-unusable",
+            std::string("no new service can be registered: ") + kDefaultPath + " names no certificate");
+    } else if (!IsPlainFolderName(facts.defaultId) || !GetMember(info, facts.defaultId.c_str()).isObject()) {
+        AddFinding(findings, "default-unusable",
+                   "no new service can be registered: DEFAULT names " + facts.defaultId +
+                       ", which INFO does not list");
+    } else if (LookAtFolder(GetCrtFolderPath(facts.defaultId)).error != 0) {
+        AddFinding(findings, "default-unusable",
+                   "no new service can be registered: DEFAULT names " + facts.defaultId +
+                       ", which has no folder in the archive");
+    }
+}
+
+// The folders in the folder; empty when it cannot be looked into.
+std::vector<std::string> ListFolders(const std::string &path)
+{
+    std::vector<std::string> folders;
+    std::error_code error;
+    for (fs::directory_iterator entry(path, error), end; !error && entry != end; entry.increment(error)) {
+        if (entry->symlink_status(error).type() == fs::file_type::directory) {
+            folders.push_back(entry->path().filename().native());
+        }
+    }
+    std::sort(folders.begin(), folders.end());
+    return folders;
+}
+
+void LookForOrphans(const Json::Value &info, const StoreFacts &facts, Json::Value &findings)
+{
+    for (const std::string &name : ListFolders(kArchive)) {
+        const std::string path = GetCrtFolderPath(name);
+        if (!GetMember(info, name.c_str()).isObject() && HasStood(path, facts.now)) {
+            AddFinding(findings, "orphan-folder", path + " is no certificate that INFO lists");
+        }
+    }
+    for (const std::string root : {kSystemCertificateRoot, kPackageCertificateRoot}) {
+        for (const std::string &subscriber : ListFolders(root)) {
+            for (const std::string &service : ListFolders(root + subscriber)) {
+                const std::string path = root + subscriber + "/" + service;
+                if (IsUsableSubscriber(subscriber) && !facts.folders.contains(path) &&
+                    HasStood(path, facts.now)) {
+                    AddFinding(findings, "orphan-folder", path + " is no service that INFO lists");
+                }
+            }
+        }
+    }
+}
+
+// False, told, when there is nothing to be looked at.
+bool LookAtInfo(const StatusOptions &options, Json::Value &info, Json::Value &findings)
+{
+    if (!fromFile(kInfoPath, info) && errno != EBADMSG && errno != EFBIG) {
+        fprintf(stderr, "opalcrt: cannot read %s: %s\n", kInfoPath, strerror(errno));
+        return false;
+    }
+    if (!info.isObject()) {
+        AddFinding(findings, "book-broken", std::string(kInfoPath) + " is no JSON object");
+        info = Json::Value(Json::objectValue);
+    }
+    for (const std::string &id : options.ids) {
+        if (!info.isMember(id)) {
+            fprintf(stderr, "opalcrt: %s lists no certificate %s\n", kInfoPath, ToShownText(id).c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+// Everything once. False, told, when it could not look.
+bool LookOnce(const StatusOptions &options, Report &report)
+{
+    StoreFacts facts;
+    facts.now = time(nullptr);
+    facts.days = options.days;
+    facts.defaultId = ReadDefaultId();
+    Json::Value info;
+    if (!LookAtInfo(options, info, report.findings)) {
+        return false;
+    }
+    for (const Json::Value &entry : info) {
+        const Json::Value &services = GetMember(entry, "services");
+        for (Json::ArrayIndex at = 0; services.isArray() && at < services.size(); ++at) {
+            if (const std::optional<ServiceId> id = IdOfService(services[at])) {
+                ++facts.listed[*id];
+            }
+        }
+    }
+    ReadServices(facts, report.findings);
+    LookAtDefault(info, facts, report.findings);
+
+    for (const std::string &id : options.ids.empty() ? info.getMemberNames() : options.ids) {
+        report.certificates.append(LookAtCrt(id, info[id], facts));
+    }
+    if (options.ids.empty()) {
+        LookForOrphans(info, facts, report.findings);
+    } else {
+        report.findings = Json::Value(Json::arrayValue);  // What belongs to no certificate was not asked for.
+    }
+    if (facts.isHindered) {
+        fprintf(stderr, "opalcrt: not all keys may be read%s\n", geteuid() != 0 ? ": run it as root" : "");
+    }
+    return !facts.isHindered;
+}
+
+}  // namespace
+
+int Status(const StatusOptions &options)
+{
+    Report report;
+    struct stat before = {};
+    struct stat after = {};
+    for (int tries = 0; tries < 2; ++tries) {
+        report = Report();
+        (void)stat(kInfoPath, &before);
+        if (!LookOnce(options, report)) {
+            return kCouldNotLook;
+        }
+        // A registration that came between has changed what was already looked at.
+        if (stat(kInfoPath, &after) == 0 && IsSameFile(before, after)) {
+            break;
+        }
+    }
+    return PrintReport(report, options.asJson) ? WorstOf(report) : kCouldNotLook;
+}
+
+}  // namespace opalcrt
