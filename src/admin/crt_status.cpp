@@ -68,7 +68,7 @@ Pair ReadPair(FolderLook &folder, const std::string &prefix, StoreFacts &facts, 
     return pair;
 }
 
-// The certificate in cert.pem, which all but the plain pair's findings are done with.
+// Answers the certificate.
 UniqueX509 LookAtPair(FolderLook &folder, const std::string &prefix, StoreFacts &facts, Json::Value &findings)
 {
     Pair pair = ReadPair(folder, prefix, facts, findings);
@@ -267,10 +267,14 @@ void LookAtCrtFolder(const std::string &path, FolderLook &folder,
         AddFinding(findings, "mended-for-ever",
                    path + " is a link: every registration makes a new certificate");
     }
+    if (folder.error != 0) {
+        AddFinding(findings, "incomplete",
+                   "the next registration makes a new certificate: there is no " + path);
+        return;
+    }
     if (const auto missing = ListMissingFiles(folder.fd.Get(), ""); !missing.empty()) {
-        AddFinding(
-            findings, "incomplete",
-            "the next registration makes a new certificate: " + Join(missing) + " is missing in " + path);
+        AddFinding(findings, "incomplete",
+                   "the next registration makes a new certificate: " + path + " lacks " + Join(missing));
     }
     for (const std::string &prefix : typePrefixes) {
         if (const auto missing = ListMissingFiles(folder.fd.Get(), prefix); !missing.empty()) {
@@ -279,7 +283,7 @@ void LookAtCrtFolder(const std::string &path, FolderLook &folder,
                            prefix.substr(0, prefix.size() - 1) + ", but " + Join(missing) + " is missing");
         }
     }
-    if (folder.error == 0 && IsIn(folder.fd.Get(), kMendingMark)) {
+    if (IsIn(folder.fd.Get(), kMendingMark)) {
         AddFinding(findings, "mend-unfinished", path + " is being mended, or that was cut off");
     }
     Json::Value crtInfo;
