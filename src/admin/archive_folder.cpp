@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <json/value.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -32,36 +31,23 @@ bool WriteCrtFile(const std::string &path, const std::string &text)
            fd.Close() == 0;
 }
 
-// Tells why the rename failed, and takes the new folder away.
-bool GiveUp(const std::string &cert_id)
-{
-    const std::string folder = GetCrtFolderPath(cert_id);
-    if (errno == EINVAL || errno == ENOSYS) {
-        Refuse("the file system of " + folder +
-               " cannot exchange two folders in one step, and nothing else is safe");
-    } else {
-        RefuseCall("cannot put the new folder in the place of " + folder);
-    }
-    RemovePath(GetNewFolderPath(cert_id));
-    return false;
-}
-
 }  // namespace
+
+bool RefuseLock()
+{
+    return RefuseCall(std::string("cannot lock ") + kRecoverLock + "; if another run holds it, try again");
+}
 
 std::string GetNewFolderPath(const std::string &cert_id)
 {
-    return std::string(kArchive) + "/." + cert_id + ".new";
+    return GetCrtFolderPath("." + cert_id + ".new");
 }
 
 bool MakeNewFolder(const std::string &cert_id)
 {
     const std::string fresh = GetNewFolderPath(cert_id);
-    // What a cut-off run has left: a part of the new folder, or the old one after the exchange.
-    if (!RemovePath(fresh) || OPALFSMkdirP(fresh.c_str(), nullptr, 0, 0, 0, 0700) != 0) {
-        RefuseCall("cannot make " + fresh);
-        return false;
-    }
-    return true;
+    return (RemovePath(fresh) && OPALFSMkdirP(fresh.c_str(), nullptr, 0, 0, 0, 0700) == 0) ||
+           RefuseCall("cannot make " + fresh);
 }
 
 bool ExchangeFolder(const std::string &cert_id)
@@ -70,24 +56,28 @@ bool ExchangeFolder(const std::string &cert_id)
     const std::string fresh = GetNewFolderPath(cert_id);
     const unsigned how = IsIn(AT_FDCWD, folder) ? RENAME_EXCHANGE : RENAME_NOREPLACE;
     if (!SyncPath(fresh) || renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, folder.c_str(), how) != 0) {
-        return GiveUp(cert_id);
+        const bool isUnable = errno == EINVAL || errno == ENOSYS;
+        RefuseCall("cannot replace " + folder +
+                   (isUnable ? ": its file system exchanges no folders in one step" : ""));
+        RemovePath(fresh);
+        return false;
     }
-    // A sync that failed, or the old folder still there: the new one stands all the same.
+    // Whatever fails now, the new folder stands.
     if (!SyncPath(kArchive)) {
         RefuseCall(folder + " is replaced, but that may not survive a power cut");
     }
-    if (how == RENAME_EXCHANGE && !RemovePath(fresh)) {
-        Refuse(folder + " is replaced, but the old one could not be removed: " + fresh);
+    if (!RemovePath(fresh)) {
+        Refuse(folder + " is replaced, but the old one is still there; remove it: " + fresh);
     }
     return true;
 }
 
 bool PutIntoArchive(const std::string &cert_id, const std::vector<std::pair<std::string, std::string>> &files)
 {
+    const std::string fresh = GetNewFolderPath(cert_id);
     if (!MakeNewFolder(cert_id)) {
         return false;
     }
-    const std::string fresh = GetNewFolderPath(cert_id);
     for (const auto &[name, text] : files) {
         if (text.empty() || !WriteCrtFile(fresh + "/" + name, text)) {
             RefuseCall("cannot write " + fresh + "/" + name);
@@ -102,22 +92,12 @@ bool AddToInfo(const std::string &cert_id)
 {
     const ScopedLock lock(kInfoLock, kLockExclusive, kInfoLockSeconds, UnlockLine::kStore);
     Json::Value info;
-    if (!lock.IsHeld()) {
-        RefuseCall(std::string("somebody else keeps ") + kInfoLock + " locked; run the same command again");
-        return false;
+    if (!lock.IsHeld() || !TakeCrtInfo(info) || !info.isObject()) {
+        return RefuseCall(std::string("cannot lock or read ") + kInfoPath + "; run the same command again");
     }
-    if (!TakeCrtInfo(info) || !info.isObject()) {
-        Refuse(std::string(kInfoPath) + " cannot be read; run the same command again when it is mended");
-        return false;
-    }
-    if (!info.isMember(cert_id)) {
-        info[cert_id]["services"] = Json::Value(Json::arrayValue);
-    }
-    if (!WriteCrtInfo(std::move(info))) {
-        RefuseCall(std::string("cannot write ") + kInfoPath + "; run the same command again");
-        return false;
-    }
-    return true;
+    info[cert_id]["services"] = Json::Value(Json::arrayValue);
+    return WriteCrtInfo(std::move(info)) ||
+           RefuseCall(std::string("cannot write ") + kInfoPath + "; run the same command again");
 }
 
 }  // namespace opalcrt

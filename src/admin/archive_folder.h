@@ -1,4 +1,5 @@
-// Certificate folders of the archive, replaced in one step.
+// Certificate folders of the archive, replaced in one step. What a kill leaves is the old folder or the new one, each
+// whole, and a part of the other one under the name that a new folder is made under, which the next run removes.
 #pragma once
 
 #include <string>
@@ -8,20 +9,23 @@
 namespace opalcrt
 {
 
-// How long the recovery lock is waited for.
+// How long the recovery lock is waited for. Whoever calls these functions holds it.
 constexpr int kRecoverLockSeconds = 30;
 
-// The folder in which a certificate is made before it takes its place.
+// Tells that it could not be had. False, always.
+bool RefuseLock();
+
+// The folder that a new one is made in: "." + id + ".new".
 std::string GetNewFolderPath(const std::string &cert_id);
 
-// Makes that folder anew, empty and for root alone. False, told.
+// Makes it anew, empty and for root alone. False, told.
 bool MakeNewFolder(const std::string &cert_id);
 
-// Exchanges it, synced, with the certificate's folder, or moves it there when there is none, and removes the old one.
-// False, told, with the archive as it was. The caller holds the recovery lock.
+// Exchanges it, whose files are on the disk, with the certificate's folder, or moves it there when there is none, and
+// removes the old one. False, told, with the archive as it was.
 bool ExchangeFolder(const std::string &cert_id);
 
-// All three: the files are names and contents.
+// All of it, with files of these names and contents.
 bool PutIntoArchive(const std::string &cert_id,
                     const std::vector<std::pair<std::string, std::string>> &files);
 

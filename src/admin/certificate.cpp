@@ -6,7 +6,7 @@
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
-#include <cstring>
+#include <string_view>
 
 namespace opalcrt
 {
@@ -14,51 +14,28 @@ namespace opalcrt
 namespace
 {
 
-struct PemBlock {
-    char *name = nullptr;
-    char *header = nullptr;
-    unsigned char *data = nullptr;
-    long size = 0;
-    PemBlock() = default;
-    PemBlock(const PemBlock &) = delete;
-    PemBlock &operator=(const PemBlock &) = delete;
-    ~PemBlock()
-    {
-        OPENSSL_free(name);
-        OPENSSL_free(header);
-        OPENSSL_clear_free(data, static_cast<size_t>(size));
-    }
-};
-
-bool HasName(const PemBlock &block, std::initializer_list<const char *> names)
+// Whether there was something to take.
+template <typename Type, typename List>
+bool Take(Type *value, List &list)
 {
-    for (const char *name : names) {
-        if (strcmp(block.name, name) == 0) {
-            return true;
-        }
+    if (value != nullptr) {
+        list.emplace_back(value);
     }
-    return false;
+    return value != nullptr;
 }
 
-void TakeBlock(const PemBlock &block, PemContent &content)
+void TakeBlock(std::string_view name, std::string_view header, const unsigned char *data, long size,
+               PemContent &content)
 {
-    const unsigned char *data = block.data;
-    if (HasName(block, {PEM_STRING_X509, PEM_STRING_X509_OLD, PEM_STRING_X509_TRUSTED})) {
-        UniqueX509 crt(HasName(block, {PEM_STRING_X509_TRUSTED}) ? d2i_X509_AUX(nullptr, &data, block.size)
-                                                                 : d2i_X509(nullptr, &data, block.size));
-        content.isBroken = content.isBroken || crt == nullptr;
-        if (crt != nullptr) {
-            content.crts.push_back(std::move(crt));
-        }
-    } else if (HasName(block, {PEM_STRING_PKCS8}) || strstr(block.header, "ENCRYPTED") != nullptr) {
+    bool isGood = true;
+    if (name.ends_with("CERTIFICATE")) {
+        isGood = Take(d2i_X509_AUX(nullptr, &data, size), content.crts);
+    } else if (name == PEM_STRING_PKCS8 || header.find("ENCRYPTED") != std::string_view::npos) {
         content.hasEncryptedKey = true;
-    } else if (HasName(block, {PEM_STRING_PKCS8INF, PEM_STRING_RSA, PEM_STRING_ECPRIVATEKEY})) {
-        UniqueKey key(d2i_AutoPrivateKey(nullptr, &data, block.size));
-        content.isBroken = content.isBroken || key == nullptr;
-        if (key != nullptr) {
-            content.keys.push_back(std::move(key));
-        }
+    } else if (name.ends_with("PRIVATE KEY")) {
+        isGood = Take(d2i_AutoPrivateKey(nullptr, &data, size), content.keys);
     }
+    content.isBroken = content.isBroken || !isGood;
 }
 
 std::string TextOf(BIO &bio)
@@ -135,15 +112,17 @@ PemContent ParsePem(std::string text)
 
     PemContent content;
     const UniqueBio bio = ReadFrom(text);
-    while (bio != nullptr) {
-        PemBlock block;
-        if (PEM_read_bio(bio.get(), &block.name, &block.header, &block.data, &block.size) != 1) {
-            content.isBroken =
-                content.isBroken || ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE;
-            break;
-        }
-        TakeBlock(block, content);
+    char *name = nullptr;
+    char *header = nullptr;
+    unsigned char *data = nullptr;
+    long size = 0;
+    while (PEM_read_bio(bio.get(), &name, &header, &data, &size) == 1) {
+        TakeBlock(name, header, data, size, content);
+        OPENSSL_free(name);
+        OPENSSL_free(header);
+        OPENSSL_clear_free(data, static_cast<size_t>(size));
     }
+    content.isBroken = content.isBroken || ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE;
     ERR_clear_error();
     return content;
 }
@@ -193,11 +172,6 @@ std::string ToTimeText(time_t time)
 bool IsSameCrt(const X509 &one, const X509 &other)
 {
     return X509_cmp(&one, &other) == 0;
-}
-
-bool IsSelfSigned(const X509 &crt)
-{
-    return IsSignedBy(crt, crt);
 }
 
 // OpenSSL keeps what it has worked out of a certificate inside it, so these of its functions take no const.

@@ -46,11 +46,12 @@ struct CrtFacts {
 
 CrtFacts DescribeCrt(const X509 &crt);
 
+constexpr time_t kDaySeconds = 24L * 60 * 60;
+
 // RFC 3339, in UTC.
 std::string ToTimeText(time_t time);
 
 bool IsSameCrt(const X509 &one, const X509 &other);
-bool IsSelfSigned(const X509 &crt);
 
 // Whether the issuer's name and key made this signature.
 bool IsSignedBy(const X509 &crt, const X509 &issuer);

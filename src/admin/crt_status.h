@@ -27,12 +27,12 @@ struct StoreFacts {
     std::string defaultId;
     std::map<ServiceId, int> listed;                // how often INFO lists the service
     std::optional<std::set<ServiceId>> registered;  // what SERVICES lists; nothing when that says nothing now
-    std::map<std::string, std::optional<std::pair<uid_t, gid_t>>> owners;  // those asked for until now
-    std::set<std::string> folders;  // of the services looked at until now
-    bool isHindered = false;        // something may not be read: the answers are worth nothing
+    std::map<std::string, uid_t> owners;            // those asked for until now
+    std::set<std::string> folders;                  // of the services looked at until now
+    bool isHindered = false;  // something may not be read: the answers are worth nothing
 };
 
-// The certificate's part of the report (admin/report.h).
+// The certificate's part of the report (admin/status.h).
 Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, StoreFacts &facts);
 
 }  // namespace opalcrt

@@ -6,10 +6,10 @@
 namespace opalcrt
 {
 
-// Prints its id. The exit status.
-int PrintDefault();
+// Prints its id. False, told, when there is none.
+bool PrintDefault();
 
-// Makes it the one that DEFAULT names; refused is what a registration could not use. Takes the recovery lock.
-int SetDefault(const std::string &cert_id);
+// Makes it the one that DEFAULT names. False, told, for one that a registration could not use. Takes the recovery lock.
+bool SetDefault(const std::string &cert_id);
 
 }  // namespace opalcrt

@@ -5,12 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <climits>
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <regex>
 #include <string>
 
 #include "admin/archive_folder.h"
@@ -39,32 +38,25 @@ constexpr const char *kFolders[] = {
     "/usr/local/share/certificate.d", "/usr/local/libexec/certificate.d", "/usr/opal/etc/ssl",
 };
 
-// A random number without its top bit, as 16 hexadecimal digits; empty, with errno set, on failure.
-std::string RandomDigits()
+// As many hexadecimal digits, the first of them below 8; empty, with errno set, on failure.
+std::string RandomDigits(size_t count)
 {
-    uint64_t number = 0;
-    if (getrandom(&number, sizeof(number), 0) != sizeof(number)) {
+    unsigned char bytes[16] = {};
+    if (getrandom(bytes, count, 0) != static_cast<ssize_t>(count)) {
         return std::string();
     }
-    char digits[17];
-    snprintf(digits, sizeof(digits), "%016llx", static_cast<unsigned long long>(number >> 1));
+    std::string digits(1, "01234567"[bytes[0] % 8]);
+    while (digits.size() < count) {
+        digits += "0123456789abcdef"[bytes[digits.size()] % 16];
+    }
     return digits;
 }
 
 bool IsHostName(const std::string &name)
 {
-    size_t start = 0;
-    for (size_t end = 0; end != std::string::npos; start = end + 1) {
-        end = name.find('.', start);
-        const std::string label = name.substr(start, end == std::string::npos ? end : end - start);
-        const bool isPlain = std::all_of(label.begin(), label.end(), [](unsigned char byte) {
-            return byte == '-' || (byte < 0x80 && isalnum(byte) != 0);
-        });
-        if (label.empty() || label.size() > 63 || label.front() == '-' || label.back() == '-' || !isPlain) {
-            return false;
-        }
-    }
-    return name.size() <= 253 && BlYLIBIsIpAddr(name.c_str()) == 0;
+    const std::string label = "[A-Za-z0-9]([A-Za-z0-9-]{0,61}[A-Za-z0-9])?";
+    return name.size() <= 253 && BlYLIBIsIpAddr(name.c_str()) == 0 &&
+           std::regex_match(name, std::regex(label + "(\\." + label + ")*"));
 }
 
 // What subjectAltName gets: clients also reach the machine by its own name.
@@ -78,10 +70,9 @@ std::string MakeAliasText()
     return std::string(kDefaultName) + ";" + name;
 }
 
-bool MakeFolder(const char *folder)
+bool MakeFolder(const std::string &folder)
 {
-    return OPALFSMkdirP(folder, nullptr, 1, 0, 0, 0755) == 0 ||
-           RefuseCall(std::string("cannot make ") + folder) == kDone;
+    return OPALFSMkdirP(folder.c_str(), nullptr, 1, 0, 0, 0755) == 0 || RefuseCall("cannot make " + folder);
 }
 
 // Where there is no kernel file the tool can make no serial file, so no certificate could be made or mended.
@@ -90,9 +81,9 @@ bool MakeSerialFile()
     if (!IsSerialFileMissing() || YLIBCFileExist(kMacAddressFile) != 0) {
         return true;
     }
-    const std::string digits = RandomDigits();
+    const std::string digits = RandomDigits(16);
     return (!digits.empty() && ReplaceFile(kSerialFile, digits + "\n", kSerialFile)) ||
-           RefuseCall(std::string("cannot write ") + kSerialFile) == kDone;
+           RefuseCall(std::string("cannot write ") + kSerialFile);
 }
 
 // The whole archive, on the disk, under another name.
@@ -100,54 +91,52 @@ bool MakeArchive(const std::string &cert_id)
 {
     const std::string archive = kNewArchive;
     const std::string folder = archive + "/" + cert_id;
-    if (cert_id.empty() || !RemovePath(archive) || !MakeFolder(kNewArchive) || !MakeFolder(folder.c_str())) {
+    if (cert_id.empty() || !RemovePath(archive) || !MakeFolder(kNewArchive) || !MakeFolder(folder)) {
         return false;
     }
     if (genNamedCrtSet(folder, kDefaultName, MakeAliasText()) != 0) {
-        Refuse("cannot generate a certificate; the system log says why");
-        return false;
+        return Refuse("cannot generate a certificate; the system log says why");
     }
     Json::Value info(Json::objectValue);
     info[cert_id]["desc"] = "made at installation";
     info[cert_id]["services"] = Json::Value(Json::arrayValue);
-    if (!toFile(archive + "/INFO", info, true) ||
-        !toFile(archive + "/SERVICES", Json::Value(Json::arrayValue), true) ||
-        !ReplaceFile(archive + "/DEFAULT", cert_id + "\n", std::string()) || !SyncTree(archive)) {
-        RefuseCall("cannot write " + archive);
-        return false;
-    }
-    return true;
+    return (toFile(archive + "/INFO", info, true) &&
+            toFile(archive + "/SERVICES", Json::Value(Json::arrayValue), true) &&
+            ReplaceFile(archive + "/DEFAULT", cert_id + "\n", std::string()) && SyncTree(archive)) ||
+           RefuseCall("cannot write " + archive);
 }
 
 }  // namespace
 
-int InitStore()
+bool InitStore()
 {
     const ScopedLock lock(kRecoverLock, kLockExclusive, kRecoverLockSeconds, UnlockLine::kStore);
     if (!lock.IsHeld()) {
-        return RefuseCall(std::string("somebody else keeps ") + kRecoverLock + " locked; try again");
+        return RefuseLock();
     }
     if (!std::all_of(std::begin(kFolders), std::end(kFolders), MakeFolder) || !MakeSerialFile()) {
-        return kRefused;
+        return false;
     }
-
     std::error_code error;
-    if (!std::filesystem::is_empty(kArchive, error) && !error) {
-        printf("%s is left as it is\n", kArchive);
-        return kDone;
-    }
+    const bool isEmpty = std::filesystem::is_empty(kArchive, error);
     if (error && error.value() != ENOENT) {
         errno = error.value();
         return RefuseCall(std::string("cannot look into ") + kArchive);
     }
-
-    const std::string cert_id = RandomDigits().substr(0, 8);
+    if (!error && !isEmpty) {
+        printf("%s is left as it is\n", kArchive);
+        return true;
+    }
+    const std::string cert_id = RandomDigits(8);
+    if (!MakeArchive(cert_id)) {
+        return false;
+    }
     // rename(2) takes the place of an empty folder, and of nothing else.
-    if (!MakeArchive(cert_id) || rename(kNewArchive, kArchive) != 0 || !SyncParent(kArchive)) {
-        return RefuseCall(std::string("cannot make ") + kArchive);
+    if (rename(kNewArchive, kArchive) != 0 || !SyncParent(kArchive)) {
+        return RefuseCall(std::string("cannot move ") + kNewArchive + " to " + kArchive);
     }
     printf("%s: made, with the certificate %s\n", kArchive, cert_id.c_str());
-    return kDone;
+    return true;
 }
 
 }  // namespace opalcrt

@@ -5,7 +5,9 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <cstring>
 #include <exception>
+#include <functional>
 
 #include "admin/default_crt.h"
 #include "admin/first_store.h"
@@ -20,15 +22,20 @@ namespace opalcrt
 namespace
 {
 
+int ToStatus(bool isDone)
+{
+    return isDone ? kDone : kRefused;
+}
+
 int AsRoot(const std::function<int()> &verb)
 {
-    return geteuid() == 0 ? verb() : Refuse("only root can do this");
+    return geteuid() == 0 ? verb() : ToStatus(Refuse("only root can do this"));
 }
 
 void AddInit(CLI::App &app, int &status)
 {
     app.add_subcommand("init", "Make the first certificate archive, where there is none")
-        ->callback([&status] { status = AsRoot(InitStore); });
+        ->callback([&status] { status = AsRoot([] { return ToStatus(InitStore()); }); });
 }
 
 void AddStatus(CLI::App &app, StatusOptions &options, int &status)
@@ -76,7 +83,8 @@ void AddDefault(CLI::App &app, std::string &id, int &status)
     CLI::App *verb = app.add_subcommand("default", "Print, or set, the certificate of new services");
     CLI::Option *option = verb->add_option("ID", id, "The certificate that they get from now on");
     verb->callback([option, &id, &status] {
-        status = option->count() == 0 ? PrintDefault() : AsRoot([&id] { return SetDefault(id); });
+        status = option->count() == 0 ? ToStatus(PrintDefault())
+                                      : AsRoot([&id] { return ToStatus(SetDefault(id)); });
     });
 }
 
@@ -114,10 +122,14 @@ int main(int argc, char *argv[])
     }
     // Without the configuration file that the caller's environment may name.
     OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
+    // To a monitor 1 would be a warning.
+    const int failure =
+        argc > 1 && strcmp(argv[1], "status") == 0 ? opalcrt::kCouldNotLook : opalcrt::kRefused;
     try {
         const int status = opalcrt::Run(argc, argv);
-        return fflush(stdout) == 0 ? status : 1;
+        return fflush(stdout) == 0 ? status : failure;
     } catch (const std::exception &error) {
-        return opalcrt::Refuse(std::string("cannot go on: ") + error.what());
+        fprintf(stderr, "opalcrt: cannot go on: %s\n", error.what());
+        return failure;
     }
 }

@@ -10,12 +10,13 @@
 #include <ctime>
 #include <filesystem>
 
+#include "admin/certificate.h"
 #include "admin/crt_status.h"
 #include "admin/message.h"
-#include "admin/report.h"
 #include "admin/store_look.h"
 #include "common/json_file.h"
 #include "common/json_member.h"
+#include "platform/atomic_file.h"
 #include "platform/file_test.h"
 #include "store/names.h"
 #include "store/paths.h"
@@ -26,9 +27,10 @@ namespace opalcrt
 namespace
 {
 
-namespace fs = std::filesystem;
-
-constexpr int kCouldNotLook = 3;
+struct Report {
+    Json::Value certificates = Json::Value(Json::arrayValue);
+    Json::Value findings = Json::Value(Json::arrayValue);  // of what belongs to no certificate
+};
 
 // A registration comes into SERVICES first and into INFO last, and makes folders between: what the books say of each
 // other, and a folder that neither lists, means something once that is over.
@@ -45,20 +47,19 @@ void ReadServices(StoreFacts &facts, Json::Value &findings)
 {
     Json::Value services;
     if (!fromFile(kServicesPath, services) || !services.isArray()) {
-        AddFinding(findings, "book-broken",
-                   std::string("nothing can be registered: ") + kServicesPath +
-                       " is missing, cannot be read or is no JSON array");
+        AddFinding(
+            findings, "book-broken",
+            std::string("nothing can be registered: ") + kServicesPath + " is missing or no JSON array");
         return;
     }
     std::set<ServiceId> registered;
     for (const Json::Value &element : services) {
-        const std::optional<ServiceId> id = IdOfService(element);
-        if (!id) {
+        if (const std::optional<ServiceId> id = IdOfService(element)) {
+            registered.insert(*id);
+        } else {
             AddFinding(findings, "book-broken",
                        "SERVICES lists something that is no service: " + ToLogText(element));
-            continue;
         }
-        registered.insert(*id);
     }
     if (!HasStood(kServicesPath, facts.now)) {
         return;
@@ -66,7 +67,7 @@ void ReadServices(StoreFacts &facts, Json::Value &findings)
     for (const ServiceId &id : registered) {
         if (!facts.listed.contains(id)) {
             AddFinding(findings, "not-in-info",
-                       id.first + "/" + id.second + " is registered, but has no certificate in INFO");
+                       id.first + "/" + id.second + " is registered, but not listed in INFO");
         }
     }
     facts.registered = std::move(registered);
@@ -74,18 +75,18 @@ void ReadServices(StoreFacts &facts, Json::Value &findings)
 
 void LookAtDefault(const Json::Value &info, const StoreFacts &facts, Json::Value &findings)
 {
-    if (facts.defaultId.empty()) {
-        AddFinding(
-            findings, "default-unusable",
-            std::string("no new service can be registered: ") + kDefaultPath + " names no certificate");
-    } else if (!IsPlainFolderName(facts.defaultId) || !GetMember(info, facts.defaultId.c_str()).isObject()) {
+    const std::string &id = facts.defaultId;
+    std::string why;
+    if (id.empty()) {
+        why = " names no certificate";
+    } else if (!IsPlainFolderName(id) || !GetMember(info, id.c_str()).isObject()) {
+        why = " names " + id + ", which INFO does not list";
+    } else if (LookAtFolder(GetCrtFolderPath(id)).error != 0) {
+        why = " names " + id + ", which has no folder in the archive";
+    }
+    if (!why.empty()) {
         AddFinding(findings, "default-unusable",
-                   "no new service can be registered: DEFAULT names " + facts.defaultId +
-                       ", which INFO does not list");
-    } else if (LookAtFolder(GetCrtFolderPath(facts.defaultId)).error != 0) {
-        AddFinding(findings, "default-unusable",
-                   "no new service can be registered: DEFAULT names " + facts.defaultId +
-                       ", which has no folder in the archive");
+                   std::string("no new service can be registered: ") + kDefaultPath + why);
     }
 }
 
@@ -94,8 +95,9 @@ std::vector<std::string> ListFolders(const std::string &path)
 {
     std::vector<std::string> folders;
     std::error_code error;
-    for (fs::directory_iterator entry(path, error), end; !error && entry != end; entry.increment(error)) {
-        if (entry->symlink_status(error).type() == fs::file_type::directory) {
+    for (std::filesystem::directory_iterator entry(path, error), end; !error && entry != end;
+         entry.increment(error)) {
+        if (!entry->is_symlink(error) && entry->is_directory(error)) {
             folders.push_back(entry->path().filename().native());
         }
     }
@@ -180,6 +182,64 @@ bool LookOnce(const StatusOptions &options, Report &report)
     return !facts.isHindered;
 }
 
+int WorstOf(const Report &report)
+{
+    int worst = WorstIn(report.findings);
+    for (const Json::Value &crt : report.certificates) {
+        worst = std::max(worst, WorstIn(crt["findings"]));
+        for (const Json::Value &service : crt["services"]) {
+            worst = std::max(worst, WorstIn(service["findings"]));
+        }
+    }
+    return worst;
+}
+
+std::string CrtText(const Json::Value &crt)
+{
+    std::string text = crt["id"].asString() + ":" + (crt["default"].asBool() ? " default," : "") +
+                       (crt["self_made"].asBool() ? " self-made," : "");
+    std::vector<std::string> names;
+    for (const Json::Value &name : crt["names"]) {
+        names.push_back(name.asString());
+    }
+    if (!crt.isMember("not_after")) {
+        return text + " no certificate that can be read";
+    }
+    return text + " " + crt["subject"].asString() + ", for " + Join(names) + ", ends " +
+           crt["not_after"].asString() + ", " + std::to_string(crt["seconds_left"].asInt64() / kDaySeconds) +
+           " days left";
+}
+
+std::string ToText(const Report &report)
+{
+    std::string text;
+    Json::ArrayIndex services = 0;
+    for (const Json::Value &crt : report.certificates) {
+        text += ToShownText(CrtText(crt)) + "\n" + ToLines(crt["findings"], "  ");
+        services += crt["services"].size();
+        for (const Json::Value &service : crt["services"]) {
+            text +=
+                "  " + ToShownText(service["subscriber"].asString() + "/" + service["service"].asString() +
+                                   ": " + service["state"].asString() + ", " + service["folder"].asString());
+            text += "\n" + ToLines(service["findings"], "    ");
+        }
+    }
+    return std::string(SeverityName(WorstOf(report))) + ": " + std::to_string(report.certificates.size()) +
+           " certificates, " + std::to_string(services) + " services\n" + ToLines(report.findings, "") + text;
+}
+
+bool Print(const Report &report, bool asJson)
+{
+    if (!asJson) {
+        return WriteAll(STDOUT_FILENO, ToText(report));
+    }
+    Json::Value object(Json::objectValue);
+    object["worst"] = SeverityName(WorstOf(report));
+    object["certificates"] = report.certificates;
+    object["findings"] = report.findings;
+    return PrintJson(object);
+}
+
 }  // namespace
 
 int Status(const StatusOptions &options)
@@ -198,7 +258,7 @@ int Status(const StatusOptions &options)
             break;
         }
     }
-    return PrintReport(report, options.asJson) ? WorstOf(report) : kCouldNotLook;
+    return Print(report, options.asJson) ? WorstOf(report) : kCouldNotLook;
 }
 
 }  // namespace opalcrt
