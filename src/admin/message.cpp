@@ -30,17 +30,17 @@ constexpr const char *kWarnings[] = {
 
 }  // namespace
 
-bool Refuse(const std::string &text, std::source_location where)
+bool Refuse(const std::string &text, int line)
 {
     const std::string shown = ToShownText(text);
     fprintf(stderr, "opalcrt: %s\n", shown.c_str());
-    LogLine(LOG_ERR, "opalcrt.cpp", static_cast<int>(where.line()), std::string(), "%s", shown.c_str());
+    LogLine(LOG_ERR, "opalcrt.cpp", line, std::string(), "%s", shown.c_str());
     return false;
 }
 
-bool RefuseCall(const std::string &text, std::source_location where)
+bool RefuseCall(const std::string &text, int line)
 {
-    return Refuse(text + ": " + strerror(errno), where);
+    return Refuse(text + ": " + strerror(errno), line);
 }
 
 std::string ToUtf8(const std::string &text)

@@ -3,7 +3,6 @@
 
 #include <json/value.h>
 
-#include <source_location>
 #include <string>
 #include <vector>
 
@@ -17,8 +16,8 @@ constexpr int kPartlyChanged = 3;  // changed, but not to the end
 constexpr int kWrongUsage = 64;
 
 // One line on standard error and the same to the system log; RefuseCall adds the text of errno. False, always.
-bool Refuse(const std::string &text, std::source_location where = std::source_location::current());
-bool RefuseCall(const std::string &text, std::source_location where = std::source_location::current());
+bool Refuse(const std::string &text, int line = __builtin_LINE());
+bool RefuseCall(const std::string &text, int line = __builtin_LINE());
 
 // The text as valid UTF-8: where it is none, every byte beyond ASCII becomes U+FFFD. Other readers of the JSON would
 // refuse all of it for one such byte.

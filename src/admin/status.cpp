@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -35,6 +36,9 @@ struct Report {
 // A registration comes into SERVICES first and into INFO last, and makes folders between: what the books say of each
 // other, and a folder that neither lists, means something once that is over.
 constexpr time_t kRegistrationSeconds = 60;
+
+// For so long what seems wrong is looked at again when a registration or unregistration came between.
+constexpr std::chrono::seconds kLookAgainFor(5);
 
 bool HasStood(const std::string &path, time_t now)
 {
@@ -244,21 +248,21 @@ bool Print(const Report &report, bool asJson)
 
 int Status(const StatusOptions &options)
 {
-    Report report;
+    const auto end = std::chrono::steady_clock::now() + kLookAgainFor;
     struct stat before = {};
     struct stat after = {};
-    for (int tries = 0; tries < 2; ++tries) {
-        report = Report();
+    for (;;) {
+        Report report;
         (void)stat(kInfoPath, &before);
         if (!LookOnce(options, report)) {
             return kCouldNotLook;
         }
-        // A registration that came between has changed what was already looked at.
-        if (stat(kInfoPath, &after) == 0 && IsSameFile(before, after)) {
-            break;
+        const bool hasChanged = stat(kInfoPath, &after) != 0 || !IsSameFile(before, after);
+        const int worst = WorstOf(report);
+        if (worst == 0 || !hasChanged || std::chrono::steady_clock::now() > end) {
+            return Print(report, options.asJson) ? worst : kCouldNotLook;
         }
     }
-    return Print(report, options.asJson) ? WorstOf(report) : kCouldNotLook;
 }
 
 }  // namespace opalcrt
