@@ -285,6 +285,7 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
         typePrefixes.push_back(KeyTypePrefix(type));
     }
     const std::string path = GetCrtFolderPath(cert_id);
+    facts.folders.insert(path);
     FolderLook folder = LookAtFolder(path);
     LookAtCrtFolder(path, folder, typePrefixes, findings);
     if (folder.error == 0) {

@@ -28,7 +28,7 @@ struct StoreFacts {
     std::map<ServiceId, int> listed;                // how often INFO lists the service
     std::optional<std::set<ServiceId>> registered;  // what SERVICES lists; nothing when that says nothing now
     std::map<std::string, uid_t> owners;            // those asked for until now
-    std::set<std::string> folders;                  // of the services looked at until now
+    std::set<std::string> folders;                  // looked at until now
     bool isHindered = false;  // something may not be read: the answers are worth nothing
 };
 

@@ -24,6 +24,7 @@ constexpr time_t kEndsSoonSeconds = 30 * kDaySeconds;
 // A key, and its certificate and those that sign it, each by the next one.
 struct KeyPair {
     UniqueKey key;
+    KeyType type;
     std::string keyFile;
     std::vector<const X509 *> crts;
 };
@@ -52,9 +53,18 @@ std::vector<KeyPair> ReadKeys(const std::vector<std::string> &paths, Json::Value
     std::vector<KeyPair> pairs;
     for (const std::string &path : paths) {
         PemContent content = ReadPem(path, true, findings);
-        if (content.keys.size() == 1) {
-            pairs.push_back({std::move(content.keys.front()), path, {}});
+        if (content.keys.size() != 1) {
+            continue;
         }
+        const int id = EVP_PKEY_get_base_id(content.keys.front().get());
+        const KeyType type = id == EVP_PKEY_EC ? KeyType::ECC : KeyType::RSA;
+        if (id != EVP_PKEY_RSA && id != EVP_PKEY_EC) {
+            AddFinding(findings, "key-type", path + " holds neither an RSA nor an EC key");
+        } else if (!pairs.empty() && pairs.front().type == type) {
+            AddFinding(findings, "key-type",
+                       path + " holds a second key of one type; two are an RSA and an EC key");
+        }
+        pairs.push_back({std::move(content.keys.front()), type, path, {}});
     }
     return pairs;
 }
@@ -131,25 +141,6 @@ void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueX509
     }
 }
 
-KeyType TypeOf(const KeyPair &pair)
-{
-    return EVP_PKEY_get_base_id(pair.key.get()) == EVP_PKEY_EC ? KeyType::ECC : KeyType::RSA;
-}
-
-void CheckTypes(const std::vector<KeyPair> &pairs, Json::Value &findings)
-{
-    for (const KeyPair &pair : pairs) {
-        const int id = EVP_PKEY_get_base_id(pair.key.get());
-        if (id != EVP_PKEY_RSA && id != EVP_PKEY_EC) {
-            AddFinding(findings, "key-type", pair.keyFile + " holds neither an RSA nor an EC key");
-        }
-    }
-    if (pairs.size() == 2 && TypeOf(pairs[0]) == TypeOf(pairs[1])) {
-        AddFinding(findings, "key-type",
-                   "both keys are of one type; give one of them, or an RSA and an EC key");
-    }
-}
-
 void WarnOfLostNames(const std::string &id, const X509 &crt, Json::Value &findings)
 {
     const UniqueX509 old = FirstCrt(LookAtFile(AT_FDCWD, GetCrtFolderPath(id) + "/cert.pem").text);
@@ -190,7 +181,6 @@ InstallPlan PlanInstall(const InstallOptions &options)
     for (KeyPair &pair : pairs) {
         pair.crts = OrderChain(*pair.key, crts);
     }
-    CheckTypes(pairs, plan.findings);
     CheckChains(pairs, crts, plan.findings);
     if (std::any_of(pairs.begin(), pairs.end(), [](const KeyPair &pair) { return pair.crts.empty(); })) {
         return plan;
@@ -199,10 +189,10 @@ InstallPlan PlanInstall(const InstallOptions &options)
     WarnOfLostNames(options.id, *pairs.front().crts.front(), plan.findings);
     AddFiles(pairs.front(), "", plan);
     if (pairs.size() == 2) {
-        AddFiles(pairs[0], KeyTypePrefix(TypeOf(pairs[0])), plan);
-        AddFiles(pairs[1], KeyTypePrefix(TypeOf(pairs[1])), plan);
+        AddFiles(pairs[0], KeyTypePrefix(pairs[0].type), plan);
+        AddFiles(pairs[1], KeyTypePrefix(pairs[1].type), plan);
         Json::Value renew(Json::objectValue);
-        renew["key_types"] = KeyTypeName(TypeOf(pairs[0])) + "/" + KeyTypeName(TypeOf(pairs[1]));
+        renew["key_types"] = KeyTypeName(pairs[0].type) + "/" + KeyTypeName(pairs[1].type);
         plan.files.emplace_back("renew.json", toString(renew));
     }
     return plan;

@@ -1,5 +1,6 @@
 #include "admin/status.h"
 
+#include <glob.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 
 #include "admin/certificate.h"
 #include "admin/crt_status.h"
@@ -27,11 +27,6 @@ namespace opalcrt
 
 namespace
 {
-
-struct Report {
-    Json::Value certificates = Json::Value(Json::arrayValue);
-    Json::Value findings = Json::Value(Json::arrayValue);  // of what belongs to no certificate
-};
 
 // A registration comes into SERVICES first and into INFO last, and makes folders between: what the books say of each
 // other, and a folder that neither lists, means something once that is over.
@@ -94,40 +89,19 @@ void LookAtDefault(const Json::Value &info, const StoreFacts &facts, Json::Value
     }
 }
 
-// The folders in the folder; empty when it cannot be looked into.
-std::vector<std::string> ListFolders(const std::string &path)
+void LookForOrphans(const StoreFacts &facts, Json::Value &findings)
 {
-    std::vector<std::string> folders;
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(path, error), end; !error && entry != end;
-         entry.increment(error)) {
-        if (!entry->is_symlink(error) && entry->is_directory(error)) {
-            folders.push_back(entry->path().filename().native());
+    // The archive is a folder beside the subscribers'; what begins with a dot was left by a run that was cut off.
+    glob_t found = {};
+    (void)glob("/usr/{opal,local}/etc/certificate/*/{*,.[!.]*}/", GLOB_BRACE, nullptr, &found);
+    for (size_t at = 0; at < found.gl_pathc; ++at) {
+        std::string path = found.gl_pathv[at];
+        path.pop_back();
+        if (!facts.folders.contains(path) && HasStood(path, facts.now)) {
+            AddFinding(findings, "orphan-folder", path + " belongs to nothing that INFO lists");
         }
     }
-    std::sort(folders.begin(), folders.end());
-    return folders;
-}
-
-void LookForOrphans(const Json::Value &info, const StoreFacts &facts, Json::Value &findings)
-{
-    for (const std::string &name : ListFolders(kArchive)) {
-        const std::string path = GetCrtFolderPath(name);
-        if (!GetMember(info, name.c_str()).isObject() && HasStood(path, facts.now)) {
-            AddFinding(findings, "orphan-folder", path + " is no certificate that INFO lists");
-        }
-    }
-    for (const std::string root : {kSystemCertificateRoot, kPackageCertificateRoot}) {
-        for (const std::string &subscriber : ListFolders(root)) {
-            for (const std::string &service : ListFolders(root + subscriber)) {
-                const std::string path = root + subscriber + "/" + service;
-                if (IsUsableSubscriber(subscriber) && !facts.folders.contains(path) &&
-                    HasStood(path, facts.now)) {
-                    AddFinding(findings, "orphan-folder", path + " is no service that INFO lists");
-                }
-            }
-        }
-    }
+    globfree(&found);
 }
 
 // False, told, when there is nothing to be looked at.
@@ -151,14 +125,14 @@ bool LookAtInfo(const StatusOptions &options, Json::Value &info, Json::Value &fi
 }
 
 // Everything once. False, told, when it could not look.
-bool LookOnce(const StatusOptions &options, Report &report)
+bool LookOnce(const StatusOptions &options, Json::Value &report)
 {
     StoreFacts facts;
     facts.now = time(nullptr);
     facts.days = options.days;
     facts.defaultId = ReadDefaultId();
     Json::Value info;
-    if (!LookAtInfo(options, info, report.findings)) {
+    if (!LookAtInfo(options, info, report["findings"])) {
         return false;
     }
     for (const Json::Value &entry : info) {
@@ -169,16 +143,17 @@ bool LookOnce(const StatusOptions &options, Report &report)
             }
         }
     }
-    ReadServices(facts, report.findings);
-    LookAtDefault(info, facts, report.findings);
+    ReadServices(facts, report["findings"]);
+    LookAtDefault(info, facts, report["findings"]);
 
     for (const std::string &id : options.ids.empty() ? info.getMemberNames() : options.ids) {
-        report.certificates.append(LookAtCrt(id, info[id], facts));
+        report["certificates"].append(LookAtCrt(id, info[id], facts));
     }
     if (options.ids.empty()) {
-        LookForOrphans(info, facts, report.findings);
+        LookForOrphans(facts, report["findings"]);
     } else {
-        report.findings = Json::Value(Json::arrayValue);  // What belongs to no certificate was not asked for.
+        report["findings"] =
+            Json::Value(Json::arrayValue);  // What belongs to no certificate was not asked for.
     }
     if (facts.isHindered) {
         fprintf(stderr, "opalcrt: not all keys may be read%s\n", geteuid() != 0 ? ": run it as root" : "");
@@ -186,10 +161,10 @@ bool LookOnce(const StatusOptions &options, Report &report)
     return !facts.isHindered;
 }
 
-int WorstOf(const Report &report)
+int WorstOf(const Json::Value &report)
 {
-    int worst = WorstIn(report.findings);
-    for (const Json::Value &crt : report.certificates) {
+    int worst = WorstIn(report["findings"]);
+    for (const Json::Value &crt : report["certificates"]) {
         worst = std::max(worst, WorstIn(crt["findings"]));
         for (const Json::Value &service : crt["services"]) {
             worst = std::max(worst, WorstIn(service["findings"]));
@@ -214,11 +189,11 @@ std::string CrtText(const Json::Value &crt)
            " days left";
 }
 
-std::string ToText(const Report &report)
+std::string ToText(const Json::Value &report)
 {
     std::string text;
     Json::ArrayIndex services = 0;
-    for (const Json::Value &crt : report.certificates) {
+    for (const Json::Value &crt : report["certificates"]) {
         text += ToShownText(CrtText(crt)) + "\n" + ToLines(crt["findings"], "  ");
         services += crt["services"].size();
         for (const Json::Value &service : crt["services"]) {
@@ -228,20 +203,9 @@ std::string ToText(const Report &report)
             text += "\n" + ToLines(service["findings"], "    ");
         }
     }
-    return std::string(SeverityName(WorstOf(report))) + ": " + std::to_string(report.certificates.size()) +
-           " certificates, " + std::to_string(services) + " services\n" + ToLines(report.findings, "") + text;
-}
-
-bool Print(const Report &report, bool asJson)
-{
-    if (!asJson) {
-        return WriteAll(STDOUT_FILENO, ToText(report));
-    }
-    Json::Value object(Json::objectValue);
-    object["worst"] = SeverityName(WorstOf(report));
-    object["certificates"] = report.certificates;
-    object["findings"] = report.findings;
-    return PrintJson(object);
+    return report["worst"].asString() + ": " + std::to_string(report["certificates"].size()) +
+           " certificates, " + std::to_string(services) + " services\n" + ToLines(report["findings"], "") +
+           text;
 }
 
 }  // namespace
@@ -252,7 +216,8 @@ int Status(const StatusOptions &options)
     struct stat before = {};
     struct stat after = {};
     for (;;) {
-        Report report;
+        Json::Value report(Json::objectValue);
+        report["certificates"] = report["findings"] = Json::Value(Json::arrayValue);
         (void)stat(kInfoPath, &before);
         if (!LookOnce(options, report)) {
             return kCouldNotLook;
@@ -260,7 +225,10 @@ int Status(const StatusOptions &options)
         const bool hasChanged = stat(kInfoPath, &after) != 0 || !IsSameFile(before, after);
         const int worst = WorstOf(report);
         if (worst == 0 || !hasChanged || std::chrono::steady_clock::now() > end) {
-            return Print(report, options.asJson) ? worst : kCouldNotLook;
+            report["worst"] = SeverityName(worst);
+            const bool isPrinted =
+                options.asJson ? PrintJson(report) : WriteAll(STDOUT_FILENO, ToText(report));
+            return isPrinted ? worst : kCouldNotLook;
         }
     }
 }
