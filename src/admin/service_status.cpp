@@ -5,9 +5,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 #include "admin/certificate.h"
 #include "admin/message.h"
+#include "common/json_file.h"
 #include "common/json_member.h"
 #include "platform/users.h"
 #include "store/names.h"
@@ -105,6 +107,22 @@ std::string LookAtCopy(const std::string &path, FolderLook &archive, const std::
     return state;
 }
 
+// The file name prefixes of what the copy's `info` tells the service to use.
+std::vector<std::string> ListUsedPrefixes(const std::string &path)
+{
+    constexpr std::string_view kName = "cert.pem";
+    Json::Value info;
+    std::vector<std::string> prefixes;
+    (void)fromFile(path + "/info", info);
+    for (const Json::Value &element : GetMember(info, "certs")) {
+        const std::string crt = GetString(element, "cert");
+        if (crt.starts_with(path + "/") && crt.ends_with(kName)) {
+            prefixes.push_back(crt.substr(path.size() + 1, crt.size() - path.size() - 1 - kName.size()));
+        }
+    }
+    return prefixes;
+}
+
 // A deployment removes the old folder before it moves the new one, which stands beside it, into place.
 bool IsBeingReplaced(const std::string &path, time_t now)
 {
@@ -143,11 +161,21 @@ Json::Value LookAtService(const Json::Value &element, const ServiceId &id, Folde
 {
     const std::string path = GetServiceFolderPath(GetBool(element, "isPkg"), id.first, id.second);
     const bool isMultiple = GetBool(element, "multiple_cert") && !typePrefixes.empty();
+    const std::vector<std::string> prefixes = isMultiple ? typePrefixes : std::vector<std::string>{""};
+    const std::string owner = GetString(element, "owner");
     Json::Value findings;
     const auto look = [&] {
         findings = Json::Value(Json::arrayValue);
-        return LookAtCopy(path, archive, isMultiple ? typePrefixes : std::vector<std::string>{""},
-                          GetString(element, "owner"), facts, findings);
+        std::string found = LookAtCopy(path, archive, prefixes, owner, facts, findings);
+        // A copy from when the certificate had other key types is whole in its own way.
+        const std::vector<std::string> used = found == "copy-missing" ? ListUsedPrefixes(path) : prefixes;
+        if (!used.empty() && used != prefixes) {
+            findings = Json::Value(Json::arrayValue);
+            found = LookAtCopy(path, archive, used, owner, facts, findings);
+            AddFinding(findings, "old-copy", "it was made for other key types");
+            found = found == "current" ? "old-copy" : found;
+        }
+        return found;
     };
     std::string state = look();
     if (state == "copy-missing" || state == "copy-mismatch") {
