@@ -17,11 +17,9 @@
 #include "store/crt_info.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 // The folder is new and root's alone, so nothing stands there that could be written through.
 bool WriteCrtFile(const std::string &path, const std::string &text)
@@ -38,10 +36,7 @@ bool RefuseLock()
     return RefuseCall(std::string("cannot lock ") + kRecoverLock + "; if another run holds it, try again");
 }
 
-std::string GetNewFolderPath(const std::string &cert_id)
-{
-    return GetCrtFolderPath("." + cert_id + ".new");
-}
+std::string GetNewFolderPath(const std::string &cert_id) { return GetCrtFolderPath("." + cert_id + ".new"); }
 
 bool MakeNewFolder(const std::string &cert_id)
 {

@@ -6,11 +6,7 @@
 #include <utility>
 #include <vector>
 
-namespace opalcrt
-{
-
-// How long the recovery lock is waited for. Whoever calls these functions holds it.
-constexpr int kRecoverLockSeconds = 30;
+namespace opalcrt {
 
 // Tells that it could not be had. False, always.
 bool RefuseLock();

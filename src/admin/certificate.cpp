@@ -8,11 +8,9 @@
 
 #include <string_view>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 // Whether there was something to take.
 template <typename Type, typename List>
@@ -45,9 +43,9 @@ std::string TextOf(BIO &bio)
     return size > 0 ? std::string(data, static_cast<size_t>(size)) : std::string();
 }
 
-UniqueBio ReadFrom(const std::string &text)
+UniqueOpenSSL<BIO> ReadFrom(const std::string &text)
 {
-    return UniqueBio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    return UniqueOpenSSL<BIO>(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
 }
 
 std::string ToText(const ASN1_STRING *string)
@@ -111,7 +109,7 @@ PemContent ParsePem(std::string text)
     }
 
     PemContent content;
-    const UniqueBio bio = ReadFrom(text);
+    const UniqueOpenSSL<BIO> bio = ReadFrom(text);
     char *name = nullptr;
     char *header = nullptr;
     unsigned char *data = nullptr;
@@ -127,13 +125,13 @@ PemContent ParsePem(std::string text)
     return content;
 }
 
-UniqueX509 FirstCrt(const std::string &text)
+UniqueOpenSSL<X509> FirstCrt(const std::string &text)
 {
     PemContent content = ParsePem(text);
     return content.crts.empty() ? nullptr : std::move(content.crts.front());
 }
 
-UniqueKey FirstKey(const std::string &text)
+UniqueOpenSSL<EVP_PKEY> FirstKey(const std::string &text)
 {
     PemContent content = ParsePem(text);
     return content.keys.empty() ? nullptr : std::move(content.keys.front());
@@ -142,7 +140,7 @@ UniqueKey FirstKey(const std::string &text)
 CrtFacts DescribeCrt(const X509 &crt)
 {
     CrtFacts facts;
-    const UniqueBio subject(BIO_new(BIO_s_mem()));
+    const UniqueOpenSSL<BIO> subject(BIO_new(BIO_s_mem()));
     X509_NAME_print_ex(
         subject.get(), X509_get_subject_name(&crt), 0,
         XN_FLAG_SEP_CPLUS_SPC | XN_FLAG_FN_SN | ASN1_STRFLGS_UTF8_CONVERT | ASN1_STRFLGS_ESC_CTRL);
@@ -169,10 +167,7 @@ std::string ToTimeText(time_t time)
     return text;
 }
 
-bool IsSameCrt(const X509 &one, const X509 &other)
-{
-    return X509_cmp(&one, &other) == 0;
-}
+bool IsSameCrt(const X509 &one, const X509 &other) { return X509_cmp(&one, &other) == 0; }
 
 // OpenSSL keeps what it has worked out of a certificate inside it, so these of its functions take no const.
 bool IsSignedBy(const X509 &crt, const X509 &issuer)
@@ -210,13 +205,13 @@ bool IsIssuerWellKnown(const X509 &crt)
 
 std::string ToPem(const X509 &crt)
 {
-    const UniqueBio bio(BIO_new(BIO_s_mem()));
+    const UniqueOpenSSL<BIO> bio(BIO_new(BIO_s_mem()));
     return PEM_write_bio_X509(bio.get(), const_cast<X509 *>(&crt)) == 1 ? TextOf(*bio) : std::string();
 }
 
 std::string ToPem(const EVP_PKEY &key)
 {
-    const UniqueBio bio(BIO_new(BIO_s_mem()));
+    const UniqueOpenSSL<BIO> bio(BIO_new(BIO_s_mem()));
     const bool isWritten = PEM_write_bio_PKCS8PrivateKey(bio.get(), const_cast<EVP_PKEY *>(&key), nullptr,
                                                          nullptr, 0, nullptr, nullptr) == 1;
     return isWritten ? TextOf(*bio) : std::string();

@@ -9,21 +9,13 @@
 #include <string>
 #include <vector>
 
-namespace opalcrt
-{
+#include "common/openssl.h"
 
-struct OpenSSLFree {
-    void operator()(X509 *crt) const { X509_free(crt); }
-    void operator()(EVP_PKEY *key) const { EVP_PKEY_free(key); }
-    void operator()(BIO *bio) const { BIO_free(bio); }
-};
-using UniqueX509 = std::unique_ptr<X509, OpenSSLFree>;
-using UniqueKey = std::unique_ptr<EVP_PKEY, OpenSSLFree>;
-using UniqueBio = std::unique_ptr<BIO, OpenSSLFree>;
+namespace opalcrt {
 
 struct PemContent {
-    std::vector<UniqueX509> crts;
-    std::vector<UniqueKey> keys;
+    std::vector<UniqueOpenSSL<X509>> crts;
+    std::vector<UniqueOpenSSL<EVP_PKEY>> keys;
     bool hasEncryptedKey = false;
     bool isBroken = false;  // a block that is cut off, or is not what its first line says
 };
@@ -33,8 +25,8 @@ struct PemContent {
 PemContent ParsePem(std::string text);
 
 // The first certificate, or the first private key; null when the text holds none.
-UniqueX509 FirstCrt(const std::string &text);
-UniqueKey FirstKey(const std::string &text);
+UniqueOpenSSL<X509> FirstCrt(const std::string &text);
+UniqueOpenSSL<EVP_PKEY> FirstKey(const std::string &text);
 
 struct CrtFacts {
     std::string subject;             // "C=TW, O=Kestrel Inc., CN=kestrel"

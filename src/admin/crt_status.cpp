@@ -17,15 +17,13 @@
 #include "store/names.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 // Answers the certificate.
-UniqueX509 LookAtPair(FolderLook &folder, const std::string &prefix, const StoreFacts &facts,
-                      Json::Value &findings)
+UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, const StoreFacts &facts,
+                               Json::Value &findings)
 {
     const auto read = [&](const char *name) -> const FileLook & {
         const FileLook &file = FileIn(folder, prefix + name);
@@ -37,8 +35,8 @@ UniqueX509 LookAtPair(FolderLook &folder, const std::string &prefix, const Store
     const FileLook &crtFile = read("cert.pem");
     const FileLook &keyFile = read("privkey.pem");
     const FileLook &chain = read("fullchain.pem");
-    UniqueX509 crt = FirstCrt(crtFile.text);
-    const UniqueKey key = FirstKey(keyFile.text);
+    UniqueOpenSSL<X509> crt = FirstCrt(crtFile.text);
+    const UniqueOpenSSL<EVP_PKEY> key = FirstKey(keyFile.text);
     if (crt == nullptr && crtFile.error == 0) {
         AddFinding(findings, "unreadable", prefix + "cert.pem holds no certificate");
     }
@@ -57,7 +55,7 @@ UniqueX509 LookAtPair(FolderLook &folder, const std::string &prefix, const Store
         AddFinding(findings, "unreadable",
                    prefix + "fullchain.pem has two blocks on one line, as no server reads it");
     } else if (chain.error == 0 && !chain.text.starts_with(crtFile.text)) {
-        const UniqueX509 first = FirstCrt(chain.text);
+        const UniqueOpenSSL<X509> first = FirstCrt(chain.text);
         if (first == nullptr || !IsSameCrt(*first, *crt)) {
             AddFinding(findings, "chain-mismatch",
                        prefix + "fullchain.pem does not begin with " + prefix + "cert.pem");
@@ -135,9 +133,9 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
     FolderLook folder = LookAtFolder(path);
     LookAtCrtFolder(path, folder, typePrefixes, findings);
     if (folder.error == 0) {
-        if (const UniqueX509 main = LookAtPair(folder, "", facts, findings)) {
+        if (const UniqueOpenSSL<X509> main = LookAtPair(folder, "", facts, findings)) {
             AddFacts(*main, facts, crt);
-            const UniqueX509 ca = FirstCrt(FileIn(folder, "opal-ca-cert.pem").text);
+            const UniqueOpenSSL<X509> ca = FirstCrt(FileIn(folder, "opal-ca-cert.pem").text);
             crt["self_made"] = ca != nullptr && IsSignedBy(*main, *ca);
         }
         for (const std::string &prefix : typePrefixes) {

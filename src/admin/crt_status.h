@@ -7,8 +7,7 @@
 
 #include "admin/service_status.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // The certificate's part of the report (admin/status.h).
 Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, StoreFacts &facts);

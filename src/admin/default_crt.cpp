@@ -16,16 +16,13 @@
 #include "store/names.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 // Why a registration could not use the certificate, or would make another one in its place; empty when it can.
 std::string WhyUnusable(const std::string &cert_id)
 {
-    bool isUnknown = false;
     const Json::Value *info = ReadCrtInfo();
     if (cert_id.size() > kLongestDefaultId) {
         return "its id has more than 15 bytes";
@@ -33,7 +30,7 @@ std::string WhyUnusable(const std::string &cert_id)
     if (!IsPlainFolderName(cert_id) || info == nullptr || !GetMember(*info, cert_id.c_str()).isObject()) {
         return "INFO does not list it; see opalcrt status";
     }
-    if (!IsCrtComplete(cert_id, GetCrtFolderPath(cert_id), isUnknown) ||
+    if (!IsCrtComplete(cert_id, GetCrtFolderPath(cert_id)) ||
         IsIn(AT_FDCWD, GetCrtFolderPath(cert_id) + "/.mending")) {
         return "its folder is not complete; see opalcrt status, then install it anew";
     }

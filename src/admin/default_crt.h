@@ -3,8 +3,7 @@
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Prints its id. False, told, when there is none.
 bool PrintDefault();

@@ -25,11 +25,9 @@
 #include "platform/string_list.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 constexpr char kNewArchive[] = "/usr/opal/etc/certificate/._archive.new";
 
@@ -78,7 +76,7 @@ bool MakeFolder(const std::string &folder)
 // Where there is no kernel file the tool can make no serial file, so no certificate could be made or mended.
 bool MakeSerialFile()
 {
-    if (!IsSerialFileMissing() || YLIBCFileExist(kMacAddressFile) != 0) {
+    if (HasSerialFile() || YLIBCFileExist(kMacAddressFile) != 0) {
         return true;
     }
     const std::string digits = RandomDigits(16);

@@ -1,8 +1,7 @@
 // `opalcrt init`: the store of a machine that never had one.
 #pragma once
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Makes the folders that the tool works in, the serial file where it can be made of nothing else, and the archive
 // with one generated certificate, INFO, SERVICES and DEFAULT. An archive that holds anything is left alone, and that

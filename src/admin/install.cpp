@@ -14,11 +14,9 @@
 #include "store/names.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 // The books and their temporary files have the names that begin so.
 bool IsNameOfBook(const std::string &id)

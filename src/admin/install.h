@@ -7,8 +7,7 @@
 #include <utility>
 #include <vector>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 struct InstallOptions {
     std::string id;

@@ -13,17 +13,15 @@
 #include "deploy/key_types.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 constexpr time_t kEndsSoonSeconds = 30 * kDaySeconds;
 
 // A key, and its certificate and those that sign it, each by the next one.
 struct KeyPair {
-    UniqueKey key;
+    UniqueOpenSSL<EVP_PKEY> key;
     KeyType type;
     std::string keyFile;
     std::vector<const X509 *> crts;
@@ -69,13 +67,13 @@ std::vector<KeyPair> ReadKeys(const std::vector<std::string> &paths, Json::Value
     return pairs;
 }
 
-std::vector<UniqueX509> ReadCrts(const InstallOptions &options, Json::Value &findings)
+std::vector<UniqueOpenSSL<X509>> ReadCrts(const InstallOptions &options, Json::Value &findings)
 {
     std::vector<std::string> paths = options.crtFiles;
     paths.insert(paths.end(), options.chainFiles.begin(), options.chainFiles.end());
-    std::vector<UniqueX509> crts;
+    std::vector<UniqueOpenSSL<X509>> crts;
     for (const std::string &path : paths) {
-        for (UniqueX509 &crt : ReadPem(path, false, findings).crts) {
+        for (UniqueOpenSSL<X509> &crt : ReadPem(path, false, findings).crts) {
             if (std::none_of(crts.begin(), crts.end(),
                              [&](const auto &known) { return IsSameCrt(*known, *crt); })) {
                 crts.push_back(std::move(crt));
@@ -85,10 +83,10 @@ std::vector<UniqueX509> ReadCrts(const InstallOptions &options, Json::Value &fin
     return crts;
 }
 
-std::vector<const X509 *> OrderChain(const EVP_PKEY &key, const std::vector<UniqueX509> &crts)
+std::vector<const X509 *> OrderChain(const EVP_PKEY &key, const std::vector<UniqueOpenSSL<X509>> &crts)
 {
     std::vector<const X509 *> chain;
-    const auto isNext = [&](const UniqueX509 &crt) {
+    const auto isNext = [&](const UniqueOpenSSL<X509> &crt) {
         return std::find(chain.begin(), chain.end(), crt.get()) == chain.end() &&
                (chain.empty() ? IsKeyOf(key, *crt) : IsSignedBy(*chain.back(), *crt));
     };
@@ -114,7 +112,7 @@ void CheckTimes(const X509 &crt, Json::Value &findings)
     }
 }
 
-void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueX509> &crts,
+void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpenSSL<X509>> &crts,
                  Json::Value &findings)
 {
     std::vector<const X509 *> used;
@@ -130,7 +128,7 @@ void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueX509
                            " reaches no root that is known here; is a --chain missing?");
         }
     }
-    for (const UniqueX509 &crt : crts) {
+    for (const UniqueOpenSSL<X509> &crt : crts) {
         if (std::find(used.begin(), used.end(), crt.get()) != used.end()) {
             CheckTimes(*crt, findings);
         } else if (!used.empty()) {
@@ -143,7 +141,7 @@ void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueX509
 
 void WarnOfLostNames(const std::string &id, const X509 &crt, Json::Value &findings)
 {
-    const UniqueX509 old = FirstCrt(LookAtFile(AT_FDCWD, GetCrtFolderPath(id) + "/cert.pem").text);
+    const UniqueOpenSSL<X509> old = FirstCrt(LookAtFile(AT_FDCWD, GetCrtFolderPath(id) + "/cert.pem").text);
     const std::vector<std::string> names = DescribeCrt(crt).names;
     for (const std::string &name : old != nullptr ? DescribeCrt(*old).names : names) {
         if (std::find(names.begin(), names.end(), name) == names.end()) {
@@ -174,7 +172,7 @@ InstallPlan PlanInstall(const InstallOptions &options)
 {
     InstallPlan plan;
     std::vector<KeyPair> pairs = ReadKeys(options.keyFiles, plan.findings);
-    const std::vector<UniqueX509> crts = ReadCrts(options, plan.findings);
+    const std::vector<UniqueOpenSSL<X509>> crts = ReadCrts(options, plan.findings);
     if (!plan.findings.empty()) {
         return plan;  // Without one of the files nothing sensible can be said of how the others fit together.
     }

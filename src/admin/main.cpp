@@ -14,18 +14,14 @@
 #include "admin/install.h"
 #include "admin/message.h"
 #include "admin/status.h"
+#include "common/openssl.h"
 #include "platform/startup.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
-int ToStatus(bool isDone)
-{
-    return isDone ? kDone : kRefused;
-}
+int ToStatus(bool isDone) { return isDone ? kDone : kRefused; }
 
 int AsRoot(const std::function<int()> &verb)
 {
@@ -121,7 +117,7 @@ int main(int argc, char *argv[])
         return 1;
     }
     // Without the configuration file that the caller's environment may name.
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
+    opalcrt::ReadNoOpenSSLConfig();
     // To a monitor 1 would be a warning.
     const int failure =
         argc > 1 && strcmp(argv[1], "status") == 0 ? opalcrt::kCouldNotLook : opalcrt::kRefused;

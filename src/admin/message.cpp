@@ -9,14 +9,12 @@
 
 #include "common/json_file.h"
 #include "common/log.h"
+#include "common/utf8.h"
 #include "platform/atomic_file.h"
-#include "store/names.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 constexpr int kWarning = 1;
 constexpr int kCritical = 2;
@@ -34,14 +32,11 @@ bool Refuse(const std::string &text, int line)
 {
     const std::string shown = ToShownText(text);
     fprintf(stderr, "opalcrt: %s\n", shown.c_str());
-    LogLine(LOG_ERR, "opalcrt.cpp", line, std::string(), "%s", shown.c_str());
+    LogLine(LOG_ERR, "opalcrt.cpp", line, "%s", shown.c_str());
     return false;
 }
 
-bool RefuseCall(const std::string &text, int line)
-{
-    return Refuse(text + ": " + strerror(errno), line);
-}
+bool RefuseCall(const std::string &text, int line) { return Refuse(text + ": " + strerror(errno), line); }
 
 std::string ToUtf8(const std::string &text)
 {

@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // The verbs' exit statuses; `status` has those of a monitoring plugin (admin/status.h).
 constexpr int kDone = 0;

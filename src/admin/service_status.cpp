@@ -15,11 +15,9 @@
 #include "store/names.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 // A deployment is over within the time that it waits for its lock.
 constexpr time_t kDeploymentSeconds = 60;
@@ -89,8 +87,8 @@ std::string LookAtCopy(const std::string &path, FolderLook &archive, const std::
         if (differing.empty()) {
             continue;
         }
-        const UniqueX509 crt = FirstCrt(FileIn(copy, prefix + "cert.pem").text);
-        const UniqueKey key = FirstKey(keyFile.text);
+        const UniqueOpenSSL<X509> crt = FirstCrt(FileIn(copy, prefix + "cert.pem").text);
+        const UniqueOpenSSL<EVP_PKEY> key = FirstKey(keyFile.text);
         if (crt == nullptr || key == nullptr || !IsKeyOf(*key, *crt)) {
             AddFinding(findings, "copy-mismatch",
                        prefix + "privkey.pem is not the key of " + prefix + "cert.pem");

@@ -15,8 +15,7 @@
 
 #include "admin/store_look.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Subscriber and service.
 using ServiceId = std::pair<std::string, std::string>;

@@ -22,11 +22,9 @@
 #include "store/names.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 // A registration comes into SERVICES first and into INFO last, and makes folders between: what the books say of each
 // other, and a folder that neither lists, means something once that is over.
@@ -189,7 +187,7 @@ std::string CrtText(const Json::Value &crt)
            " days left";
 }
 
-std::string ToText(const Json::Value &report)
+std::string ToReportText(const Json::Value &report)
 {
     std::string text;
     Json::ArrayIndex services = 0;
@@ -227,7 +225,7 @@ int Status(const StatusOptions &options)
         if (worst == 0 || !hasChanged || std::chrono::steady_clock::now() > end) {
             report["worst"] = SeverityName(worst);
             const bool isPrinted =
-                options.asJson ? PrintJson(report) : WriteAll(STDOUT_FILENO, ToText(report));
+                options.asJson ? PrintJson(report) : WriteAll(STDOUT_FILENO, ToReportText(report));
             return isPrinted ? worst : kCouldNotLook;
         }
     }

@@ -4,8 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 constexpr int kCouldNotLook = 3;
 

@@ -8,8 +8,7 @@
 #include "admin/message.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 FileLook LookAtFile(int folder, const std::string &name)
 {

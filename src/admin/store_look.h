@@ -10,8 +10,7 @@
 
 #include "platform/unique_fd.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 struct FileLook {
     int error =

@@ -12,18 +12,17 @@
 #include "common/log.h"
 #include "common/scoped_lock.h"
 #include "deploy/deployment.h"
+#include "platform/file_test.h"
 #include "platform/services.h"
 #include "store/crt_info.h"
+#include "store/default_crt.h"
 #include "store/names.h"
 #include "store/paths.h"
+#include "store/service.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
-
-constexpr const char *kLogSource = log_source::kUtils;
+namespace {
 
 struct CRTActionInfo {
     int32_t action;
@@ -47,14 +46,13 @@ const CRTActionInfo *FindAction(int action)
 }
 
 // Changes one certificate's list of services inside `info`.
-bool ChangeServiceList(Json::Value &info, const std::string &certId, const Json::Value &serviceObj,
+bool ChangeServiceList(Json::Value &info, const std::string &cert_id, const Json::Value &serviceObj,
                        bool removeOnly)
 {
-    if (!GetMember(info[certId], "services").isArray()) {
-        LOG_ERROR_STATE("Broken [%s][%s].", kInfoPath, certId.c_str());
-        return false;
+    if (!GetMember(info[cert_id], "services").isArray()) {
+        return LOG_ERROR_STATE("Broken [%s][%s].", kInfoPath, cert_id.c_str());
     }
-    UpdateServiceList(info[certId]["services"], serviceObj, removeOnly);
+    UpdateServiceList(info[cert_id]["services"], serviceObj, removeOnly);
     return true;
 }
 
@@ -62,20 +60,17 @@ bool UpdateCrtInfo(const Json::Value &serviceObj, const std::string &oldId, cons
                    const CRTActionInfo &row)
 {
     if (!CheckAndRecoverCrt(newId)) {
-        LOG_ERROR("Invalid input of [%s]", newId.c_str());
-        return false;
+        return LOG_ERROR("Invalid input of [%s]", newId.c_str());
     }
 
     const ScopedLock lock(kInfoLock, kLockExclusive, kInfoLockSeconds, UnlockLine::kStore);
     if (!lock.IsHeld()) {
-        LOG_ERROR("Lock list file [%s] failed", kInfoLock);
-        return false;
+        return LOG_ERROR("Lock list file [%s] failed", kInfoLock);
     }
 
     Json::Value info;
     if (!TakeCrtInfo(info) || !info.isObject()) {
-        LOG_ERROR_STATE("Broken [%s].", kInfoPath);
-        return false;
+        return LOG_ERROR_STATE("Broken [%s].", kInfoPath);
     }
     if (row.skipRemove == 0 && !oldId.empty() && !ChangeServiceList(info, oldId, serviceObj, true)) {
         return false;
@@ -84,78 +79,81 @@ bool UpdateCrtInfo(const Json::Value &serviceObj, const std::string &oldId, cons
         return false;
     }
     if (!WriteCrtInfo(std::move(info))) {
-        LOG_ERROR("Failed to write [%s].", kInfoPath);
-        return false;
+        return LOG_ERROR("Failed to write [%s].", kInfoPath);
     }
     return true;
 }
 
+// A mend that was cut off is made again before anything is copied of what it has left.
+bool MendIfCutOff(const std::string &cert_id)
+{
+    return YLIBCFileExist(GetMendingMarkPath(cert_id).c_str()) == 0 || CheckAndRecoverCrt(cert_id);
+}
+
 bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::string oldId,
-                      const CRTActionInfo &row)
+                      const CRTActionInfo &row, ServiceOutcome &outcome)
 {
     // The names become paths that root removes and runs: those from a definition were looked at there, those that
     // another caller takes from a book were not.
     const std::string subscriber = GetString(serviceObj, "subscriber");
     if (!IsServiceObjValid(serviceObj) || !IsUsableSubscriber(subscriber) ||
         !IsUsableService(subscriber, GetString(serviceObj, "service"))) {
-        LOG_ERROR("service object is error.");
-        return false;
+        return LOG_ERROR("service object is error.");
     }
 
-    const std::string text = ToLogText(serviceObj);
     std::string currentId;
     if (!GetServiceCrtId(serviceObj, currentId)) {
-        LOG_ERROR_LONG(text, "Failed to check service exist for %s", text.c_str());
-        return false;
+        return LOG_ERROR("Failed to check service exist for %s", ToLogText(serviceObj).c_str());
     }
     if (row.action == kActionDefault && !currentId.empty()) {
         newId = currentId;
         oldId = currentId;
     }
+    outcome.cert_id = newId;
 
-    if (!DeployServiceCrt(newId, serviceObj)) {
-        LOG_ERROR_LONG(text, "Failed to set cert [%s] for [%s]", newId.c_str(), text.c_str());
-        return false;
+    if (!MendIfCutOff(newId) || !DeployServiceCrt(newId, serviceObj)) {
+        return LOG_ERROR("Failed to set cert [%s] for [%s]", newId.c_str(), ToLogText(serviceObj).c_str());
     }
 
     const bool leavesInfo = row.skipAdd == 1 && row.skipRemove == 1;
     if (!leavesInfo && !UpdateCrtInfo(serviceObj, oldId, newId, row)) {
-        LOG_ERROR_LONG(text, "Failed to update cert info for [%s] from %s to %s", text.c_str(), oldId.c_str(),
-                       newId.c_str());
-        return false;
+        return LOG_ERROR("Failed to update cert info for [%s] from %s to %s", ToLogText(serviceObj).c_str(),
+                         oldId.c_str(), newId.c_str());
     }
 
-    if (row.reload && ReloadService(serviceObj) != 0) {
-        LOG_ERROR_LONG(text, "Failed to reload [%s]", text.c_str());
-        return false;
+    if (row.reload && ReloadService(serviceObj, &outcome.hookEnded) != 0) {
+        return LOG_ERROR("Failed to reload [%s]", ToLogText(serviceObj).c_str());
     }
     return true;
 }
 
 }  // namespace
 
-bool DeployDefCrt(const Json::Value &services, int action, const std::string &oldCertId)
+bool DeployDefCrt(const Json::Value &services, int action, const std::string &old_cert_id)
 {
-    const std::string certId = GetDefCrtId();
-    return !certId.empty() && SetCrtForServices(certId, services, oldCertId, action);
+    const std::string cert_id = GetDefCrtId();
+    return !cert_id.empty() && SetCrtForServices(cert_id, services, old_cert_id, action);
 }
 
-bool SetCrtForServices(const std::string &certId, const Json::Value &services, const std::string &oldCertId,
-                       int action)
+bool SetCrtForServices(const std::string &cert_id, const Json::Value &services,
+                       const std::string &old_cert_id, int action, const ServiceObserver &tell)
 {
-    if (!CheckAndRecoverCrt(certId) || !services.isArray()) {
-        LOG_ERROR("Invalid params (cert_id/services)");
-        return false;
+    if (!CheckAndRecoverCrt(cert_id) || !services.isArray()) {
+        return LOG_ERROR("Invalid params (cert_id/services)");
     }
     const CRTActionInfo *row = FindAction(action);
     if (row == nullptr) {
-        LOG_ERROR("Invalid params (action)");
-        return false;
+        return LOG_ERROR("Invalid params (action)");
     }
 
     bool allDone = true;
     for (const Json::Value &serviceObj : services) {
-        allDone = SetCrtForService(serviceObj, certId, oldCertId, *row) && allDone;
+        ServiceOutcome outcome;
+        outcome.isDone = SetCrtForService(serviceObj, cert_id, old_cert_id, *row, outcome);
+        allDone = allDone && outcome.isDone;
+        if (tell) {
+            tell(serviceObj, outcome);
+        }
     }
 
     if (!OPALSystemdReload("opalrelayd")) {

@@ -4,19 +4,27 @@
 
 #include <json/value.h>
 
+#include <functional>
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // The action of a registration: a service that has a certificate keeps it, and no hook runs.
 constexpr int kActionDefault = 3;
 
-// SetCrtForServices with the system default certificate. False at once when there is none.
-bool DeployDefCrt(const Json::Value &services, int action, const std::string &oldCertId);
+// What became of one service.
+struct ServiceOutcome {
+    bool isDone = false;  // A hook that ran counts as done, whatever it ended with.
+    std::string cert_id;  // what it was to get; empty when it was refused before that was known
+    int hookEnded = -1;   // exit status, or 128 and the signal; below 0 when no hook ran
+};
+using ServiceObserver = std::function<void(const Json::Value &serviceObj, const ServiceOutcome &outcome)>;
 
-// Gives the certificate `certId` to each service object of the array `services`: deploys it into the
-// service's folder, moves the service in INFO from `oldCertId` (empty: from nowhere) to it, and runs the
+// SetCrtForServices with the system default certificate. False at once when there is none.
+bool DeployDefCrt(const Json::Value &services, int action, const std::string &old_cert_id);
+
+// Gives the certificate `cert_id` to each service object of the array `services`: deploys it into the
+// service's folder, moves the service in INFO from `old_cert_id` (empty: from nowhere) to it, and runs the
 // subscriber's hook, as the action's row has it. At the end the relay daemon is reloaded, whose failure does
 // not count.
 //
@@ -28,8 +36,8 @@ bool DeployDefCrt(const Json::Value &services, int action, const std::string &ol
 // A service whose names are not usable (store/names.h) is refused as an invalid one is.
 // True when every service was handled. False, logged, when a parameter was refused (nothing was done then) or
 // a service failed; the others are still handled, and nothing is rolled back: a service whose INFO update
-// failed has its new files already. Locks are taken and released one at a time; the caller may hold none.
-bool SetCrtForServices(const std::string &certId, const Json::Value &services, const std::string &oldCertId,
-                       int action);
+// failed has its new files already. `tell` is called after each service, with no lock held. Locks are taken and released one at a time; the caller may hold none.
+bool SetCrtForServices(const std::string &cert_id, const Json::Value &services,
+                       const std::string &old_cert_id, int action, const ServiceObserver &tell = {});
 
 }  // namespace opalcrt

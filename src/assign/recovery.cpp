@@ -1,11 +1,6 @@
 #include "assign/recovery.h"
 
-#include <unistd.h>
-
 #include <cerrno>
-#include <filesystem>
-#include <system_error>
-#include <vector>
 
 #include "common/json_file.h"
 #include "common/json_member.h"
@@ -14,44 +9,26 @@
 #include "deploy/crt_files.h"
 #include "deploy/key_types.h"
 #include "mkcert/default_set.h"
+#include "platform/atomic_file.h"
+#include "platform/directory.h"
 #include "platform/file_test.h"
 #include "platform/services.h"
 #include "store/crt_info.h"
 #include "store/names.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
-constexpr const char *kLogSource = log_source::kUtils;
-constexpr int kRecoverLockSeconds = 30;
-
-constexpr const char *kKeyTypeFiles[] = {"cert.pem", "fullchain.pem", "privkey.pem"};
 constexpr const char *kPlainFiles[] = {"cert.pem", "privkey.pem", "fullchain.pem"};
 
-// The required files, in the order in which they are looked for.
-std::vector<std::string> ListRequiredFiles(const std::string &certId)
+// 1 when all are in the folder, 0 when one is missing, below 0, with errno set, when one cannot be looked at.
+template <typename Files>
+int LookForFiles(const std::string &folder, const std::string &prefix, const Files &files)
 {
-    std::vector<std::string> names;
-    if (HasCrtKeyTypes(certId)) {
-        for (const KeyType type : GetCrtKeyTypes(certId)) {
-            for (const char *name : kKeyTypeFiles) {
-                names.push_back(KeyTypePrefix(type) + name);
-            }
-        }
-    }
-    names.insert(names.end(), std::begin(kPlainFiles), std::end(kPlainFiles));
-    return names;
-}
-
-// 1 when all are there, 0 when one is missing, below 0 when one cannot be looked at.
-int LookForRequiredFiles(const std::string &certId, const std::string &folder)
-{
-    for (const std::string &name : ListRequiredFiles(certId)) {
-        const int exists = YLIBCFileExist((folder + "/" + name).c_str());
+    for (const char *name : files) {
+        const int exists = YLIBCFileExist((folder + "/" + prefix + name).c_str());
         if (exists != 1) {
             return exists;
         }
@@ -59,132 +36,130 @@ int LookForRequiredFiles(const std::string &certId, const std::string &folder)
     return 1;
 }
 
-// The mark and the announcement that a certificate was replaced.
-bool TellBroken(const std::string &folder)
+// The same for all required files. One that is marked lacks something, too: files that belong together.
+int LookForRequiredFiles(const std::string &cert_id, const std::string &folder)
 {
+    if (HasCrtKeyTypes(cert_id)) {
+        for (const KeyType type : GetCrtKeyTypes(cert_id)) {
+            if (const int exist = LookForFiles(folder, KeyTypePrefix(type), kKeyTypeFiles); exist != 1) {
+                return exist;
+            }
+        }
+    }
+    if (const int exist = LookForFiles(folder, "", kPlainFiles); exist != 1) {
+        return exist;
+    }
+    const int isMarked = YLIBCFileExist(GetMendingMarkPath(cert_id).c_str());
+    return isMarked < 0 ? isMarked : 1 - isMarked;
+}
+
+// A mark that cannot be written stops nothing: the generation that fails in the same folder says why.
+void SetMark(const std::string &cert_id, const std::string &folder)
+{
+    const std::string mark = GetMendingMarkPath(cert_id);
+    OPALFSMkdirP(folder.c_str(), nullptr, 1, 0, 0, 0755);
+    ReplaceFile(mark, "", mark);
+}
+
+void RemoveMark(const std::string &cert_id)
+{
+    const std::string mark = GetMendingMarkPath(cert_id);
+    if (!RemoveAndSync(mark)) {
+        LOG_ERROR("Failed to remove %s [%d]", mark.c_str(), errno);
+    }
+}
+
+// The recovery lock is held.
+bool Mend(const std::string &cert_id, const std::string &folder)
+{
+    SetMark(cert_id, folder);
+    if (genDefaultCrtSet(folder) != 0) {
+        LOG_ERROR("Failed to generate default certificate to recover for [%s]", cert_id.c_str());
+        // A service is given whatever these three are, so the mark goes only when one of them is missing.
+        if (LookForFiles(folder, "", kPlainFiles) == 0) {
+            RemoveMark(cert_id);
+        }
+        return false;
+    }
+
     Json::Value crtInfo(Json::objectValue);
     crtInfo["is_broken"] = true;
     if (!toFile(folder + "/cert_info", crtInfo)) {
         LOG_ERROR("Failed to write cert info [%d]", errno);
+        RemoveMark(cert_id);
         return false;
     }
     if (OPALSysNotifySendNotifiction("certificate_broken", nullptr) != 0) {
         LOG_ERROR("Failed to send notification for certificate broken");
     }
+    RemoveMark(cert_id);  // Last: what is cut off before is made and told of again.
     return true;
 }
 
-void RemoveRecoveryNote()
-{
-    if (unlink(kRecoveryNotePath) != 0 && errno != ENOENT) {
-        LOG_ERROR("Failed to remove %s [%d]", kRecoveryNotePath, errno);
-    }
-}
+// After IsCrtComplete has answered false.
+bool IsIncomplete() { return errno == 0 || IsMissing(errno); }
 
-// A recovery that was killed once its files stood would never be told of: the folder is complete again. Its note
-// says which one it was. The recovery lock must be held. This is about another certificate than the caller's, so
-// nothing is logged of what it lacks.
-void FinishCutOffRecovery()
+// For a certificate that was found marked: waits for the mend that is under way, and makes it again if it was cut off.
+bool EndMend(const std::string &cert_id, const std::string &folder)
 {
-    Json::Value note;
-    if (!fromFile(kRecoveryNotePath, note)) {
-        return;
+    const ScopedLock lock(kRecoverLock, kLockExclusive, kRecoverLockSeconds, UnlockLine::kStore);
+    if (!lock.IsHeld()) {
+        return LOG_ERROR("Failed to lock file [%s]", kRecoverLock);
     }
-    const std::string certId = GetString(note, "cert_id");
-    if (!IsPlainFolderName(certId)) {
-        RemoveRecoveryNote();
-        return;
+    if (IsCrtComplete(cert_id, folder)) {
+        return true;
     }
-    const std::string folder = GetCrtFolderPath(certId);
-    std::error_code error;
-    const std::filesystem::file_type type = std::filesystem::symlink_status(folder, error).type();
-    if (type == std::filesystem::file_type::none) {
-        return;  // It cannot be looked at.
+    if (!IsIncomplete()) {
+        return false;
     }
-    const bool isGone = type != std::filesystem::file_type::directory;
-    if (isGone || (LookForRequiredFiles(certId, folder) == 1 && TellBroken(folder))) {
-        RemoveRecoveryNote();
-    }
+    LOG_ERROR("%s is incomplete, start recovering", cert_id.c_str());
+    return Mend(cert_id, folder);
 }
 
 }  // namespace
 
-bool CheckAndRecoverCrt(const std::string &certId)
+bool CheckAndRecoverCrt(const std::string &cert_id)
 {
     const Json::Value *info = ReadCrtInfo();
     if (info == nullptr) {
-        LOG_ERROR_STATE("Broken [%s].", kInfoPath);
-        return false;
+        return LOG_ERROR_STATE("Broken [%s].", kInfoPath);
     }
     // An id is one folder name of the archive: one with a "/" or ".." would have a set generated elsewhere.
-    if (!IsPlainFolderName(certId) || !GetMember(*info, certId.c_str()).isObject()) {
-        LOG_ERROR("Invalid cert id: [%s]", certId.c_str());
-        return false;
+    if (!IsPlainFolderName(cert_id) || !GetMember(*info, cert_id.c_str()).isObject()) {
+        return LOG_ERROR("Invalid cert id: [%s]", cert_id.c_str());
     }
 
-    if (YLIBCFileExist(kRecoveryNotePath) != 0) {
-        const ScopedLock lock(kRecoverLock, kLockExclusive, 0, UnlockLine::kStore);
-        if (lock.IsHeld()) {  // Otherwise somebody is still at it.
-            FinishCutOffRecovery();
-        }
-    }
-    const std::string folder = GetCrtFolderPath(certId);
-    bool isUnknown = false;
-    if (IsCrtComplete(certId, folder, isUnknown)) {
+    const std::string folder = GetCrtFolderPath(cert_id);
+    const bool isMarked = YLIBCFileExist(GetMendingMarkPath(cert_id).c_str()) == 1;
+    if (isMarked ? EndMend(cert_id, folder)
+                 : IsCrtComplete(cert_id, folder) || (IsIncomplete() && RecoverCrt(cert_id, folder))) {
         return true;
     }
-    if (isUnknown || !RecoverCrt(certId, folder)) {
-        LOG_ERROR("Failed to recover certificate for [%s]", certId.c_str());
-        return false;
-    }
-    return true;
+    return LOG_ERROR("Failed to recover certificate for [%s]", cert_id.c_str());
 }
 
-bool IsCrtComplete(const std::string &certId, const std::string &folder, bool &isUnknown)
+bool IsCrtComplete(const std::string &cert_id, const std::string &folder)
 {
-    isUnknown = false;
     if (!CheckRealDirectory(folder)) {
-        LOG_ERROR("Folder not exits [%s]", folder.c_str());
-        isUnknown = errno != 0 && errno != ENOENT && errno != ENOTDIR;
-        return false;
+        return LOG_ERROR("Folder not exits [%s]", folder.c_str());
     }
-    const int exist = LookForRequiredFiles(certId, folder);
-    if (exist != 1) {
-        LOG_ERROR("Lack of necessary files in cert dir [%s]", folder.c_str());
-        isUnknown = exist < 0;
+    const int exist = LookForRequiredFiles(cert_id, folder);
+    if (exist == 1) {
+        return true;
     }
-    return exist == 1;
+    errno = exist == 0 ? 0 : errno;
+    return LOG_ERROR("Lack of necessary files in cert dir [%s]", folder.c_str());
 }
 
-bool RecoverCrt(const std::string &certId, const std::string &folder)
+bool RecoverCrt(const std::string &cert_id, const std::string &folder)
 {
-    LOG_ERROR("%s is incomplete, start recovering", certId.c_str());
+    LOG_ERROR("%s is incomplete, start recovering", cert_id.c_str());
 
     const ScopedLock lock(kRecoverLock, kLockExclusive, kRecoverLockSeconds, UnlockLine::kStore);
     if (!lock.IsHeld()) {
-        LOG_ERROR("Failed to lock file [%s]", kRecoverLock);
-        return false;
+        return LOG_ERROR("Failed to lock file [%s]", kRecoverLock);
     }
-
-    FinishCutOffRecovery();  // Of another one, whose note is about to be replaced.
-    Json::Value note(Json::objectValue);
-    note["cert_id"] = certId;
-    if (!toFile(kRecoveryNotePath, note)) {
-        // The certificate is worth more than what is told of it after a kill.
-        LOG_ERROR("Failed to write %s [%d]", kRecoveryNotePath, errno);
-    }
-    if (genDefaultCrtSet(folder) != 0) {
-        LOG_ERROR("Failed to generate default certificate to recover for [%s]", certId.c_str());
-        if (LookForRequiredFiles(certId, folder) == 0) {
-            RemoveRecoveryNote();  // It is mended again, unless somebody brings back a copy, which is not broken.
-        }
-        return false;
-    }
-    if (!TellBroken(folder)) {
-        return false;
-    }
-    RemoveRecoveryNote();
-    return true;
+    return Mend(cert_id, folder);
 }
 
 }  // namespace opalcrt

@@ -6,15 +6,9 @@
 #include "platform/process.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
-constexpr const char *kLogSource = log_source::kUtils;
-}
-
-int ReloadService(const Json::Value &serviceObj)
+int ReloadService(const Json::Value &serviceObj, int *ended)
 {
     const bool isPkg = GetBool(serviceObj, "isPkg");
     const std::string subscriber = GetString(serviceObj, "subscriber");
@@ -29,10 +23,13 @@ int ReloadService(const Json::Value &serviceObj)
         if (YLIBCFileExist(hook.c_str()) == 0) {
             continue;
         }
-        const int result = YLIBCExecl(hook.c_str(), kExecHook, {service.c_str()});
+        const int result = YLIBCExecl(hook.c_str(), kExecHook, service.c_str(), nullptr);
         if (result < 0) {
             LOG_ERROR_STATE("Failed to [%s][%s].", hook.c_str(), service.c_str());
             return result;
+        }
+        if (ended != nullptr) {
+            *ended = result;
         }
         return 0;
     }

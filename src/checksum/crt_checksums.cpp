@@ -1,5 +1,7 @@
 #include "checksum/crt_checksums.h"
 
+#include <openssl/pem.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -10,36 +12,23 @@
 #include "checksum/openssl_error.h"
 #include "common/json_file.h"
 #include "common/json_member.h"
-#include "common/libcrypto.h"
 #include "common/log.h"
-#include "common/no_password.h"
-#include "platform/file_test.h"
+#include "common/openssl.h"
+#include "platform/file_read.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
-
-constexpr const char *kLogSource = log_source::kUtils;
+namespace {
 
 struct CFree {
     void operator()(char *memory) const { free(memory); }
 };
-struct OpenSSLFree {
-    void operator()(X509 *crt) const { libcrypto.X509_free(crt); }
-    void operator()(unsigned char *memory) const { libcrypto.CRYPTO_free(memory, __FILE__, __LINE__); }
-    void operator()(EVP_MD_CTX *context) const { libcrypto.EVP_MD_CTX_free(context); }
-};
-
 // Opens a certificate's file; null, logged, also when a link or ".." on the way leads elsewhere.
 UniqueFile OpenCrtFile(const std::string &path)
 {
-    // A NUL byte in an id would cut the path short and find something else.
-    const bool isWhole = path.find('\0') == std::string::npos;
-    errno = isWhole ? 0 : ENOENT;
-    const std::unique_ptr<char, CFree> resolved(isWhole ? realpath(path.c_str(), nullptr) : nullptr);
+    errno = 0;
+    const std::unique_ptr<char, void (*)(void *)> resolved(realpath(path.c_str(), nullptr), free);
     if (resolved == nullptr) {
         LOG_ERROR("Realpath %s failed. %s", path.c_str(), strerror(errno));
         return nullptr;
@@ -68,60 +57,53 @@ std::string ToHex(const unsigned char *bytes, size_t count)
 
 bool HashDer(const unsigned char *der, size_t length, std::string &checksum)
 {
-    const std::unique_ptr<EVP_MD_CTX, OpenSSLFree> context(libcrypto.EVP_MD_CTX_new());
-    if (context == nullptr ||
-        libcrypto.EVP_DigestInit_ex(context.get(), libcrypto.EVP_sha256(), nullptr) != 1) {
-        LogOpenSSLError("SHA256 init failed.");
-        return false;
+    const UniqueOpenSSL<EVP_MD_CTX> context(EVP_MD_CTX_new());
+    if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
+        return LogOpenSSLError("SHA256 init failed.");
     }
-    if (libcrypto.EVP_DigestUpdate(context.get(), der, length) != 1) {
-        LogOpenSSLError("SHA256 update failed.");
-        return false;
+    if (EVP_DigestUpdate(context.get(), der, length) != 1) {
+        return LogOpenSSLError("SHA256 update failed.");
     }
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned digestLength = 0;
-    if (libcrypto.EVP_DigestFinal_ex(context.get(), digest, &digestLength) != 1) {
-        LogOpenSSLError("SHA256 final failed.");
-        return false;
+    if (EVP_DigestFinal_ex(context.get(), digest, &digestLength) != 1) {
+        return LogOpenSSLError("SHA256 final failed.");
     }
     checksum = ToHex(digest, digestLength);
     return true;
 }
 
-bool GetCrtChecksum(const std::string &certId, std::string &checksum)
+bool GetCrtChecksum(const std::string &cert_id, std::string &checksum)
 {
-    UniqueFile file = OpenCrtFile(GetCrtFolderPath(certId) + "/cert.pem");
-    if (file == nullptr || !LoadLibCrypto(kLogSource)) {
+    UniqueFile file = OpenCrtFile(GetCrtFolderPath(cert_id) + "/cert.pem");
+    if (file == nullptr) {
         return false;
     }
-    const std::unique_ptr<X509, OpenSSLFree> crt(
-        libcrypto.PEM_read_X509(file.get(), nullptr, NoPassword, nullptr));
+    ReadNoOpenSSLConfig();
+    const UniqueOpenSSL<X509> crt(PEM_read_X509(file.get(), nullptr, NoPassword, nullptr));
     file.reset();
     if (crt == nullptr) {
-        LogOpenSSLError("Read X509 failed.");
-        return false;
+        return LogOpenSSLError("Read X509 failed.");
     }
 
     unsigned char *encoded = nullptr;
-    const int length = libcrypto.i2d_X509(crt.get(), &encoded);
-    const std::unique_ptr<unsigned char, OpenSSLFree> der(encoded);
+    const int length = i2d_X509(crt.get(), &encoded);
+    const UniqueOpenSSL<unsigned char> der(encoded);
     if (length < 0) {
-        LogOpenSSLError("PEM to DER failed.");
-        return false;
+        return LogOpenSSLError("PEM to DER failed.");
     }
     return HashDer(der.get(), static_cast<size_t>(length), checksum);
 }
 
-bool AppendServices(const std::string &certId, const Json::Value &services, Json::Value &report)
+bool AppendServices(const std::string &cert_id, const Json::Value &services, Json::Value &report)
 {
     std::string checksum;
     for (const Json::Value &serviceObj : services) {
         if (!serviceObj.isObject()) {
-            LOG_ERROR("Incorrect format for %s", kInfoPath);
-            return false;
+            return LOG_ERROR("Incorrect format for %s", kInfoPath);
         }
         // Only for the first one, and only then: a certificate without services may be missing.
-        if (checksum.empty() && !GetCrtChecksum(certId, checksum)) {
+        if (checksum.empty() && !GetCrtChecksum(cert_id, checksum)) {
             return false;
         }
         Json::Value entry(Json::objectValue);
@@ -140,23 +122,20 @@ bool ListCrtChecksums(Json::Value &report)
     errno = 0;
     Json::Value info;
     if (!fromFile(kInfoPath, info)) {
-        LOG_ERROR("Open %s failed. %s", kInfoPath, strerror(errno));
-        return false;
+        return LOG_ERROR("Open %s failed. %s", kInfoPath, strerror(errno));
     }
     if (!info.isObject()) {
-        LOG_ERROR("Incorrect format for %s", kInfoPath);
-        return false;
+        return LOG_ERROR("Incorrect format for %s", kInfoPath);
     }
 
-    for (const std::string &certId : info.getMemberNames()) {
+    for (const std::string &cert_id : info.getMemberNames()) {
         Json::Value entry;
-        info.removeMember(certId, &entry);  // Gone after its turn: it makes room for the report.
+        info.removeMember(cert_id, &entry);  // Gone after its turn: it makes room for the report.
         const Json::Value &services = GetMember(entry, "services");
         if (!services.isArray()) {
-            LOG_ERROR("Incorrect format for %s", kInfoPath);
-            return false;
+            return LOG_ERROR("Incorrect format for %s", kInfoPath);
         }
-        if (!AppendServices(certId, services, report)) {
+        if (!AppendServices(cert_id, services, report)) {
             return false;
         }
     }

@@ -3,8 +3,7 @@
 
 #include <json/value.h>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Appends to the array `report` one object for each service that INFO lists, certificates in the order of
 // their ids: copies of the listed `service` and `subscriber`, whatever their type, and `checksum`, the

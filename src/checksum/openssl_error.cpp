@@ -1,31 +1,25 @@
 #include "checksum/openssl_error.h"
 
+#include <openssl/err.h>
+
 #include <string>
 
-#include "common/libcrypto.h"
 #include "common/log.h"
+#include "common/openssl.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
+Failed LogOpenSSLError(const char *step)
 {
-constexpr const char *kLogSource = log_source::kUtils;
-}
-
-void LogOpenSSLError(const char *step)
-{
-    BIO *bio = libcrypto.BIO_new(libcrypto.BIO_s_mem());
+    const UniqueOpenSSL<BIO> bio(BIO_new(BIO_s_mem()));
     if (bio == nullptr) {
-        LOG_ERROR("Fatal Error. new bio failed.");
-        return;
+        return LOG_ERROR("Fatal Error. new bio failed.");
     }
-    libcrypto.ERR_print_errors(bio);
-    char *data = nullptr;
-    const long length = libcrypto.BIO_ctrl(bio, BIO_CTRL_INFO, 0, &data);
+    ERR_print_errors(bio.get());
+    const char *data = nullptr;
+    const long length = BIO_get_mem_data(bio.get(), &data);
     const std::string text(data != nullptr ? data : "", length > 0 ? static_cast<size_t>(length) : 0);
-    LOG_ERROR_LONG(text, "%s [%s]", step, text.c_str());
-    libcrypto.BIO_free(bio);
+    return LOG_ERROR("%s [%s]", step, ShortenForLog(text).c_str());
 }
 
 }  // namespace opalcrt

@@ -1,11 +1,11 @@
 // OpenSSL's own error text in the log.
 #pragma once
 
-namespace opalcrt
-{
+#include "common/log.h"
+
+namespace opalcrt {
 
 // Logs "STEP [TEXT]" with OpenSSL's pending errors (ERR_print_errors(3)), which are gone afterwards.
-// LoadLibCrypto (common/libcrypto.h) must have answered true.
-void LogOpenSSLError(const char *step);
+Failed LogOpenSSLError(const char *step);
 
 }  // namespace opalcrt

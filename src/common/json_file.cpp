@@ -9,36 +9,15 @@
 #include <sstream>
 #include <utility>
 
+#include "common/log.h"
+#include "common/utf8.h"
 #include "platform/atomic_file.h"
 #include "platform/error_state.h"
-#include "platform/file_test.h"
+#include "platform/file_read.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
-
-// jsoncpp's strict mode passes over comments inside an object, takes a NUL byte for the end of the text and
-// control characters inside strings, of which the writer makes six bytes each. Outside strings JSON has no slash
-// at all, and inside them no control character.
-bool HasWhatIsNoJson(const std::string &text)
-{
-    bool inString = false;
-    for (size_t at = 0; at < text.size(); ++at) {
-        const char byte = text[at];
-        const bool isControl = static_cast<unsigned char>(byte) < 0x20;
-        if (byte == '\0' || (inString ? isControl : byte == '/')) {
-            return true;
-        }
-        if (byte == '\\' && inString) {
-            ++at;
-        } else if (byte == '"') {
-            inString = !inString;
-        }
-    }
-    return false;
-}
+namespace {
 
 bool Parse(const std::string &text, Json::Value &value)
 {
@@ -46,27 +25,40 @@ bool Parse(const std::string &text, Json::Value &value)
     Json::CharReaderBuilder::strictMode(&builder.settings_);
     builder["strictRoot"] = false;  // Callers say themselves what a root that is no object means.
     builder["stackLimit"] = 500;
+    builder["collectComments"] = false;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     try {
         std::string errors;
-        return !HasWhatIsNoJson(text) &&
+        // jsoncpp takes a NUL byte for the end of the text: what stands behind it would be lost at the next write.
+        return text.find('\0') == std::string::npos &&
                reader->parse(text.data(), text.data() + text.size(), &value, &errors);
     } catch (const Json::Exception &) {
         return false;
     }
 }
 
-std::string Render(const Json::Value &value, const char *indentation)
+std::string Render(const Json::Value &value, const char *indentation, bool isAscii = false)
 {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = indentation;
-    builder["emitUTF8"] = true;
+    builder["emitUTF8"] = !isAscii;
     // No value has comments here, and looking for them takes a third of the time.
     builder["commentStyle"] = "None";
     std::ostringstream text;
     const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
     writer->write(value, &text);
     return std::move(text).str();
+}
+
+bool MakeFileText(const Json::Value &value, bool indented, std::string &text)
+{
+    text = Render(value, indented ? "\t" : "") + "\n";
+    if (text.size() > kLargestJsonFile) {
+        SET_PLATFORM_ERROR(kErrBadParameter);
+        errno = EFBIG;
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -101,23 +93,25 @@ bool fromOpenFile(int fd, Json::Value &value, size_t limit)
 
 bool toFile(const std::string &path, const Json::Value &value, bool indented, const std::string &modelPath)
 {
-    const std::string text = Render(value, indented ? "\t" : "") + "\n";
-    if (text.size() > kLargestJsonFile) {
-        SET_PLATFORM_ERROR(kErrBadParameter);
-        errno = EFBIG;
-        return false;
-    }
-    return ReplaceFile(path, text, modelPath.empty() ? path : modelPath);
+    std::string text;
+    return MakeFileText(value, indented, text) &&
+           ReplaceFile(path, text, modelPath.empty() ? path : modelPath);
+}
+
+bool toNewFile(const std::string &path, const Json::Value &value, bool indented, const std::string &modelPath)
+{
+    std::string text;
+    return MakeFileText(value, indented, text) && WriteNewFile(path, text, modelPath);
 }
 
 std::string toString(const Json::Value &value)
 {
-    return ToLogText(value) + "\n";
+    const std::string text = ToText(value);
+    return (IsUtf8(text) ? text : Render(value, "", true)) + "\n";
 }
 
-std::string ToLogText(const Json::Value &value)
-{
-    return Render(value, "");
-}
+std::string ToText(const Json::Value &value) { return Render(value, ""); }
+
+std::string ToLogText(const Json::Value &value) { return ShortenForLog(ToText(value)); }
 
 }  // namespace opalcrt

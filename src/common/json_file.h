@@ -5,17 +5,15 @@
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // The largest file that is read or written: what was written must be readable.
 constexpr size_t kLargestJsonFile = 64UL * 1024 * 1024;
 
-// Reads and parses the whole file, as jsoncpp's strict mode does and stricter: no comments, no trailing commas, no
-// text after the value, no member twice, no control character in a string, no NUL byte. Every one of these reads
-// differently in different readers, and a comment would be lost at the next write; so such a file is broken here
-// rather than half understood. Strings may hold any other bytes, also such as are no UTF-8. Numbers beyond 64 bits
-// become floating point.
+// Reads and parses the whole file, as jsoncpp's strict mode does, and without NUL bytes: no trailing commas, no text
+// after the value, no member twice. What reads differently in different readers is broken here rather than half
+// understood. Strings may hold any other bytes, also such as are no UTF-8. Numbers beyond 64 bits become floating
+// point.
 // False, with `value` null and the platform error state set, when the path is missing, is no regular file, is
 // larger than `limit` bytes, is empty, nests deeper than 500, is no JSON or does not fit into memory. errno is
 // that of the failed call, EBADMSG for a text that is no JSON.
@@ -31,10 +29,18 @@ bool fromOpenFile(int fd, Json::Value &value, size_t limit = kLargestJsonFile);
 bool toFile(const std::string &path, const Json::Value &value, bool indented = false,
             const std::string &modelPath = std::string());
 
-// The value's text on one line, ended by one line feed; bytes beyond ASCII stay as they are.
+// The same with WriteNewFile, for a file that the caller renames when it stands.
+bool toNewFile(const std::string &path, const Json::Value &value, bool indented,
+               const std::string &modelPath);
+
+// The value's text on one line, ended by one line feed. Where its strings are no UTF-8, everything beyond ASCII is
+// escaped, so that every reader of JSON takes it.
 std::string toString(const Json::Value &value);
 
-// The same without the line feed, for log lines.
+// The value's text on one line, with the bytes of its strings as they are.
+std::string ToText(const Json::Value &value);
+
+// The same for a log line; a long one loses its end (common/log.h).
 std::string ToLogText(const Json::Value &value);
 
 }  // namespace opalcrt

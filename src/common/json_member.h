@@ -4,12 +4,9 @@
 
 #include <json/value.h>
 
-#include <optional>
 #include <string>
-#include <string_view>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // The member itself; null when `object` is no object or has no such member.
 const Json::Value &GetMember(const Json::Value &object, const char *key);
@@ -20,15 +17,5 @@ bool GetBool(const Json::Value &object, const char *key);
 
 bool HasString(const Json::Value &object, const char *key);
 bool HasBool(const Json::Value &object, const char *key);
-
-// What a service object is known by: its `subscriber` and `service`, byte for byte. The views are into the object.
-struct ServiceName {
-    std::string_view subscriber;
-    std::string_view service;
-    bool operator==(const ServiceName &) const = default;
-};
-
-// Nothing when the value is no object or one of the two is no string.
-std::optional<ServiceName> NameOf(const Json::Value &serviceObj);
 
 }  // namespace opalcrt

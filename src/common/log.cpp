@@ -3,82 +3,68 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 
 #include "platform/error_state.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
-constexpr size_t kKeptEnd = 256;
-
-std::string Format(const char *format, va_list args)
+// What a line holds beside the one text that may be long: two paths with names of 255 bytes, and words.
+constexpr size_t kRoomForTheRest = 2048;
+// Never half a UTF-8 character.
+void CutTo(std::string &text, size_t limit)
 {
-    va_list measured;
-    va_copy(measured, args);
-    const int length = vsnprintf(nullptr, 0, format, measured);
-    va_end(measured);
-    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    vsnprintf(text.data(), text.size() + 1, format, args);
-    return text;
-}
-
-// Shortens `longText` inside `line`, or else what stands before the line's end, where codes and paths are; never
-// in the middle of a UTF-8 character.
-void CutLongText(std::string &line, const std::string &longText)
-{
-    if (line.size() <= kLongestLogLine) {
-        return;
+    if (text.size() > limit) {
+        while (limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xC0) == 0x80) {
+            --limit;
+        }
+        text.resize(limit);
     }
-    const size_t excess = line.size() - kLongestLogLine;
-    const size_t start = longText.size() > excess ? line.find(longText) : std::string::npos;
-    const size_t end = start == std::string::npos ? line.size() - kKeptEnd : start + longText.size();
-    size_t cut = end - excess;
-    while (cut > 0 && (static_cast<unsigned char>(line[cut]) & 0xC0) == 0x80) {
-        --cut;
+}
+
+__attribute__((format(printf, 4, 0))) void Send(int priority, const char *source, int line,
+                                                const char *format, va_list args, const char *end)
+{
+    const int error = errno;  // Also for %m.
+    char *message = nullptr;
+    if (vasprintf(&message, format, args) >= 0) {
+        std::string text = source + std::string(":") + std::to_string(line) + " " + message + end;
+        CutTo(text, kLongestLogLine);
+        syslog(LOG_USER | priority, "%s", text.c_str());
+        free(message);
     }
-    line.erase(cut, end - cut);
-}
-
-void Send(int priority, const char *source, int line, const std::string &longText, const std::string &message)
-{
-    std::string text = source + std::string(":") + std::to_string(line) + " " + message;
-    CutLongText(text, longText);
-    syslog(LOG_USER | priority, "%s", text.c_str());
-}
-
-std::string ErrorState()
-{
-    char text[128] = {};
-    snprintf(text, sizeof(text), "[0x%04X %s:%d]", static_cast<unsigned>(YLIBCErrGet()), YLIBCErrorGetFile(),
-             YLIBCErrorGetLine());
-    return text;
+    errno = error;
 }
 
 }  // namespace
 
-void LogLine(int priority, const char *source, int line, const std::string &longText, const char *format, ...)
+Failed LogLine(int priority, const char *source, int line, const char *format, ...)
 {
-    const int error = errno;
     va_list args;
     va_start(args, format);
-    const std::string message = Format(format, args);
+    Send(priority, source, line, format, args, "");
     va_end(args);
-    Send(priority, source, line, longText, message);
-    errno = error;
+    return Failed();
 }
 
-void LogLineAndState(int priority, const char *source, int line, const char *format, ...)
+Failed LogLineAndState(int priority, const char *source, int line, const char *format, ...)
 {
-    const int error = errno;
+    char state[128] = {};
+    snprintf(state, sizeof(state), "[0x%04X %s:%d]", static_cast<unsigned>(YLIBCErrGet()),
+             YLIBCErrorGetFile(), YLIBCErrorGetLine());
     va_list args;
     va_start(args, format);
-    const std::string message = Format(format, args);
+    Send(priority, source, line, format, args, state);
     va_end(args);
-    Send(priority, source, line, std::string(), message + ErrorState());
-    errno = error;
+    return Failed();
+}
+
+std::string ShortenForLog(std::string text)
+{
+    CutTo(text, kLongestLogLine - kRoomForTheRest);
+    return text;
 }
 
 }  // namespace opalcrt

@@ -2,8 +2,7 @@
 
 #include "common/log.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 ScopedLock::ScopedLock(const char *path, int mode, int seconds, UnlockLine line) : path_(path), line_(line)
 {
@@ -18,9 +17,11 @@ ScopedLock::~ScopedLock()
     if (fd_ < 0 || YLIBCFileUnlockByFile(fd_) != 0) {
         return;
     }
-    const bool isFrontEnd = line_ == UnlockLine::kFrontEnd;
-    const char *const kLogSource = isFrontEnd ? log_source::kFrontEnd : log_source::kUtils;
-    LOG_ERROR("Failed to unlock %s%s%s", isFrontEnd ? "[" : "", path_.c_str(), isFrontEnd ? "]" : "");
+    if (line_ == UnlockLine::kFrontEnd) {
+        LogLine(LOG_ERR, "opalcrtregister.cpp", __LINE__, "Failed to unlock [%s]", path_.c_str());
+    } else {
+        LogLine(LOG_ERR, "utils.cpp", __LINE__, "Failed to unlock %s", path_.c_str());
+    }
 }
 
 }  // namespace opalcrt

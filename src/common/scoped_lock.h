@@ -5,21 +5,19 @@
 
 #include "platform/file_lock.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // How the line looks that is logged when letting go fails.
 enum class UnlockLine {
-    kFrontEnd,  // opalcrtregister.cpp, "Failed to unlock [PATH]"
-    kStore,     // utils.cpp, "Failed to unlock PATH"
+    kFrontEnd,  // in the front end's name, the path in brackets
+    kStore,     // in the store's, without
 };
 
-class ScopedLock
-{
+class ScopedLock {
 public:
     // Tries to take the lock file's lock (platform/file_lock.h) for at most `seconds`; IsHeld says whether
-    // that worked, and a failure is the caller's to log. A process must not take a lock that it holds: it
-    // would wait for itself. Hand the held lock on.
+    // that worked, and a failure is the caller's to log, with errno as that header says. A process must not take a
+    // lock that it holds: it would wait for itself. Hand the held lock on.
     ScopedLock(const char *path, int mode, int seconds, UnlockLine line);
     // Lets go; a failure is logged and changes nothing else.
     ~ScopedLock();

@@ -11,32 +11,37 @@
 #include "platform/error_state.h"
 #include "platform/file_test.h"
 #include "platform/process.h"
+#include "platform/unique_fd.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
-constexpr const char *kLogSource = log_source::kUtils;
 constexpr mode_t kCrtFileMode = 0400;
 
-// cp gives a new file the source's mode, cut by the umask; an existing one keeps its own.
-bool MakeUnreadableTarget(const std::string &path)
+// What cp would wait for or copy without end, a fifo or a device, is no certificate. The size of the source.
+bool IsRegularFile(const std::string &path, off_t &size)
 {
-    const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kCrtFileMode));
-    if (!fd.IsOpen() || fchmod(fd.Get(), kCrtFileMode) != 0) {
-        SET_PLATFORM_ERRNO(errno);
-        return false;
+    struct stat source = {};
+    const bool isThere = stat(path.c_str(), &source) == 0;
+    if (!isThere || !S_ISREG(source.st_mode)) {
+        return SET_PLATFORM_ERRNO(isThere ? EINVAL : errno);
     }
+    size = source.st_size;
     return true;
 }
 
-bool SetModeAndOwner(const std::string &path, uid_t uid, gid_t gid)
+// A copy that is shorter than its source fails with ENODATA.
+bool SetModeAndOwner(const std::string &path, uid_t uid, gid_t gid, off_t size)
 {
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    return fd.IsOpen() && fchmod(fd.Get(), kCrtFileMode) == 0 && fchown(fd.Get(), uid, gid) == 0 &&
-           fsync(fd.Get()) == 0;
+    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat copy = {};
+    if (!fd.IsOpen() || fchmod(fd.Get(), kCrtFileMode) != 0 || fchown(fd.Get(), uid, gid) != 0 ||
+        fsync(fd.Get()) != 0 || fstat(fd.Get(), &copy) != 0) {
+        return false;
+    }
+    errno = ENODATA;
+    return copy.st_size >= size;
 }
 
 }  // namespace
@@ -46,15 +51,13 @@ bool CopyCrtFile(const std::string &sourceFolder, const std::string &destination
 {
     const std::string source = sourceFolder + "/" + name;
     const std::string destination = destinationFolder + "/" + name;
-    if (!MakeUnreadableTarget(destination) ||
-        YLIBCExec("/bin/cp", "-f", source.c_str(), destination.c_str(), nullptr) < 0) {
-        LOG_ERROR_STATE("Failed to copy [%s].", source.c_str());
-        unlink(destination.c_str());
-        return false;
+    off_t size = 0;
+    if (!IsRegularFile(source, size) ||
+        ExecPrivately("/bin/cp", "-f", source.c_str(), destination.c_str()) < 0) {
+        return LOG_ERROR_STATE("Failed to copy [%s].", source.c_str());
     }
-    if (!SetModeAndOwner(destination, uid, gid)) {
-        LOG_ERROR("Failed to chmod chown. [%s]", destination.c_str());
-        return false;
+    if (!SetModeAndOwner(destination, uid, gid, size)) {
+        return LOG_ERROR("Failed to chmod chown. [%s]", destination.c_str());
     }
     return true;
 }
@@ -62,8 +65,7 @@ bool CopyCrtFile(const std::string &sourceFolder, const std::string &destination
 bool CheckRealDirectory(const std::string &path)
 {
     if (!IsCanonicalPath(path)) {
-        LOG_ERROR("Path not match, maybe bugs or attacked");
-        return false;
+        return LOG_ERROR("Path not match, maybe bugs or attacked");
     }
     return YLIBCFileCheckDir(path.c_str()) == 1;
 }

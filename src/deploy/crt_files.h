@@ -5,13 +5,12 @@
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Copies sourceFolder/name to destinationFolder/name with /bin/cp; the copy has mode 0400, this owner, and is
 // on the disk when this returns. A private key is never readable by others on the way, whatever mode the
-// source has: the copy is made into a file of ours that has mode 0400 already. False, logged, otherwise;
-// nothing is left at the destination when the copy itself failed.
+// source has (ExecPrivately). False, logged, otherwise, also when the
+// source is no regular file or the copy shorter than it; what cp has written stays.
 bool CopyCrtFile(const std::string &sourceFolder, const std::string &destinationFolder,
                  const std::string &name, uid_t uid, gid_t gid);
 

@@ -7,71 +7,18 @@
 #include "common/json_member.h"
 #include "common/log.h"
 #include "common/scoped_lock.h"
-#include "deploy/crt_files.h"
 #include "deploy/dir_utils.h"
 #include "deploy/key_types.h"
-#include "deploy/source_snapshot.h"
+#include "deploy/staging.h"
 #include "platform/file_test.h"
 #include "platform/users.h"
-#include "store/names.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
-constexpr const char *kLogSource = log_source::kUtils;
 constexpr int kServiceLockSeconds = 60;
-constexpr mode_t kServiceFolderMode = 0755;
-
-// All in which the two modes differ: the files, in the order of copying, and the file name prefixes of the
-// elements of `certs`.
-struct DeployPlan {
-    struct File {
-        std::string name;
-        bool isOptional = false;
-    };
-    std::vector<File> files;
-    std::vector<std::string> prefixes;
-};
-
-struct Owner {
-    uid_t uid = static_cast<uid_t>(-1);
-    gid_t gid = static_cast<gid_t>(-1);
-};
-
-// Copies one file of the plan; an optional one that is not there is no failure, one that cannot be looked at
-// is.
-bool CopyPlannedFile(const DeployPlan::File &file, const std::string &crtFolder, const std::string &staging,
-                     const Owner &owner)
-{
-    if (file.isOptional) {
-        const int exists = YLIBCFileExist((crtFolder + "/" + file.name).c_str());
-        if (exists <= 0) {
-            return exists == 0;
-        }
-    }
-    return CopyCrtFile(crtFolder, staging, file.name, owner.uid, owner.gid);
-}
-
-bool CopyPlannedFiles(const DeployPlan &plan, const std::string &crtFolder, const std::string &staging,
-                      const Owner &owner)
-{
-    std::vector<std::string> names;
-    for (const DeployPlan::File &file : plan.files) {
-        names.push_back(file.name);
-    }
-    const SourceSnapshot before = TakeSnapshot(crtFolder, names);
-    for (const DeployPlan::File &file : plan.files) {
-        if (!CopyPlannedFile(file, crtFolder, staging, owner)) {
-            return false;
-        }
-    }
-    // Another process may have mended or renewed the certificate meanwhile: half of each would not match.
-    return IsUnchanged(before, TakeSnapshot(crtFolder, names));
-}
 
 Json::Value MakeInfo(const DeployPlan &plan, const Json::Value &serviceObj, const std::string &serviceFolder)
 {
@@ -91,56 +38,51 @@ Json::Value MakeInfo(const DeployPlan &plan, const Json::Value &serviceObj, cons
 }
 
 // From the empty staging folder to the moved one.
-bool StageAndMove(const DeployPlan &plan, const Json::Value &serviceObj, const std::string &crtFolder,
-                  const std::string &serviceFolder, const std::string &staging, const Owner &owner)
+bool StageAndMove(const DeployPlan &plan, const Json::Value &serviceObj, const std::string &cert_id,
+                  const std::string &serviceFolder, const std::string &staging, uid_t uid, gid_t gid)
 {
     if (!RecreateDirectory(staging, kServiceFolderMode)) {
-        LOG_ERROR("Failed to clean %s", staging.c_str());
-        return false;
+        return LOG_ERROR("Failed to clean %s", staging.c_str());
     }
-    if (!CopyPlannedFiles(plan, crtFolder, staging, owner)) {
-        LOG_ERROR("Failed to copy cert files from %s to %s", crtFolder.c_str(), staging.c_str());
-        return false;
+    if (!CopyPlannedFiles(plan, cert_id, staging, uid, gid)) {
+        return LOG_ERROR("Failed to copy cert files from %s to %s", GetCrtFolderPath(cert_id).c_str(),
+                         staging.c_str());
     }
     // Syncs the staging folder too, and with it the names of the files copied before.
     if (!toFile(staging + "/info", MakeInfo(plan, serviceObj, serviceFolder))) {
-        LOG_ERROR("Failed to write info to service certificate folder [%d]", errno);
-        return false;
+        return LOG_ERROR("Failed to write info to service certificate folder [%d]", errno);
     }
     if (!MoveDirectory(staging, serviceFolder)) {
-        LOG_ERROR("Failed to move %s to %s", staging.c_str(), serviceFolder.c_str());
-        return false;
+        return LOG_ERROR("Failed to move %s to %s", staging.c_str(), serviceFolder.c_str());
     }
     return true;
 }
 
-bool DeployCrt(const std::string &certId, const Json::Value &serviceObj, const DeployPlan &plan)
+bool DeployCrt(const std::string &cert_id, const Json::Value &serviceObj, const DeployPlan &plan)
 {
-    const std::string crtFolder = GetCrtFolderPath(certId);
-    const std::string ownerName = GetString(serviceObj, "owner");
+    const std::string crtFolder = GetCrtFolderPath(cert_id);
+    const std::string owner = GetString(serviceObj, "owner");
     const std::string subscriber = GetString(serviceObj, "subscriber");
     const std::string service = GetString(serviceObj, "service");
     const std::string serviceFolder = GetServiceFolderPath(GetBool(serviceObj, "isPkg"), subscriber, service);
     const std::string lockPath = GetServiceLockPath(subscriber, service);
     const std::string staging = serviceFolder + kStagingSuffix;
 
-    Owner owner;
-    if (OPALUserGetUGID(ownerName, &owner.uid, &owner.gid) < 0) {
-        LOG_ERROR_STATE("Failed to OPALUserGetUGID [%s].", ownerName.c_str());
-        return false;
+    uid_t uid = static_cast<uid_t>(-1);
+    gid_t gid = static_cast<gid_t>(-1);
+    if (OPALUserGetUGID(owner, &uid, &gid) < 0) {
+        return LOG_ERROR_STATE("Failed to OPALUserGetUGID [%s].", owner.c_str());
     }
     if (YLIBCFileCheckDir(crtFolder.c_str()) != 1) {
-        LOG_ERROR_STATE("[%s] doesn't exist.", crtFolder.c_str());
-        return false;
+        return LOG_ERROR_STATE("[%s] doesn't exist.", crtFolder.c_str());
     }
 
     const ScopedLock lock(lockPath.c_str(), kLockExclusive, kServiceLockSeconds, UnlockLine::kStore);
     if (!lock.IsHeld()) {
-        LOG_ERROR("Failed to lock [%s]", lockPath.c_str());
-        return false;
+        return LOG_ERROR("Failed to lock [%s]", lockPath.c_str());
     }
 
-    if (!StageAndMove(plan, serviceObj, crtFolder, serviceFolder, staging, owner)) {
+    if (!StageAndMove(plan, serviceObj, cert_id, serviceFolder, staging, uid, gid)) {
         if (!RemovePath(staging)) {
             LOG_ERROR("Failed to remove %s", staging.c_str());
         }
@@ -151,40 +93,39 @@ bool DeployCrt(const std::string &certId, const Json::Value &serviceObj, const D
 
 }  // namespace
 
-bool DeployServiceCrt(const std::string &certId, const Json::Value &serviceObj)
+bool DeployServiceCrt(const std::string &cert_id, const Json::Value &serviceObj)
 {
-    if (GetBool(serviceObj, "multiple_cert") && HasCrtKeyTypes(certId)) {
-        return DeployMultipleCrt(certId, serviceObj);
+    if (GetBool(serviceObj, "multiple_cert") && HasCrtKeyTypes(cert_id)) {
+        return DeployMultipleCrt(cert_id, serviceObj);
     }
-    return DeploySingleCrt(certId, serviceObj);
+    return DeploySingleCrt(cert_id, serviceObj);
 }
 
-bool DeploySingleCrt(const std::string &certId, const Json::Value &serviceObj)
+bool DeploySingleCrt(const std::string &cert_id, const Json::Value &serviceObj)
 {
     const DeployPlan plan = {
         {{"cert.pem"}, {"privkey.pem"}, {"fullchain.pem"}, {"chain.pem", true}, {"opal-ca-cert.pem", true}},
         {""},
     };
-    return DeployCrt(certId, serviceObj, plan);
+    return DeployCrt(cert_id, serviceObj, plan);
 }
 
-bool DeployMultipleCrt(const std::string &certId, const Json::Value &serviceObj)
+bool DeployMultipleCrt(const std::string &cert_id, const Json::Value &serviceObj)
 {
-    const std::vector<KeyType> types = GetCrtKeyTypes(certId);
+    const std::vector<KeyType> types = GetCrtKeyTypes(cert_id);
     if (types.empty()) {
-        LOG_ERROR("Empty key types, Failed to setup multiple mode");
-        return false;
+        return LOG_ERROR("Empty key types, Failed to setup multiple mode");
     }
 
     DeployPlan plan;
     for (const KeyType type : types) {
         const std::string prefix = KeyTypePrefix(type);
-        for (const char *name : {"cert.pem", "fullchain.pem", "privkey.pem"}) {
+        for (const char *name : kKeyTypeFiles) {
             plan.files.push_back({prefix + name});
         }
         plan.prefixes.push_back(prefix);
     }
-    return DeployCrt(certId, serviceObj, plan);
+    return DeployCrt(cert_id, serviceObj, plan);
 }
 
 }  // namespace opalcrt

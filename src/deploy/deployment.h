@@ -11,8 +11,7 @@
 //
 // The new folder is assembled beside the old one, path + ".temp", synced, and moved into place whole
 // (MoveDirectory, which says what a kill leaves). Both run under the service lock (exclusive, 60 s), which
-// they take themselves. All files are of one generation: a source that changes while it is copied is a failed
-// copy. False, logged, with the service folder as it was, but for what MoveDirectory says; the staging folder
+// they take themselves. All files are of one generation of the certificate (deploy/staging.h). False, logged, with the service folder as it was, but for what MoveDirectory says; the staging folder
 // is removed.
 //
 // Only root may be able to write the certificate root and the subscriber's folder: who can exchange the
@@ -23,17 +22,16 @@
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Multiple mode when the service object's `multiple_cert` is true and the certificate lists key types, else
-// single mode. `certId` names a folder of the archive; the service object is valid (IsServiceObjValid) and
+// single mode. `cert_id` names a folder of the archive; the service object is valid (IsServiceObjValid) and
 // its names are usable (store/names.h).
-bool DeployServiceCrt(const std::string &certId, const Json::Value &serviceObj);
+bool DeployServiceCrt(const std::string &cert_id, const Json::Value &serviceObj);
 
-bool DeploySingleCrt(const std::string &certId, const Json::Value &serviceObj);
+bool DeploySingleCrt(const std::string &cert_id, const Json::Value &serviceObj);
 
 // Fails when the certificate lists no key type.
-bool DeployMultipleCrt(const std::string &certId, const Json::Value &serviceObj);
+bool DeployMultipleCrt(const std::string &cert_id, const Json::Value &serviceObj);
 
 }  // namespace opalcrt

@@ -6,8 +6,7 @@
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Replaces the folder `destination` by the folder `source`, with a copy of the old one in the backup folder,
 // destination + ".bak", until the new one stands. The content of `source` must be on the disk already. True
@@ -15,10 +14,8 @@ namespace opalcrt
 // then). Two moves to one destination must be kept apart by the service lock.
 //
 // What a failed or killed move leaves, and what the next one does with it:
-//   the destination, and a backup, whole or partial: the backup is removed
+//   the destination, whole or partly removed, and a backup, whole or partial: the backup is removed
 //   the backup alone: it is renamed back first, since it is the only whole copy
-//   a partly removed destination and the backup (a kill inside /bin/rm): the backup is kept as this move's backup,
-//   and none is made of the remains
 // After a failure the destination is as it was, except that
 //   - when the roll-back's removal or rename fails, it is partly removed or absent, and the backup stays;
 //   - when the sync after the rename fails, the new folder stands and the backup stays.

@@ -6,42 +6,43 @@
 #include "common/json_member.h"
 #include "store/paths.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-std::string KeyTypeName(KeyType type)
-{
-    return type == KeyType::ECC ? "ECC" : "RSA";
-}
+namespace {
 
-std::string KeyTypePrefix(KeyType type)
-{
-    return KeyTypeName(type) + "-";
-}
+struct NamedKeyType {
+    KeyType type;
+    const char *name;
+};
 
-std::vector<KeyType> GetCrtKeyTypes(const std::string &certId)
+constexpr NamedKeyType kKeyTypes[] = {{KeyType::RSA, "RSA"}, {KeyType::ECC, "ECC"}};
+
+}  // namespace
+
+std::string KeyTypeName(KeyType type) { return kKeyTypes[type == KeyType::ECC ? 1 : 0].name; }
+
+std::string KeyTypePrefix(KeyType type) { return KeyTypeName(type) + "-"; }
+
+std::vector<KeyType> GetCrtKeyTypes(const std::string &cert_id)
 {
     Json::Value renew;
-    if (!fromFile(GetCrtFolderPath(certId) + "/renew.json", renew)) {
+    if (!fromFile(GetCrtFolderPath(cert_id) + "/renew.json", renew)) {
         return {};
     }
     const std::string text = GetString(renew, "key_types");
     return text.empty() ? std::vector<KeyType>() : ParseKeyTypes(text);
 }
 
-bool HasCrtKeyTypes(const std::string &certId)
-{
-    return !GetCrtKeyTypes(certId).empty();
-}
+bool HasCrtKeyTypes(const std::string &cert_id) { return !GetCrtKeyTypes(cert_id).empty(); }
 
 std::vector<KeyType> ParseKeyTypes(const std::string &text)
 {
     std::vector<KeyType> types;
     for (const std::string &piece : SplitTrimmed(text, "/")) {
-        if (piece == KeyTypeName(KeyType::RSA)) {
-            types.push_back(KeyType::RSA);
-        } else if (piece == KeyTypeName(KeyType::ECC)) {
-            types.push_back(KeyType::ECC);
+        for (const NamedKeyType &known : kKeyTypes) {
+            if (piece == known.name) {
+                types.push_back(known.type);
+            }
         }
     }
     return types.empty() ? std::vector<KeyType>{KeyType::RSA, KeyType::ECC} : types;
@@ -50,16 +51,12 @@ std::vector<KeyType> ParseKeyTypes(const std::string &text)
 std::vector<std::string> SplitTrimmed(const std::string &text, const std::string &delimiter)
 {
     std::vector<std::string> pieces;
-    const auto keep = [&pieces](const std::string &piece) {
-        if (std::string trimmed = TrimSpace(piece); !trimmed.empty()) {
-            pieces.push_back(std::move(trimmed));
+    for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
+        end = text.find(delimiter, start);
+        if (std::string piece = TrimSpace(text.substr(start, end - start)); !piece.empty()) {
+            pieces.push_back(std::move(piece));
         }
-    };
-    size_t start = 0;
-    for (size_t end; (end = text.find(delimiter, start)) != std::string::npos; start = end + 1) {
-        keep(text.substr(start, end - start));
     }
-    keep(text.substr(start));
     return pieces;
 }
 

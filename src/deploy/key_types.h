@@ -4,10 +4,12 @@
 #include <string>
 #include <vector>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 enum class KeyType { RSA = 0, ECC = 1 };
+
+// What every key type has, each with the type's prefix, in the order in which they are looked for and copied.
+inline constexpr const char *kKeyTypeFiles[] = {"cert.pem", "fullchain.pem", "privkey.pem"};
 
 // "RSA" or "ECC"; "RSA" for any other value.
 std::string KeyTypeName(KeyType type);
@@ -17,9 +19,9 @@ std::string KeyTypePrefix(KeyType type);
 
 // The certificate's key types, from the member `key_types` of its renew.json, in the order given there.
 // Empty when the file cannot be read as JSON, or when the member is missing, empty or no string.
-std::vector<KeyType> GetCrtKeyTypes(const std::string &certId);
+std::vector<KeyType> GetCrtKeyTypes(const std::string &cert_id);
 
-bool HasCrtKeyTypes(const std::string &certId);
+bool HasCrtKeyTypes(const std::string &cert_id);
 
 // Parses names separated by "/", for instance "RSA / ECC". Unknown names are passed over, names given twice
 // stay twice; RSA and ECC when no name is known.

@@ -6,27 +6,19 @@
 #include "platform/error_state.h"
 #include "platform/users.h"
 
-namespace opalcrt
-{
-
-namespace
-{
-constexpr const char *kLogSource = log_source::kFrontEnd;
-}
+namespace opalcrt {
 
 bool CheckOwnerPermission(const std::string &owner)
 {
     if (owner.empty()) {
-        YLIBCErrSetEx(kErrBadParameter, kLogSource, __LINE__);
-        return false;
+        return YLIBCErrSetEx(kErrBadParameter, LOG_SOURCE, __LINE__), false;
     }
 
     uid_t real = 0;
     uid_t effective = 0;
     uid_t saved = 0;
     if (getresuid(&real, &effective, &saved) != 0) {
-        YLIBCErrSetEx(kErrUserLookup, kLogSource, __LINE__);
-        return false;
+        return YLIBCErrSetEx(kErrUserLookup, LOG_SOURCE, __LINE__), false;
     }
     if (real == 0) {
         return true;
@@ -34,12 +26,10 @@ bool CheckOwnerPermission(const std::string &owner)
 
     uid_t ownerId = 0;
     if (OPALUserGetUGID(owner, &ownerId, nullptr) < 0) {
-        YLIBCErrSetEx(kErrUserLookup, kLogSource, __LINE__);
-        return false;
+        return YLIBCErrSetEx(kErrUserLookup, LOG_SOURCE, __LINE__), false;
     }
     if (ownerId != real) {
-        YLIBCErrSetEx(kErrPermission, kLogSource, __LINE__);
-        return false;
+        return YLIBCErrSetEx(kErrPermission, LOG_SOURCE, __LINE__), false;
     }
     return true;
 }

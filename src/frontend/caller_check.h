@@ -3,8 +3,7 @@
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Whether the process may act for `owner`, a user name: its real user is root or the owner. The effective and
 // saved users do not count, so a set-user-id start is its caller. For root the name is not looked up.

@@ -14,13 +14,9 @@
 #include "platform/atomic_file.h"
 #include "platform/startup.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
-
-constexpr const char *kLogSource = log_source::kFrontEnd;
+namespace {
 
 void PrintUsage(const char *name)
 {

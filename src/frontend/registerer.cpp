@@ -1,7 +1,5 @@
 #include "frontend/registerer.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,22 +14,17 @@
 #include "platform/error_state.h"
 #include "store/names.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
-constexpr const char *kLogSource = log_source::kFrontEnd;
-
-bool Init(int argc, char *argv[], Json::Value &definition, std::string &definitionPath)
+bool Init(int argc, char *argv[], Json::Value &definition, DefinitionFile &file)
 {
-    if (!LoadServiceConfig(argv[1], definition, definitionPath)) {
+    if (!LoadServiceConfig(argv[1], definition, file)) {
         return false;
     }
     if (!CheckOwnerPermission(GetString(definition, "owner"))) {
-        LOG_ERROR_STATE("Failed to init, ");
-        return false;
+        return LOG_ERROR_STATE("Failed to init, ");
     }
     definition["isPkg"] = GetBool(definition, "isPkg");
     definition["subscriber"] = argv[1];
@@ -41,24 +34,10 @@ bool Init(int argc, char *argv[], Json::Value &definition, std::string &definiti
     return true;
 }
 
-void RemoveDefinition(const std::string &path)
-{
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-        LOG_ERROR("Failed to unlink %s (%s)", path.c_str(), strerror(errno));
-        YLIBCErrSetEx(kErrUnlink, kLogSource, __LINE__);
-    }
-}
-
 bool IsGoodElement(const Json::Value &element, const std::string &subscriber)
 {
     if (!HasString(element, "service") || !HasString(element, "display_name")) {
         return false;
-    }
-    // JSON is UTF-8 (RFC 8259, 8.1): other readers of the books and the report refuse what is not.
-    for (const char *key : {"service", "display_name", "display_name_i18n"}) {
-        if (!IsUtf8(GetString(element, key))) {
-            return false;
-        }
     }
     const std::string service = GetString(element, "service");
     return service.empty() || IsUsableService(subscriber, service);
@@ -84,54 +63,17 @@ Json::Value MakeServiceObj(const Json::Value &definition, const Json::Value &ele
     return serviceObj;
 }
 
-void LogInvalidConfig(const Json::Value &definition)
-{
-    const std::string text = ToLogText(definition);
-    LOG_ERROR_LONG(text, "Invalid config: %s", text.c_str());
-}
-
-bool MakeServices(const Json::Value &definition, Json::Value &services)
-{
-    if (!GetMember(definition, "services").isArray() || !HasString(definition, "subscriber") ||
-        !HasString(definition, "owner") || !HasBool(definition, "isPkg")) {
-        LogInvalidConfig(definition);
-        return false;
-    }
-
-    const std::string filter = GetString(definition, "service");
-    const std::string subscriber = GetString(definition, "subscriber");
-    for (const Json::Value &element : definition["services"]) {
-        if (!IsGoodElement(element, subscriber)) {
-            const std::string text = ToLogText(element);
-            LOG_ERROR_LONG(text, "Bad service config: %s", text.c_str());
-            return false;
-        }
-        const std::string service = GetString(element, "service");
-        if (!filter.empty() && service != filter) {
-            continue;
-        }
-        services.append(MakeServiceObj(definition, element));
-        LOG_ERROR("Register certificate for %s/%s%s", subscriber.c_str(), service.c_str(),
-                  GetBool(definition, "isPkg") ? "(pkg)" : "");
-        if (!filter.empty()) {
-            break;
-        }
-    }
-    if (ToLogText(services).size() > kLargestDefinition) {
-        LogInvalidConfig(definition);
-        return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 int Registerer(int argc, char *argv[])
 {
     Json::Value definition;
-    std::string definitionPath;
-    const bool isReady = Init(argc, argv, definition, definitionPath);
-    RemoveDefinition(definitionPath);
+    DefinitionFile file;
+    const bool isReady = Init(argc, argv, definition, file);
+    if (!RemoveDefinition(file)) {
+        LOG_ERROR("Failed to unlink %s (%s)", file.path.c_str(), strerror(errno));
+        YLIBCErrSetEx(kErrUnlink, LOG_SOURCE, __LINE__);
+    }
     if (!isReady) {
         printf("Failed to init registerer\n");
         return 1;
@@ -156,9 +98,29 @@ int Registerer(int argc, char *argv[])
 bool PrepareServices(const Json::Value &definition, Json::Value &services)
 {
     services = Json::Value(Json::arrayValue);
-    if (!MakeServices(definition, services)) {
-        services = Json::Value(Json::arrayValue);
-        return false;
+    if (!GetMember(definition, "services").isArray() || !HasString(definition, "subscriber") ||
+        !HasString(definition, "owner") || !HasBool(definition, "isPkg")) {
+        return LOG_ERROR("Invalid config: %s", ToLogText(definition).c_str());
+    }
+
+    const std::string filter = GetString(definition, "service");
+    const std::string subscriber = GetString(definition, "subscriber");
+    for (const Json::Value &element : definition["services"]) {
+        if (!IsGoodElement(element, subscriber)) {
+            LOG_ERROR("Bad service config: %s", ToLogText(element).c_str());
+            services = Json::Value(Json::arrayValue);
+            return false;
+        }
+        const std::string service = GetString(element, "service");
+        if (!filter.empty() && service != filter) {
+            continue;
+        }
+        services.append(MakeServiceObj(definition, element));
+        LOG_ERROR("Register certificate for %s/%s%s", subscriber.c_str(), service.c_str(),
+                  GetBool(definition, "isPkg") ? "(pkg)" : "");
+        if (!filter.empty()) {
+            break;
+        }
     }
     return true;
 }

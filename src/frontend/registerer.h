@@ -3,8 +3,7 @@
 
 #include <json/value.h>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Registers the services that the subscriber's definition file declares, or the one that is named: builds the
 // service objects, lists them in SERVICES, and gives each its certificate. The definition file is removed
@@ -16,8 +15,7 @@ int Registerer(int argc, char *argv[]);
 // Fills `services` with the service objects that the definition (with `subscriber`, and `service` as a
 // filter) declares. With a filter only its first element of that name is taken, and those after it are not
 // looked at. A service whose name is not usable (store/names.h) is refused; the empty name is left to the
-// engine, which refuses it. Texts that are no UTF-8, and services that take more than kLargestDefinition bytes in a
-// book, are refused. False, logged, with `services` empty.
+// engine, which refuses it. False, logged, with `services` empty.
 bool PrepareServices(const Json::Value &definition, Json::Value &services);
 
 }  // namespace opalcrt

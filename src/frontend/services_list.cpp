@@ -4,18 +4,15 @@
 #include <utility>
 
 #include "common/json_file.h"
-#include "common/json_member.h"
 #include "common/log.h"
 #include "common/scoped_lock.h"
 #include "store/paths.h"
+#include "store/service.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
-constexpr const char *kLogSource = log_source::kFrontEnd;
 constexpr int kServicesLockSeconds = 60;
 
 // Reads the list, lets `change` make the new one of it, and writes that, all under the lock.
@@ -24,46 +21,44 @@ bool ChangeRegisterServices(Change change)
 {
     const ScopedLock lock(kServicesLock, kLockExclusive, kServicesLockSeconds, UnlockLine::kFrontEnd);
     if (!lock.IsHeld()) {
-        LOG_ERROR("Failed to lock [%s]", kServicesLock);
-        return false;
+        return LOG_ERROR("Failed to lock [%s]", kServicesLock);
     }
 
     Json::Value list;
     if (!fromFile(kServicesPath, list)) {
-        LOG_ERROR("Failed to read register services, it may missed or broken");
-        return false;
+        return LOG_ERROR("Failed to read register services, it may missed or broken");
     }
     if (!list.isArray()) {
-        const std::string text = ToLogText(list);
-        LOG_ERROR_LONG(text, "Incorrect format of register services [%s]", text.c_str());
-        return false;
+        return LOG_ERROR("Incorrect format of register services [%s]", ToLogText(list).c_str());
     }
 
     change(list);
     if (!toFile(kServicesPath, list, true)) {
-        LOG_ERROR("Failed to write register services (%m)");
-        return false;
+        return LOG_ERROR("Failed to write register services (%m)");
     }
     return true;
-}
-
-using ServiceKey = std::pair<std::string, std::string>;
-
-ServiceKey KeyOf(const Json::Value &serviceObj)
-{
-    return {GetString(serviceObj, "subscriber"), GetString(serviceObj, "service")};
 }
 
 // Everybody else waits for the lock meanwhile, so the list is looked through once and not for each service.
 void PutServices(Json::Value &list, const Json::Value &services)
 {
-    std::map<ServiceKey, Json::ArrayIndex> places;
-    for (Json::ArrayIndex place = 0; place < list.size(); ++place) {
-        places.try_emplace(KeyOf(list[place]), place);
+    std::map<ServiceName, const Json::Value *>
+        fresh;  // Of those with one name the last; null when it has its place.
+    for (const Json::Value &serviceObj : services) {
+        fresh[NameOf(serviceObj)] = &serviceObj;
+    }
+    for (Json::Value &listed : list) {
+        const auto found = fresh.find(NameOf(listed));
+        if (found != fresh.end() && found->second != nullptr) {
+            listed = *found->second;
+            found->second = nullptr;
+        }
     }
     for (const Json::Value &serviceObj : services) {
-        const auto found = places.try_emplace(KeyOf(serviceObj), list.size()).first;
-        list[found->second] = serviceObj;
+        if (const Json::Value *&left = fresh[NameOf(serviceObj)]; left != nullptr) {
+            list.append(*left);
+            left = nullptr;
+        }
     }
 }
 
@@ -85,12 +80,6 @@ bool RemoveRegisterServices(const std::string &subscriber, const std::string &fi
         }
         list.swap(kept);
     });
-}
-
-bool MatchService(const Json::Value &serviceObj, const std::string &subscriber, const std::string &filter)
-{
-    const std::optional<ServiceName> name = NameOf(serviceObj);
-    return name && name->subscriber == subscriber && (filter.empty() || name->service == filter);
 }
 
 }  // namespace opalcrt

@@ -10,18 +10,13 @@
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Puts each of the service objects in the place of the listed one with the same subscriber and service, or at
 // the end.
 bool AppendRegisterServices(const Json::Value &services);
 
-// Removes what MatchService finds.
+// Removes what MatchService (store/service.h) finds.
 bool RemoveRegisterServices(const std::string &subscriber, const std::string &filter);
-
-// Whether the service object is the subscriber's and, if the filter is not empty, is that service. False for
-// anything malformed.
-bool MatchService(const Json::Value &serviceObj, const std::string &subscriber, const std::string &filter);
 
 }  // namespace opalcrt

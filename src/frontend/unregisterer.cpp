@@ -1,69 +1,60 @@
 #include "frontend/unregisterer.h"
 
-#include <algorithm>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 #include <utility>
-#include <vector>
 
 #include "common/json_file.h"
 #include "common/json_member.h"
 #include "common/log.h"
 #include "common/scoped_lock.h"
-#include "deploy/dir_utils.h"
 #include "frontend/caller_check.h"
 #include "frontend/services_list.h"
 #include "platform/atomic_file.h"
+#include "platform/file_read.h"
 #include "platform/process.h"
 #include "store/crt_info.h"
 #include "store/names.h"
 #include "store/paths.h"
+#include "store/service.h"
+#include "store/service_folder.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
-constexpr const char *kLogSource = log_source::kFrontEnd;
 constexpr int kUnregisterLockSeconds = 10;
 
-const char *PkgMark(bool isPkg, const char *mark)
-{
-    return isPkg ? mark : "";
-}
+const char *PkgMark(bool isPkg, const char *mark) { return isPkg ? mark : ""; }
 
 bool Init(int argc, char *argv[], Json::Value &request)
 {
     request = Json::Value(Json::objectValue);
     if (*argv[1] == '\0') {
-        LOG_ERROR("Bad params: subscriber");
-        return false;
+        return LOG_ERROR("Bad params: subscriber");
     }
     request["subscriber"] = argv[1];
 
     const Json::Value *info = ReadCrtInfo();
     if (info == nullptr) {
-        LOG_ERROR("Failed to get info for UnRegisterer");
-        return false;
+        return LOG_ERROR("Failed to get info for UnRegisterer");
     }
     if (argc == 3) {
         request["service"] = argv[2];
     }
     if (!info->isObject() || info->empty()) {
-        LOG_ERROR("Bad certificate info");
-        return false;
+        return LOG_ERROR("Bad certificate info");
     }
 
     if (FindServiceOwner(*info, request) && !CheckOwnerPermission(GetString(request, "owner"))) {
-        LOG_ERROR_STATE("Failed to init, ");
-        return false;
+        return LOG_ERROR_STATE("Failed to init, ");
     }
     return true;
-}
-
-bool NamesService(const Json::Value &request, const Json::Value &serviceObj)
-{
-    return MatchService(serviceObj, GetString(request, "subscriber"), GetString(request, "service"));
 }
 
 // Whether a service object that is to be removed belongs to the owner that was found and checked.
@@ -74,41 +65,51 @@ bool IsSameOwner(const Json::Value &serviceObj, const Json::Value &request)
     const bool objIsPkg = GetBool(serviceObj, "isPkg");
     const bool requestIsPkg = GetBool(request, "isPkg");
     if (objOwner != requestOwner || objIsPkg != requestIsPkg) {
-        LOG_ERROR("Bad info: [%s(%s)_%s(%s)]", objOwner.c_str(), PkgMark(objIsPkg, "pkg"),
-                  requestOwner.c_str(), PkgMark(requestIsPkg, "pkg"));
-        return false;
+        return LOG_ERROR("Bad info: [%s(%s)_%s(%s)]", objOwner.c_str(), PkgMark(objIsPkg, "pkg"),
+                         requestOwner.c_str(), PkgMark(requestIsPkg, "pkg"));
     }
     return true;
 }
 
-bool ListsAny(const Json::Value &services, const Json::Value &request)
+// Rebuilds one certificate's list without the request's services. False when one of these is somebody else's.
+bool KeepOtherServices(const Json::Value &request, Json::Value &services, bool &isChanged)
 {
-    return std::any_of(services.begin(), services.end(), [&request](const Json::Value &serviceObj) {
-        return NamesService(request, serviceObj);
-    });
-}
-
-// Copies what stays of one entry's list to `kept`. False when a service to be removed is somebody else's.
-bool KeepOtherServices(const Json::Value &services, const Json::Value &request, Json::Value &kept)
-{
-    for (const Json::Value &serviceObj : services) {
-        if (!NamesService(request, serviceObj)) {
-            kept.append(serviceObj);
+    const std::string subscriber = GetString(request, "subscriber");
+    const std::string filter = GetString(request, "service");
+    Json::Value kept(Json::arrayValue);
+    for (Json::Value &serviceObj : services) {
+        if (!MatchService(serviceObj, subscriber, filter)) {
+            kept.append(std::move(serviceObj));
         } else if (!IsSameOwner(serviceObj, request)) {
             return false;
         }
     }
+    isChanged = isChanged || kept.size() != services.size();
+    services.swap(kept);
     return true;
 }
 
-// The archive, whose folders lie below the same root, and whatever only leads to a folder must not be
-// removed.
-bool IsRemovableFolder(bool isPkg, const std::string &subscriber, const std::string &service)
+// A link in the place of the folder that is removed is removed itself; nothing is removed through one.
+bool IsRemovableFolder(bool isPkg, const std::string &subscriber, bool hasService, const std::string &service)
 {
-    return IsUsableSubscriber(subscriber) && (service.empty() || IsUsableService(subscriber, service)) &&
+    std::error_code error;
+    return IsPlainFolderName(subscriber) && (service.empty() || IsPlainFolderName(service)) &&
            IsServiceFolderInRoot(isPkg, subscriber, service) &&
-           IsCanonicalPath(GetCertificateRoot(isPkg) + subscriber) &&
-           (service.empty() || IsCanonicalPath(GetServiceFolderPath(isPkg, subscriber, service)));
+           !(hasService && std::filesystem::is_symlink(GetCertificateRoot(isPkg) + subscriber, error));
+}
+
+// What a registration of the service that was cut off has left beside its folder: keys, too.
+bool RemoveRemains(const std::string &serviceFolder)
+{
+    for (const char *suffix : {kStagingSuffix, kBackupSuffix}) {
+        struct stat info = {};
+        const std::string path = serviceFolder + suffix;
+        if (lstat(path.c_str(), &info) == 0 &&
+            YLIBCExec("/bin/rm", "-rf", path.c_str(), nullptr, nullptr) != 0) {
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace
@@ -116,7 +117,8 @@ bool IsRemovableFolder(bool isPkg, const std::string &subscriber, const std::str
 int UnRegisterer(int argc, char *argv[])
 {
     const ScopedLock lock(kInfoLock, kLockExclusive, kUnregisterLockSeconds, UnlockLine::kFrontEnd);
-    if (!lock.IsHeld()) {
+    // Who may not open root's lock may not change anything either: he goes on to the step that tells him so.
+    if (!lock.IsHeld() && (errno != EACCES || geteuid() == 0)) {
         LOG_ERROR("Lock list file [%s] failed", kInfoLock);
         return 1;
     }
@@ -143,13 +145,15 @@ int UnRegisterer(int argc, char *argv[])
 
 bool FindServiceOwner(const Json::Value &info, Json::Value &request)
 {
+    const std::string subscriber = GetString(request, "subscriber");
+    const std::string filter = GetString(request, "service");
     for (const Json::Value &entry : info) {
         const Json::Value &services = GetMember(entry, "services");
         if (!services.isArray()) {
             continue;
         }
         for (const Json::Value &serviceObj : services) {
-            if (NamesService(request, serviceObj) && HasString(serviceObj, "owner") &&
+            if (MatchService(serviceObj, subscriber, filter) && HasString(serviceObj, "owner") &&
                 HasBool(serviceObj, "isPkg")) {
                 request["owner"] = serviceObj["owner"];
                 request["isPkg"] = serviceObj["isPkg"];
@@ -157,41 +161,30 @@ bool FindServiceOwner(const Json::Value &info, Json::Value &request)
             }
         }
     }
-    LOG_ERROR("Can NOT find service: %s(%s)", GetString(request, "subscriber").c_str(),
-              GetString(request, "service").c_str());
-    return false;
+    return LOG_ERROR("Can NOT find service: %s(%s)", subscriber.c_str(), filter.c_str());
 }
 
 bool RemoveServiceFromInfo(const Json::Value &request)
 {
+    const UniqueFd old = OpenRegularFile(kInfoPath);  // Stays what it is, whatever becomes of the name.
     Json::Value info;
     if (!TakeCrtInfo(info) || !info.isObject()) {
-        LOG_ERROR("Failed to get or bad info for UnRegisterer");
-        return false;
+        return LOG_ERROR("Failed to get or bad info for UnRegisterer");
     }
 
-    std::vector<std::pair<Json::Value *, Json::Value>> changed;  // Each list with what it was.
+    bool isChanged = false;
     for (Json::Value &entry : info) {
-        const Json::Value &services = GetMember(entry, "services");
-        if (!services.isArray() || !ListsAny(services, request)) {
-            continue;
-        }
-        Json::Value kept(Json::arrayValue);
-        if (!KeepOtherServices(services, request, kept)) {
+        if (GetMember(entry, "services").isArray() &&
+            !KeepOtherServices(request, entry["services"], isChanged)) {
             return false;
         }
-        entry["services"].swap(kept);
-        changed.emplace_back(&entry["services"], std::move(kept));
     }
-    if (changed.empty() || toFile(kInfoPath, info, true)) {
+    if (!isChanged || toFile(kInfoPath, info, true)) {
         return true;
     }
 
     LOG_ERROR("Failed to update info file");
-    for (auto &[services, before] : changed) {
-        services->swap(before);
-    }
-    if (toFile(kInfoBackupPath, info, true, kInfoPath)) {
+    if (fromOpenFile(old.Get(), info) && toFile(kInfoBackupPath, info, true, kInfoPath)) {
         LOG_ERROR("Original info file is backed up to %s.bak", kInfoPath);
     }
     return false;
@@ -202,25 +195,26 @@ bool RemoveServiceCertificate(const Json::Value &request)
     const bool isPkg = GetBool(request, "isPkg");
     const char *const mark = PkgMark(isPkg, "(pkg)");
     if (!HasString(request, "subscriber")) {
-        const std::string text = ToLogText(request);
-        LOG_ERROR_LONG(text, "Invalid config: %s", text.c_str());
-        return false;
+        return LOG_ERROR("Invalid config: %s", ToLogText(request).c_str());
     }
 
     const std::string subscriber = GetString(request, "subscriber");
     const std::string service = GetString(request, "service");
-    const std::string folder = HasString(request, "service") ? subscriber + "/" + service : subscriber;
-    if (!IsRemovableFolder(isPkg, subscriber, service)) {
-        LOG_ERROR("Invalid certificate: %s%s", folder.c_str(), mark);
-        return false;
+    const bool hasService = HasString(request, "service");
+    const std::string folder = hasService ? subscriber + "/" + service : subscriber;
+    const std::string path = GetCertificateRoot(isPkg) + folder;
+    // The remains first, and also without the folder: a registration that is cut off while it exchanges the folder
+    // leaves just them.
+    const bool remainsStay = !service.empty() && IsPlainFolderName(service) &&
+                             IsRemovableFolder(isPkg, subscriber, true, "") && !RemoveRemains(path);
+    if (!remainsStay && !IsRemovableFolder(isPkg, subscriber, hasService, service)) {
+        return LOG_ERROR("Invalid certificate: %s%s", folder.c_str(), mark);
     }
 
-    const std::string path = GetCertificateRoot(isPkg) + folder;
     // Synced: nobody would look for a key that a power cut brought back. Of an empty service the path ends in "/".
-    if (YLIBCExec("/bin/rm", "-rf", path.c_str(), nullptr, nullptr) != 0 ||
+    if (remainsStay || YLIBCExec("/bin/rm", "-rf", path.c_str(), nullptr, nullptr) != 0 ||
         !SyncParent(service.empty() ? GetCertificateRoot(isPkg) + subscriber : path)) {
-        LOG_ERROR_STATE("Failed to remove certificate [%s%s]", folder.c_str(), mark);
-        return false;
+        return LOG_ERROR_STATE("Failed to remove certificate [%s%s]", folder.c_str(), mark);
     }
     LOG_ERROR("Un-Register certificate for %s%s", folder.c_str(), mark);
     return true;

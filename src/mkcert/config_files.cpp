@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <libgen.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,13 +14,9 @@
 #include "platform/process.h"
 #include "platform/unique_fd.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
-
-constexpr const char *kLogSource = log_source::kMkcert;
+namespace {
 
 struct SubjectField {
     const char *key;  // With its padding.
@@ -77,14 +74,18 @@ std::string MakeAliasLine(const SzList &aliases)
 }
 
 // Opens the file for a whole new content. A new one is not writable for others whatever the umask: what
-// stands in it is signed by root.
+// stands in it is signed by root. A fifo would make us wait, and a device must not be removed when it takes nothing.
 UniqueFd OpenForWriting(const std::string &path)
 {
-    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (!fd.IsOpen()) {
-        SET_PLATFORM_ERRNO(errno);
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
+    struct stat info = {};
+    const bool isOpen = fd.IsOpen() && fstat(fd.Get(), &info) == 0;
+    if (isOpen && S_ISREG(info.st_mode)) {
+        return fd;
     }
-    return fd;
+    errno = isOpen ? EINVAL : errno;
+    SET_PLATFORM_ERRNO(errno);
+    return UniqueFd();
 }
 
 void WriteOrRemove(UniqueFd fd, const std::string &path, const std::string &text)
@@ -99,13 +100,11 @@ void WriteOrRemove(UniqueFd fd, const std::string &path, const std::string &text
 int WriteExtensions(const char *path, const std::string &text)
 {
     if (genDirectory(path) != 0) {
-        LOG_ERROR("generate directory failed");
-        return -1;
+        return LOG_ERROR("generate directory failed");
     }
     UniqueFd fd = OpenForWriting(path);
     if (!fd.IsOpen()) {
-        LOG_ERROR_STATE("fopen %s failed", path);
-        return -1;
+        return LOG_ERROR_STATE("fopen %s failed", path);
     }
     WriteOrRemove(std::move(fd), path, text);
     return 0;
@@ -116,14 +115,12 @@ int WriteExtensions(const char *path, const std::string &text)
 int genDirectory(const std::string &filePath)
 {
     if (filePath.empty()) {
-        LOG_ERROR("Failed to generate directory with invalid parameters");
-        return -1;
+        return LOG_ERROR("Failed to generate directory with invalid parameters");
     }
     std::string copy = filePath;  // dirname(3) changes what it is given.
     const std::string directory = dirname(copy.data());
     if (YLIBCExec("/bin/mkdir", "-p", directory.c_str(), nullptr, nullptr) != 0) {
-        LOG_ERROR("Failed to mkdir -p [%s] (%d)", directory.c_str(), errno);
-        return -1;
+        return LOG_ERROR("Failed to mkdir -p [%s] (%d)", directory.c_str(), errno);
     }
     return 0;
 }
@@ -131,17 +128,14 @@ int genDirectory(const std::string &filePath)
 int modifyCsrCfg(const std::string &path, const CsrSubject &subject)
 {
     if (path.empty()) {
-        LOG_ERROR_STATE("modifyCsrCfg sanity failed.");
-        return -1;
+        return LOG_ERROR_STATE("modifyCsrCfg sanity failed.");
     }
     if (genDirectory(path) != 0) {
-        LOG_ERROR("generate directory failed");
-        return -1;
+        return LOG_ERROR("generate directory failed");
     }
     UniqueFd fd = OpenForWriting(path);
     if (!fd.IsOpen()) {
-        LOG_ERROR_STATE("Open %s failed", path.c_str());
-        return -1;
+        return LOG_ERROR_STATE("Open %s failed", path.c_str());
     }
 
     std::string text = kCsrHead;
@@ -158,8 +152,7 @@ int modifyCsrCfg(const std::string &path, const CsrSubject &subject)
 int genCACnf(const char *path)
 {
     if (path == nullptr || *path == '\0') {
-        LOG_ERROR_STATE("CA CNF name is null or empty.");
-        return -1;
+        return LOG_ERROR_STATE("CA CNF name is null or empty.");
     }
     return WriteExtensions(path, kCaExtensions);
 }
@@ -167,12 +160,10 @@ int genCACnf(const char *path)
 int genServerCnf(const char *path, const SzList *aliases)
 {
     if (path == nullptr || *path == '\0') {
-        LOG_ERROR_STATE("Server CNF name is null or empty.");
-        return -1;
+        return LOG_ERROR_STATE("Server CNF name is null or empty.");
     }
     if (aliases == nullptr) {
-        LOG_ERROR("alias list is null");
-        return -1;
+        return LOG_ERROR("alias list is null");
     }
     return WriteExtensions(path, kServerExtensions + MakeAliasLine(*aliases));
 }

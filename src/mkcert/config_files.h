@@ -9,8 +9,7 @@
 
 #include "platform/string_list.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // The subject of a certificate request; an empty field is left out. Values are written between single quotes
 // without escaping.

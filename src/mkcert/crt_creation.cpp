@@ -1,23 +1,20 @@
 #include "mkcert/crt_creation.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <vector>
 
 #include "common/log.h"
+#include "mkcert/output_file.h"
 #include "mkcert/serial_file.h"
 #include "platform/file_test.h"
 #include "platform/process.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
-constexpr const char *kLogSource = log_source::kMkcert;
 constexpr char kOpenSSL[] = "/usr/bin/openssl";
 constexpr char kServerExtensionPath[] = "/usr/opal/etc/ssl/cfg.d/server.crt.cfg";
 constexpr mode_t kOwnerReadOnly = 0400;
@@ -36,8 +33,11 @@ void WriteServerExtensions(const std::string &extensionPath, const std::string &
     }
 }
 
-int RunOpenSSL(std::vector<std::string> args)
+int RunOpenSSL(const std::string &output, std::vector<std::string> args)
 {
+    if (!ReadyOutput(output)) {
+        return -1;
+    }
     std::vector<char *> argv;
     for (std::string &arg : args) {
         argv.push_back(arg.data());
@@ -51,28 +51,18 @@ int RunOpenSSL(std::vector<std::string> args)
 int genKey(const std::string &keyPath, unsigned bits)
 {
     if (bits == 0 || keyPath.empty()) {
-        LOG_ERROR("Failed to genKey with invalid parameters");
-        return -1;
+        return LOG_ERROR("Failed to genKey with invalid parameters");
     }
     if (genDirectory(keyPath) != 0) {
-        LOG_ERROR("Failed to generate directory for %s", keyPath.c_str());
-        return -1;
+        return LOG_ERROR("Failed to generate directory for %s", keyPath.c_str());
     }
-
-    // openssl would write into a file that stands there, whoever owns it or has it open.
-    if (unlink(keyPath.c_str()) != 0 && errno != ENOENT) {
-        LOG_ERROR("Failed to remove %s [%d]", keyPath.c_str(), errno);
-        return -1;
-    }
-    if (YLIBCExecl(kOpenSSL, kExecDefault,
-                   {"genrsa", "-rand", "/dev/urandom", "-out", keyPath.c_str(),
-                    std::to_string(bits).c_str()}) != 0) {
-        LOG_ERROR("Error when execute");
-        return -1;
+    if (!ReadyKeyOutput(keyPath) ||
+        YLIBCExecl(kOpenSSL, kExecDefault, "genrsa", "-rand", "/dev/urandom", "-out", keyPath.c_str(),
+                   std::to_string(bits).c_str(), nullptr) != 0) {
+        return LOG_ERROR("Error when execute");
     }
     if (chmod(keyPath.c_str(), kOwnerReadOnly) != 0) {
-        LOG_ERROR("chmod %s failed with %d", keyPath.c_str(), errno);
-        return -1;
+        return LOG_ERROR("chmod %s failed with %d", keyPath.c_str(), errno);
     }
     return 0;
 }
@@ -81,31 +71,25 @@ int genCsr(const std::string &configPath, const std::string &keyPath, const std:
            const CsrSubject *subject)
 {
     if (configPath.empty() || keyPath.empty() || subject == nullptr || csrPath.empty()) {
-        LOG_ERROR("Failed to generate csr with invalid paramters");
-        return -1;
+        return LOG_ERROR("Failed to generate csr with invalid paramters");
     }
     if (YLIBCFileExist(keyPath.c_str()) != 1) {
-        LOG_ERROR("Key is not existed");
-        return -1;
+        return LOG_ERROR("Key is not existed");
     }
     if (genDirectory(csrPath) != 0) {
-        LOG_ERROR("Failed to generate directory for %s", csrPath.c_str());
-        return -1;
+        return LOG_ERROR("Failed to generate directory for %s", csrPath.c_str());
     }
     if (modifyCsrCfg(configPath, *subject) != 0) {
-        LOG_ERROR("Failed to generate csr config file failed");
-        return -1;
+        return LOG_ERROR("Failed to generate csr config file failed");
     }
 
-    if (YLIBCExecl(kOpenSSL, kExecDefault,
-                   {"req", "-config", configPath.c_str(), "-new", "-sha256", "-key", keyPath.c_str(), "-out",
-                    csrPath.c_str()}) != 0) {
-        LOG_ERROR("Create CSR failed, command");
-        return -1;
+    if (!ReadyOutput(csrPath) ||
+        YLIBCExecl(kOpenSSL, kExecDefault, "req", "-config", configPath.c_str(), "-new", "-sha256", "-key",
+                   keyPath.c_str(), "-out", csrPath.c_str(), nullptr) != 0) {
+        return LOG_ERROR("Create CSR failed, command");
     }
     if (chmod(csrPath.c_str(), kOwnerReadOnly) == -1) {
-        LOG_ERROR("Failed to chmod %s [%d]", csrPath.c_str(), errno);
-        return -1;
+        return LOG_ERROR("Failed to chmod %s [%d]", csrPath.c_str(), errno);
     }
     return 0;
 }
@@ -115,16 +99,13 @@ int genCrt(const std::string &extensionPath, const std::string &csrPath, const s
            bool isSelfSigned, int days, const std::string &aliasText)
 {
     if (extensionPath.empty() || csrPath.empty() || caCrtPath.empty() || days <= 0) {
-        LOG_ERROR("genCrt params invalid");
-        return -1;
+        return LOG_ERROR("genCrt params invalid");
     }
     if (YLIBCFileExist(csrPath.c_str()) != 1) {
-        LOG_ERROR("Csr is not existed");
-        return -1;
+        return LOG_ERROR("Csr is not existed");
     }
     if (YLIBCFileExist(keyPath.c_str()) != 1) {
-        LOG_ERROR("Key is not existed");
-        return -1;
+        return LOG_ERROR("Key is not existed");
     }
 
     const std::string &output = isSelfSigned ? caCrtPath : outputPath;
@@ -132,19 +113,16 @@ int genCrt(const std::string &extensionPath, const std::string &csrPath, const s
         genCACnf(extensionPath.c_str());
     } else {
         if (serialPath.empty() || outputPath.empty()) {
-            LOG_ERROR("genCrt params invalid");
-            return -1;
+            return LOG_ERROR("genCrt params invalid");
         }
         if (YLIBCFileExist(serialPath.c_str()) != 1) {
-            LOG_ERROR("Serial file is not existed");
-            return -1;
+            return LOG_ERROR("Serial file is not existed");
         }
         WriteServerExtensions(extensionPath, aliasText);
     }
 
     if (genDirectory(output) != 0) {
-        LOG_ERROR("generate directory failed");
-        return -1;
+        return LOG_ERROR("generate directory failed");
     }
     std::vector<std::string> args = {
         kOpenSSL, "x509",  "-extfile", extensionPath, "-days", std::to_string(days),
@@ -153,13 +131,11 @@ int genCrt(const std::string &extensionPath, const std::string &csrPath, const s
         isSelfSigned ? std::vector<std::string>{"-signkey", keyPath}
                      : std::vector<std::string>{"-CAserial", serialPath, "-CA", caCrtPath, "-CAkey", keyPath};
     args.insert(args.end(), signer.begin(), signer.end());
-    if (RunOpenSSL(std::move(args)) != 0) {
-        LOG_ERROR("Error when execute");
-        return -1;
+    if (RunOpenSSL(output, std::move(args)) != 0) {
+        return LOG_ERROR("Error when execute");
     }
     if (chmod(output.c_str(), kOwnerReadOnly) < 0) {
-        LOG_ERROR("chmod(%s) failed", output.c_str());
-        return -1;
+        return LOG_ERROR("chmod(%s) failed", output.c_str());
     }
     return 0;
 }
@@ -167,7 +143,7 @@ int genCrt(const std::string &extensionPath, const std::string &csrPath, const s
 int genServerCrt(const std::string &csrPath, const std::string &caCrtPath, const std::string &outputPath,
                  const std::string &caKeyPath, int days, const std::string &aliasText)
 {
-    if (IsSerialFileMissing() && genSerialFile() != 0) {
+    if (!HasSerialFile() && genSerialFile() != 0) {
         return -1;
     }
     return genCrt(kServerExtensionPath, csrPath, caCrtPath, kSerialFile, outputPath, caKeyPath, false, days,

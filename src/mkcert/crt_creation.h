@@ -9,11 +9,10 @@
 
 #include "mkcert/config_files.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Makes an RSA key of `bits` bits, PEM. Nobody else can read it at any moment: openssl makes a new file with
-// mode 0600, and one that stands there is removed before, also when the run then fails.
+// mode 0600, and one that stands there is made root's before (mkcert/output_file.h).
 int genKey(const std::string &keyPath, unsigned bits);
 
 // Writes the request's configuration and makes a request for the key, signed with SHA-256. `subject` may be

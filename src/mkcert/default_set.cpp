@@ -1,24 +1,19 @@
 #include "mkcert/default_set.h"
 
-#include <unistd.h>
-
 #include <cerrno>
-#include <cstdio>
+#include <vector>
 
 #include "common/log.h"
 #include "mkcert/crt_creation.h"
 #include "mkcert/key_match.h"
+#include "mkcert/output_file.h"
 #include "mkcert/serial_file.h"
 #include "platform/atomic_file.h"
 #include "platform/process.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
-
-constexpr const char *kLogSource = log_source::kMkcert;
+namespace {
 
 constexpr unsigned kKeyBits = 2048;
 constexpr int kValidDays = 366;
@@ -29,20 +24,9 @@ constexpr char kCaExtensionPath[] = "/usr/opal/etc/ssl/cfg.d/ca.crt.cfg";
 constexpr char kServerConfig[] = "/usr/opal/etc/ssl/cfg.d/server.cfg";
 constexpr char kServerCsr[] = "/usr/opal/etc/ssl/.gen/server.csr";
 
-std::string CaCrtPath(const std::string &folder)
-{
-    return folder + "/opal-ca-cert.pem";
-}
+std::string CaCrtPath(const std::string &folder) { return folder + "/opal-ca-cert.pem"; }
 
-std::string CaKeyPath(const std::string &folder)
-{
-    return folder + "/opal-ca-privkey.pem";
-}
-
-std::string ChainPath(const std::string &folder)
-{
-    return folder + "/fullchain.pem";
-}
+std::string CaKeyPath(const std::string &folder) { return folder + "/opal-ca-privkey.pem"; }
 
 CsrSubject MakeSubject(const std::string &commonName)
 {
@@ -54,79 +38,28 @@ CsrSubject MakeSubject(const std::string &commonName)
     return subject;
 }
 
-int genCAKey(const std::string &caKeyPath, unsigned bits)
+// openssl and cp do not sync what they write.
+bool SyncAll(const std::vector<std::string> &paths)
 {
-    return genKey(caKeyPath, bits);
-}
-
-int genCACsr(const std::string &caKeyPath, const CsrSubject &subject)
-{
-    return genCsr(kCaConfig, caKeyPath, kCaCsr, &subject);
-}
-
-// From here on the folder is visibly incomplete until the chain is made again.
-bool RemoveChain(const std::string &folder)
-{
-    const std::string chain = ChainPath(folder);
-    if ((unlink(chain.c_str()) != 0 && errno != ENOENT) || !SyncParent(chain)) {
-        LOG_ERROR("Failed to remove %s [%d]", chain.c_str(), errno);
-        return false;
+    for (const std::string &path : paths) {
+        if (!SyncPath(path)) {
+            return LOG_ERROR("Failed to sync %s [%d]", path.c_str(), errno);
+        }
     }
     return true;
-}
-
-// `path` must be written already; openssl and cp do not sync what they write.
-bool SyncOrLog(const std::string &path)
-{
-    if (!SyncPath(path)) {
-        LOG_ERROR("Failed to sync %s [%d]", path.c_str(), errno);
-        return false;
-    }
-    return true;
-}
-
-// A copy is not made in one step, and a part of a chain looks like a chain: while it is made the key, without
-// which the folder is incomplete, has another name. A name that a kill leaves is taken over by the next one.
-bool CopyChain(const std::string &folder, const std::string &crtPath, const std::string &keyPath)
-{
-    const std::string chain = ChainPath(folder);
-    const std::string held = keyPath + ".held";
-    if (rename(keyPath.c_str(), held.c_str()) != 0 || !SyncParent(held)) {
-        LOG_ERROR("Failed to move %s to %s [%d]", keyPath.c_str(), held.c_str(), errno);
-        return false;
-    }
-    if (YLIBCExec("/bin/cp", "-f", crtPath.c_str(), chain.c_str(), nullptr) != 0) {
-        LOG_ERROR("Failed to copy crt to chain crt.");
-        RemoveChain(folder);
-        return false;
-    }
-    if (!SyncOrLog(chain) || !SyncOrLog(folder)) {
-        RemoveChain(folder);
-        return false;
-    }
-    if (rename(held.c_str(), keyPath.c_str()) != 0) {
-        LOG_ERROR("Failed to move %s to %s [%d]", held.c_str(), keyPath.c_str(), errno);
-        return false;
-    }
-    return SyncOrLog(folder);
 }
 
 }  // namespace
 
-int genDefaultCrtSet(const std::string &folder)
-{
-    return genNamedCrtSet(folder, kDefaultName, kDefaultName);
-}
+int genDefaultCrtSet(const std::string &folder) { return genNamedCrtSet(folder, kDefaultName, kDefaultName); }
 
 int genNamedCrtSet(const std::string &folder, const std::string &commonName, const std::string &aliasText)
 {
     if (genCASet(MakeSubject("Kestrel Inc. CA"), kKeyBits, folder) != 0) {
-        LOG_ERROR("Generate CA key & crt failed");
-        return -1;
+        return LOG_ERROR("Generate CA key & crt failed");
     }
     if (genCrtSet(MakeSubject(commonName), kKeyBits, aliasText, folder) != 0) {
-        LOG_ERROR("Failed to generate cert set");
-        return -1;
+        return LOG_ERROR("Failed to generate cert set");
     }
     return 0;
 }
@@ -134,22 +67,18 @@ int genNamedCrtSet(const std::string &folder, const std::string &commonName, con
 int genCASet(const CsrSubject &subject, unsigned bits, const std::string &folder)
 {
     if (folder.empty()) {
-        LOG_ERROR("Invalid paramter [%s]", folder.c_str());
-        return -1;
+        return LOG_ERROR("Invalid paramter [%s]", folder.c_str());
     }
     const std::string caCrtPath = CaCrtPath(folder);
     const std::string caKeyPath = CaKeyPath(folder);
 
-    if (const int result = genCAKey(caKeyPath, bits); result != 0) {
+    if (const int result = genKey(caKeyPath, bits); result != 0) {
         LOG_ERROR("genCAKey() failed");
         return result;
     }
-    if (const int result = genCACsr(caKeyPath, subject); result != 0) {
+    if (const int result = genCsr(kCaConfig, caKeyPath, kCaCsr, &subject); result != 0) {
         LOG_ERROR("genCACsr() failed");
         return result;
-    }
-    if (!RemoveChain(folder)) {
-        return -1;
     }
     if (const int result = genCACrt(caCrtPath, caKeyPath); result != 0) {
         LOG_ERROR("genCACrt() failed");
@@ -172,33 +101,28 @@ int genCrtSet(const CsrSubject &subject, unsigned bits, const std::string &alias
 {
     const std::string keyPath = folder + "/privkey.pem";
     const std::string crtPath = folder + "/cert.pem";
+    const std::string chainPath = folder + "/fullchain.pem";
     const std::string caCrtPath = CaCrtPath(folder);
     const std::string caKeyPath = CaKeyPath(folder);
 
     if (genKey(keyPath, bits) != 0) {
-        LOG_ERROR("Failed to generate key");
-        return -1;
+        return LOG_ERROR("Failed to generate key");
     }
     if (genCsr(kServerConfig, keyPath, kServerCsr, &subject) == -1) {
-        LOG_ERROR("Failed to generate csr");
-        return -1;
+        return LOG_ERROR("Failed to generate csr");
     }
     if (genServerCrt(kServerCsr, caCrtPath, crtPath, caKeyPath, kValidDays, aliasText) == -1) {
-        LOG_ERROR("Failed to generate cert");
-        return -1;
+        return LOG_ERROR("Failed to generate cert");
     }
     if (checkCrtKeyMatch(crtPath, keyPath) != 0) {
-        LOG_ERROR("cert and key is not matching.");
-        return -1;
+        return LOG_ERROR("cert and key is not matching.");
     }
 
-    for (const std::string &path :
-         {caKeyPath, caCrtPath, keyPath, crtPath, std::string(kSerialFile), folder}) {
-        if (!SyncOrLog(path)) {
-            return -1;
-        }
+    if (!ReadyOutput(chainPath) ||
+        YLIBCExec("/bin/cp", "-f", crtPath.c_str(), chainPath.c_str(), nullptr) != 0) {
+        return LOG_ERROR("Failed to copy crt to chain crt.");
     }
-    return CopyChain(folder, crtPath, keyPath) ? 0 : -1;
+    return SyncAll({caKeyPath, caCrtPath, keyPath, crtPath, chainPath, kSerialFile, folder}) ? 0 : -1;
 }
 
 }  // namespace opalcrt

@@ -1,33 +1,19 @@
 #include "mkcert/key_match.h"
 
-#include <memory>
+#include <openssl/pem.h>
 
-#include "common/libcrypto.h"
 #include "common/log.h"
-#include "common/no_password.h"
-#include "platform/file_test.h"
+#include "common/openssl.h"
+#include "platform/file_read.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
-
-constexpr const char *kLogSource = log_source::kMkcert;
-
-struct OpenSSLFree {
-    void operator()(BIO *bio) const { libcrypto.BIO_free(bio); }
-    void operator()(X509 *crt) const { libcrypto.X509_free(crt); }
-    void operator()(EVP_PKEY *key) const { libcrypto.EVP_PKEY_free(key); }
-};
-using UniqueBio = std::unique_ptr<BIO, OpenSSLFree>;
-using UniqueX509 = std::unique_ptr<X509, OpenSSLFree>;
-using UniqueKey = std::unique_ptr<EVP_PKEY, OpenSSLFree>;
+namespace {
 
 // OpenSSL's own file BIO leaves its descriptor open in children; "e" is O_CLOEXEC (fopen(3)).
-UniqueBio OpenBio(const std::string &path)
+UniqueOpenSSL<BIO> OpenBio(const std::string &path)
 {
-    UniqueBio bio(libcrypto.BIO_new_file(path.c_str(), "re"));
+    UniqueOpenSSL<BIO> bio(BIO_new_file(path.c_str(), "re"));
     if (bio == nullptr) {
         LOG_ERROR("Failed to BIO_new_file. [%s]", path.c_str());
     }
@@ -39,34 +25,29 @@ UniqueBio OpenBio(const std::string &path)
 int checkCrtKeyMatch(const std::string &crtPath, const std::string &keyPath)
 {
     if (YLIBCFileUTF8BomStrip(crtPath.c_str()) != 0 || YLIBCFileUTF8BomStrip(keyPath.c_str()) != 0) {
-        LOG_ERROR("Failed to strip utf8 BOM");
-        return -1;
+        return LOG_ERROR("Failed to strip utf8 BOM");
     }
 
-    if (!LoadLibCrypto(kLogSource)) {
-        return -1;
-    }
-    const UniqueBio crtBio = OpenBio(crtPath);
+    ReadNoOpenSSLConfig();
+    const UniqueOpenSSL<BIO> crtBio = OpenBio(crtPath);
     if (crtBio == nullptr) {
         return -1;
     }
-    const UniqueX509 crt(libcrypto.PEM_read_bio_X509(crtBio.get(), nullptr, NoPassword, nullptr));
+    const UniqueOpenSSL<X509> crt(PEM_read_bio_X509(crtBio.get(), nullptr, NoPassword, nullptr));
     if (crt == nullptr) {
-        LOG_ERROR("Failed to read cert from %s", crtPath.c_str());
-        return -1;
+        return LOG_ERROR("Failed to read cert from %s", crtPath.c_str());
     }
 
-    const UniqueBio keyBio = OpenBio(keyPath);
+    const UniqueOpenSSL<BIO> keyBio = OpenBio(keyPath);
     if (keyBio == nullptr) {
         return -1;
     }
-    const UniqueKey key(libcrypto.PEM_read_bio_PrivateKey(keyBio.get(), nullptr, NoPassword, nullptr));
+    const UniqueOpenSSL<EVP_PKEY> key(PEM_read_bio_PrivateKey(keyBio.get(), nullptr, NoPassword, nullptr));
     if (key == nullptr) {
-        LOG_ERROR("Failed to read private key from %s", keyPath.c_str());
-        return -1;
+        return LOG_ERROR("Failed to read private key from %s", keyPath.c_str());
     }
 
-    return libcrypto.X509_check_private_key(crt.get(), key.get()) == 1 ? 0 : 1;
+    return X509_check_private_key(crt.get(), key.get()) == 1 ? 0 : 1;
 }
 
 }  // namespace opalcrt

@@ -9,13 +9,12 @@
 #include <filesystem>
 
 #include "platform/error_state.h"
+#include "platform/file_test.h"
 #include "platform/unique_fd.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 // Gives the open file the mode and owner of the model, or 0644 when there is none.
 bool TakeModeAndOwner(int fd, const std::string &modelPath)
@@ -26,17 +25,6 @@ bool TakeModeAndOwner(int fd, const std::string &modelPath)
     }
     // The owner first: fchown clears set-id bits, and fchmod then sets exactly what the model has.
     return fchown(fd, model.st_uid, model.st_gid) == 0 && fchmod(fd, model.st_mode & 07777) == 0;
-}
-
-bool WriteNewFile(const std::string &path, const std::string &text, const std::string &modelPath)
-{
-    // O_EXCL on a name that was just removed: nothing that stands there is ever written through.
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-        return false;
-    }
-    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    return fd.IsOpen() && TakeModeAndOwner(fd.Get(), modelPath) && WriteAll(fd.Get(), text) &&
-           fsync(fd.Get()) == 0 && fd.Close() == 0;
 }
 
 }  // namespace
@@ -54,25 +42,61 @@ bool WriteAll(int fd, const std::string &text)
     return true;
 }
 
+bool WriteNewFile(const std::string &path, const std::string &text, const std::string &modelPath)
+{
+    // O_EXCL on a name that was just removed: nothing that stands there is ever written through.
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        return SET_PLATFORM_ERRNO(errno);
+    }
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (fd.IsOpen() && TakeModeAndOwner(fd.Get(), modelPath) && WriteAll(fd.Get(), text) &&
+        fsync(fd.Get()) == 0 && fd.Close() == 0) {
+        return true;
+    }
+    const int error = errno;
+    SET_PLATFORM_ERRNO(error);
+    unlink(path.c_str());
+    errno = error;
+    return false;
+}
+
+bool RenameAndSync(const std::string &from, const std::string &to)
+{
+    if (rename(from.c_str(), to.c_str()) != 0) {
+        return SET_PLATFORM_ERRNO(errno);
+    }
+    return SyncParent(to);
+}
+
+bool RemoveAndSync(const std::string &path)
+{
+    if (unlink(path.c_str()) != 0) {
+        SET_PLATFORM_ERRNO(errno);
+        return IsMissing(errno);
+    }
+    return SyncParent(path);
+}
+
 bool ReplaceFile(const std::string &path, const std::string &text, const std::string &modelPath)
 {
     const std::string fresh = path + ".new";
-    if (!WriteNewFile(fresh, text, modelPath) || rename(fresh.c_str(), path.c_str()) != 0) {
-        const int error = errno;
-        SET_PLATFORM_ERRNO(error);
-        unlink(fresh.c_str());
-        errno = error;
+    if (!WriteNewFile(fresh, text, modelPath)) {
         return false;
     }
-    return SyncParent(path);
+    if (RenameAndSync(fresh, path)) {
+        return true;
+    }
+    const int error = errno;
+    unlink(fresh.c_str());  // Not there when only the sync has failed.
+    errno = error;
+    return false;
 }
 
 bool SyncPath(const std::string &path)
 {
     UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!fd.IsOpen() || fsync(fd.Get()) != 0) {
-        SET_PLATFORM_ERRNO(errno);
-        return false;
+        return SET_PLATFORM_ERRNO(errno);
     }
     return true;
 }
@@ -89,24 +113,20 @@ bool SyncParent(const std::string &path)
 bool SyncTree(const std::string &path)
 {
     namespace fs = std::filesystem;
-    std::error_code error;
-    if (fs::is_symlink(fs::symlink_status(path, error))) {
-        return true;
-    }
-    fs::recursive_directory_iterator entry(path, error);
-    for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-        const fs::file_status status = entry->symlink_status(error);
-        if (error) {
-            break;
+    try {
+        if (fs::is_symlink(fs::symlink_status(path))) {
+            return true;
         }
-        if ((fs::is_regular_file(status) || fs::is_directory(status)) && !SyncPath(entry->path().native())) {
-            return false;
+        for (const fs::directory_entry &entry : fs::recursive_directory_iterator(path)) {
+            const fs::file_status status = entry.symlink_status();
+            if ((fs::is_regular_file(status) || fs::is_directory(status)) &&
+                !SyncPath(entry.path().native())) {
+                return false;
+            }
         }
-    }
-    if (error) {
-        errno = error.value();
-        SET_PLATFORM_ERRNO(errno);
-        return false;
+    } catch (const fs::filesystem_error &error) {
+        errno = error.code().value();
+        return SET_PLATFORM_ERRNO(errno);
     }
     return SyncPath(path);
 }

@@ -10,12 +10,11 @@
 #include "platform/atomic_file.h"
 #include "platform/error_state.h"
 #include "platform/file_test.h"
+#include "platform/unique_fd.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 // One folder. The mode is set once more on the descriptor: what mkdir(2) is given goes through the umask and
 // the default ACL of the folder above. One that could not be finished must not stay: nobody would mend its

@@ -3,8 +3,7 @@
 
 #include <sys/types.h>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Creates the absolute `path` as a folder, with `parents` non-zero also the folders missing on the way. Each
 // folder made has exactly `mode` (not cut by the umask) and the owner uid:gid, and its entry is synced in the

@@ -1,10 +1,8 @@
 #include "platform/error_state.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 struct ErrorState {
     int code = 0;
     const char *file = "";
@@ -13,24 +11,12 @@ struct ErrorState {
 ErrorState lastError;
 }  // namespace
 
-void YLIBCErrSetEx(int code, const char *file, int line)
-{
-    lastError = {code, file, line};
-}
+void YLIBCErrSetEx(int code, const char *file, int line) { lastError = {code, file, line}; }
 
-int YLIBCErrGet()
-{
-    return lastError.code;
-}
+int YLIBCErrGet() { return lastError.code; }
 
-const char *YLIBCErrorGetFile()
-{
-    return lastError.file;
-}
+const char *YLIBCErrorGetFile() { return lastError.file; }
 
-int YLIBCErrorGetLine()
-{
-    return lastError.line;
-}
+int YLIBCErrorGetLine() { return lastError.line; }
 
 }  // namespace opalcrt

@@ -2,8 +2,7 @@
 // of log lines. One record per process; the tool has one thread.
 #pragma once
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // The first four codes are the front end's own and part of what administrators search logs for.
 enum PlatformError : int {
@@ -34,7 +33,8 @@ int YLIBCErrorGetLine();
 
 #define SET_PLATFORM_ERROR(code) ::opalcrt::YLIBCErrSetEx((code), __FILE_NAME__, __LINE__)
 
-// The code for a system call that has just failed with this errno value.
-#define SET_PLATFORM_ERRNO(error)                                                        \
-    SET_PLATFORM_ERROR((error) == ENOENT || (error) == ENOTDIR ? ::opalcrt::kErrNotFound \
-                                                               : ::opalcrt::kErrSystemCall)
+// The code for a system call that has just failed with this errno value. False, for the function that has failed.
+#define SET_PLATFORM_ERRNO(error)                                                             \
+    (SET_PLATFORM_ERROR((error) == ENOENT || (error) == ENOTDIR ? ::opalcrt::kErrNotFound     \
+                                                                : ::opalcrt::kErrSystemCall), \
+     false)

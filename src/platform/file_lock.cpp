@@ -14,11 +14,9 @@
 #include "platform/error_state.h"
 #include "platform/unique_fd.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
 using Clock = std::chrono::steady_clock;
 
@@ -36,23 +34,18 @@ bool TakeOver(int fd, const struct stat &info)
     return fchown(fd, 0, 0) == 0 && fchmod(fd, 0600) == 0;
 }
 
+// errno is EEXIST when somebody else has made the file just now: the next turn opens that one.
 UniqueFd OpenLockFile(const char *path)
 {
     // An existing file is opened without O_CREAT: with fs.protected_regular the kernel refuses root another
     // user's file in /tmp otherwise (proc_sys_fs(5)).
-    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     UniqueFd fd(open(path, kFlags));
     if (!fd.IsOpen() && errno == ENOENT) {
         fd = UniqueFd(open(path, kFlags | O_CREAT | O_EXCL, 0600));
-        if (!fd.IsOpen() && errno == EEXIST) {
-            fd = UniqueFd(open(path, kFlags));  // Somebody else was faster.
-        }
     }
     struct stat info = {};
-    if (!fd.IsOpen()) {
-        return fd;
-    }
-    if (fstat(fd.Get(), &info) != 0) {
+    if (!fd.IsOpen() || fstat(fd.Get(), &info) != 0) {
         return UniqueFd();
     }
     if (!S_ISREG(info.st_mode)) {
@@ -60,6 +53,17 @@ UniqueFd OpenLockFile(const char *path)
         return UniqueFd();
     }
     return TakeOver(fd.Get(), info) ? std::move(fd) : UniqueFd();
+}
+
+// Both kinds of lock that know an owner's descriptor: flock(2) does not see record locks, which other programs of
+// the appliance may take at these files (fcntl(2)). Both go with the descriptor.
+bool TryLock(int fd, int mode)
+{
+    struct flock record = {};
+    record.l_type = mode == kLockExclusive ? F_WRLCK : F_RDLCK;
+    record.l_whence = SEEK_SET;
+    return flock(fd, (mode == kLockExclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0 &&
+           fcntl(fd, F_OFD_SETLK, &record) == 0;
 }
 
 // Whether the name still leads to the file that is locked.
@@ -84,45 +88,35 @@ void Pause(std::chrono::milliseconds &pause, Clock::time_point end)
 int YLIBCFileLockTimeByFile(const char *path, int mode, int seconds, int *fd)
 {
     const Clock::time_point end = Clock::now() + std::chrono::seconds(seconds);
-    std::chrono::milliseconds pause(1);
-    UniqueFd file = OpenLockFile(path);
-    while (file.IsOpen() || errno == ENOENT) {
-        const bool isLocked =
-            file.IsOpen() && flock(file.Get(), (mode == kLockExclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0;
+    for (std::chrono::milliseconds pause(1);; Pause(pause, end)) {
+        UniqueFd file = OpenLockFile(path);
+        const bool isLocked = file.IsOpen() && TryLock(file.Get(), mode);
         if (isLocked && IsStillNamed(file.Get(), path)) {
             *fd = file.Release();
             return 1;
         }
-        if (!isLocked && file.IsOpen() && errno != EWOULDBLOCK && errno != EINTR) {
-            break;
+        const bool isBusy = isLocked || (file.IsOpen() ? errno == EAGAIN || errno == EINTR : errno == EEXIST);
+        if (!isBusy) {
+            return SET_PLATFORM_ERRNO(errno);
         }
         if (Clock::now() >= end) {
             SET_PLATFORM_ERROR(kErrLockTimeout);
             errno = ETIMEDOUT;
             return 0;
         }
-        Pause(pause, end);
-        if (isLocked || !file.IsOpen()) {
-            file = UniqueFd();  // Let go before the name is opened anew.
-            file = OpenLockFile(path);
-        }
     }
-    SET_PLATFORM_ERRNO(errno);
-    return 0;
 }
 
 int YLIBCFileUnlockByFile(int fd)
 {
-    const bool released = flock(fd, LOCK_UN) == 0;
+    UniqueFd file(fd);
+    const bool isReleased = flock(fd, LOCK_UN) == 0;
     const int error = errno;
-    const bool closed = close(fd) == 0;
-    if (!released) {
-        errno = error;
+    if (file.Close() != 0 || !isReleased) {
+        errno = isReleased ? errno : error;
+        return SET_PLATFORM_ERRNO(errno);
     }
-    if (!released || !closed) {
-        SET_PLATFORM_ERRNO(errno);
-    }
-    return released && closed ? 1 : 0;
+    return 1;
 }
 
 }  // namespace opalcrt

@@ -1,20 +1,17 @@
-// Looking at files, and reading them a line at a time.
+// Looking at files.
 #pragma once
 
 #include <sys/stat.h>
 
-#include <cstdio>
-#include <memory>
-#include <string>
+namespace opalcrt {
 
-#include "platform/unique_fd.h"
-
-namespace opalcrt
-{
+// Whether an errno value says that nothing is there that could be overwritten or lost: ENOENT, ENOTDIR, a loop of links
+// or a name that is too long.
+bool IsMissing(int error);
 
 // Both follow links (stat(2)) and have three answers, since a file that cannot be looked at is not a missing
-// one: 1 when the path is there (is a folder), 0 when it is not (ENOENT or ENOTDIR; for YLIBCFileCheckDir
-// also: something else stands there), -1 when that could not be found out (EACCES, EIO, ENOMEM, ...).
+// one: 1 when the path is there (is a folder), 0 when it is not (IsMissing; for YLIBCFileCheckDir also:
+// something else stands there), -1 when that could not be found out (EACCES, EIO, ENOMEM, ...).
 // On 0 and -1 the platform error state is set and errno is that of stat(2) (ENOTDIR for something else).
 int YLIBCFileExist(const char *path);
 int YLIBCFileCheckDir(const char *path);
@@ -22,28 +19,5 @@ int YLIBCFileCheckDir(const char *path);
 // Whether both are the same file with the same content: device, inode, size, and the times of its last writing and
 // change. The time of its last reading does not count.
 bool IsSameFile(const struct stat &one, const struct stat &other);
-
-// Opens a regular file for reading, close-on-exec. Anything else in its place (a folder, a fifo, a device)
-// is refused without waiting for it: errno is EINVAL then. Follows links.
-// A descriptor that is not open, with the platform error state and errno set, on failure.
-UniqueFd OpenRegularFile(const char *path);
-
-struct FileCloser {
-    void operator()(FILE *file) const { fclose(file); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
-
-// OpenRegularFile as a stream for YLIBCFgets; null on failure.
-UniqueFile OpenForReading(const char *path);
-
-// Reads one line of at most size - 1 bytes with its newline, as fgets(3); null at end of file or on error.
-char *YLIBCFgets(char *buffer, int size, FILE *file);
-
-// Reads what is left of `fd`, at most `limit` bytes: more is a failure with EFBIG. False with errno set.
-bool ReadWhole(int fd, size_t limit, std::string &text);
-
-// Takes a UTF-8 byte order mark (EF BB BF) from the start of the file, which is replaced as a whole and keeps
-// its mode and owner. 0 on success, also when there is none; -1, file untouched, with the error state set.
-int YLIBCFileUTF8BomStrip(const char *path);
 
 }  // namespace opalcrt

@@ -2,8 +2,7 @@
 
 #include "platform/process.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 bool OPALSystemdReload(const char *unit)
 {
@@ -12,9 +11,8 @@ bool OPALSystemdReload(const char *unit)
 
 int OPALSysNotifySendNotifiction(const char *event, const void *)
 {
-    return YLIBCExecl(
-        "/usr/bin/busctl", kExecDefault,
-        {"--system", "emit", "/org/opal/Notification", "org.opal.Notification", "Event", "s", event});
+    return YLIBCExecl("/usr/bin/busctl", kExecDefault, "--system", "emit", "/org/opal/Notification",
+                      "org.opal.Notification", "Event", "s", event, nullptr);
 }
 
 }  // namespace opalcrt

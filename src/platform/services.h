@@ -1,8 +1,7 @@
 // The service manager and the system's notifications.
 #pragma once
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Asks the service manager to reload the unit: /usr/bin/systemctl reload UNIT (systemctl(1)). True on
 // success; false also where the unit or the manager does not exist.

@@ -7,8 +7,7 @@
 #include <csignal>
 #include <cstdio>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 bool PrepareProcess()
 {
@@ -26,9 +25,6 @@ bool PrepareProcess()
            signal(SIGXFSZ, SIG_IGN) != SIG_ERR;
 }
 
-void PrintBanner()
-{
-    printf("Certificate service tool\n");
-}
+void PrintBanner() { printf("Certificate service tool\n"); }
 
 }  // namespace opalcrt

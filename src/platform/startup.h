@@ -1,8 +1,7 @@
 // What a caller may have left strange in the process that it started.
 #pragma once
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // To be called before anything is opened. Afterwards descriptors 0, 1 and 2 are taken, so that no file of
 // ours can become standard output; one that the caller had closed gives an error when it is used (it is

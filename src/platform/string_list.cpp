@@ -7,25 +7,18 @@
 
 #include "platform/error_state.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 std::unique_ptr<SzList> YLIBCSzListAlloc(size_t size)
 {
-    try {
-        auto list = std::make_unique<SzList>();
+    std::unique_ptr<SzList> list(new (std::nothrow) SzList);
+    if (list != nullptr) {
         list->items.reserve(size);
-        return list;
-    } catch (const std::bad_alloc &) {
-        SET_PLATFORM_ERROR(kErrSystemCall);
-        return nullptr;
     }
+    return list;
 }
 
-const char *YLIBCSzListGet(const SzList &list, size_t index)
-{
-    return list.items[index].c_str();
-}
+const char *YLIBCSzListGet(const SzList &list, size_t index) { return list.items[index].c_str(); }
 
 int YLIBCStrSep(const char *text, const char *separator, SzList *list)
 {
@@ -33,18 +26,11 @@ int YLIBCStrSep(const char *text, const char *separator, SzList *list)
         SET_PLATFORM_ERROR(kErrBadParameter);
         return -1;
     }
-    try {
-        int count = 1;
-        for (const char *end; (end = strstr(text, separator)) != nullptr;
-             text = end + strlen(separator), ++count) {
-            list->items.emplace_back(text, end);
-        }
-        list->items.emplace_back(text);
-        return count;
-    } catch (const std::bad_alloc &) {
-        SET_PLATFORM_ERROR(kErrSystemCall);
-        return -1;
+    for (const char *end; (end = strstr(text, separator)) != nullptr; text = end + strlen(separator)) {
+        list->items.emplace_back(text, end);
     }
+    list->items.emplace_back(text);
+    return static_cast<int>(list->items.size());
 }
 
 int BlYLIBIsIpAddr(const char *text)

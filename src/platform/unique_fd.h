@@ -5,11 +5,9 @@
 
 #include <utility>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-class UniqueFd
-{
+class UniqueFd {
 public:
     UniqueFd() = default;
     explicit UniqueFd(int fd) : fd_(fd) {}

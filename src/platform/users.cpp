@@ -7,8 +7,7 @@
 
 #include "platform/error_state.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 int OPALUserGetUGID(const std::string &name, uid_t *uid, gid_t *gid)
 {
@@ -26,7 +25,9 @@ int OPALUserGetUGID(const std::string &name, uid_t *uid, gid_t *gid)
             buffer.resize(buffer.size() * 2);
         }
     }
-    if (found == nullptr) {
+    // -1 stands for "leave as it is" in chown(2): the files of such a user would stay root's.
+    if (found == nullptr || entry.pw_uid == static_cast<uid_t>(-1) ||
+        entry.pw_gid == static_cast<gid_t>(-1)) {
         SET_PLATFORM_ERROR(kErrUserLookup);
         errno = error != 0 ? error : ENOENT;
         return -1;

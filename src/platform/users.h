@@ -5,11 +5,10 @@
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Puts the user's id and primary group's id into `uid` and `gid`; either may be null. 0 on success; negative,
-// with the platform error state set, when there is no such user or the name service could not be asked.
+// with the platform error state set, when there is no such user, one of the ids is -1, or the name service could not be asked.
 int OPALUserGetUGID(const std::string &name, uid_t *uid, gid_t *gid);
 
 }  // namespace opalcrt

@@ -1,107 +1,62 @@
 #include "store/crt_info.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
-#include "common/json_cache.h"
 #include "common/json_file.h"
 #include "common/json_member.h"
 #include "common/log.h"
 #include "common/scoped_lock.h"
 #include "platform/atomic_file.h"
+#include "platform/file_read.h"
 #include "platform/file_test.h"
 #include "store/paths.h"
+#include "store/service.h"
 
-namespace opalcrt
-{
+namespace opalcrt {
 
-namespace
-{
+namespace {
 
-constexpr const char *kLogSource = log_source::kUtils;
-
-struct ServiceObjKey {
-    const char *name;
-    Json::ValueType type;
-    bool isRequired;
-};
-
-constexpr ServiceObjKey kServiceObjKeys[] = {
-    {"display_name", Json::stringValue, true}, {"display_name_i18n", Json::stringValue, false},
-    {"subscriber", Json::stringValue, true},   {"service", Json::stringValue, true},
-    {"isPkg", Json::booleanValue, true},       {"owner", Json::stringValue, true},
-};
-
-// A registration reads INFO several times for each service, and mostly nobody has changed it meanwhile.
-JsonFileCache &CrtInfoFile()
-{
-    static JsonFileCache file(kInfoPath);
-    return file;
-}
+// INFO as it was read or written last: a registration reads it several times for each service, and mostly nobody has
+// changed it meanwhile. The file is held open, so that no other one can get its inode number. An edit in place is
+// noticed by its size or time, but for one of the same size within a clock tick.
+struct KnownInfo {
+    UniqueFd file;
+    struct stat status = {};
+    Json::Value value;
+} known;
 
 // Entries and lists of a wrong shape carry no service and are passed over.
-bool ListsService(const Json::Value &entry, const Json::Value &serviceObj)
+bool ListsService(const Json::Value &entry, const ServiceName &name)
 {
     const Json::Value &services = GetMember(entry, "services");
-    if (!services.isArray()) {
-        return false;
-    }
-    const Json::Value &service = GetMember(serviceObj, "service");
-    const Json::Value &subscriber = GetMember(serviceObj, "subscriber");
-    for (const Json::Value &element : services) {
-        if (GetMember(element, "service") == service && GetMember(element, "subscriber") == subscriber) {
-            return true;
-        }
-    }
-    return false;
+    return services.isArray() &&
+           std::any_of(services.begin(), services.end(),
+                       [&name](const Json::Value &listed) { return NameOf(listed) == name; });
 }
 
 }  // namespace
 
-bool IsServiceObjValid(const Json::Value &serviceObj)
-{
-    for (const ServiceObjKey &key : kServiceObjKeys) {
-        const bool isPresent = serviceObj.isObject() && serviceObj.isMember(key.name);
-        if (!isPresent && key.isRequired) {
-            LOG_ERROR("Lack of necesary key. [%s]", key.name);
-            return false;
-        }
-        if (!isPresent) {
-            continue;
-        }
-        const Json::Value &member = GetMember(serviceObj, key.name);
-        if (member.type() != key.type || (member.isString() && member.asString().empty())) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool GetServiceCrtId(const Json::Value &serviceObj, std::string &certId)
+bool GetServiceCrtId(const Json::Value &serviceObj, std::string &cert_id)
 {
     if (!IsServiceObjValid(serviceObj)) {
-        const std::string text = ToLogText(serviceObj);
-        LOG_ERROR_LONG(text, "Invalid input format [%s]", text.c_str());
-        return false;
+        return LOG_ERROR("Invalid input format [%s]", ToLogText(serviceObj).c_str());
     }
 
     const ScopedLock lock(kInfoLock, kLockShared, kInfoLockSeconds, UnlockLine::kStore);
     if (!lock.IsHeld()) {
-        LOG_ERROR("Failed to lock [%s]", kInfoLock);
-        return false;
+        return LOG_ERROR("Failed to lock [%s]", kInfoLock);
     }
 
     const Json::Value *info = ReadCrtInfo();
     if (info == nullptr || !info->isObject()) {
-        LOG_ERROR_STATE("Broken [%s].", kInfoPath);
-        return false;
+        return LOG_ERROR_STATE("Broken [%s].", kInfoPath);
     }
 
     // jsoncpp walks an object's members in ascending byte order of their names.
     for (auto entry = info->begin(); entry != info->end(); ++entry) {
-        if (ListsService(*entry, serviceObj)) {
-            certId = entry.name();
+        if (ListsService(*entry, NameOf(serviceObj))) {
+            cert_id = entry.name();
             return true;
         }
     }
@@ -110,10 +65,11 @@ bool GetServiceCrtId(const Json::Value &serviceObj, std::string &certId)
 
 void UpdateServiceList(Json::Value &services, const Json::Value &serviceObj, bool removeOnly)
 {
-    const std::optional<ServiceName> changed = NameOf(serviceObj);
+    Json::Value added = serviceObj;  // It may be an element of the list, which is built anew.
+    const ServiceName changed = NameOf(added);
     const auto stays = [&changed](const Json::Value &element) {
-        const std::optional<ServiceName> listed = NameOf(element);
-        return listed && listed != changed;
+        const ServiceName listed = NameOf(element);
+        return listed.IsWhole() && listed != changed;
     };
     // A long list in which nothing changes, that of a new service, is not built anew.
     if (!std::all_of(services.begin(), services.end(), stays)) {
@@ -126,36 +82,52 @@ void UpdateServiceList(Json::Value &services, const Json::Value &serviceObj, boo
         }
     }
     if (!removeOnly) {
-        services.append(serviceObj);
+        services.append(std::move(added));
     }
 }
 
 const Json::Value *ReadCrtInfo()
 {
-    return CrtInfoFile().Read();
+    UniqueFd file = OpenRegularFile(kInfoPath);
+    struct stat status = {};
+    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
+        return nullptr;
+    }
+    if (known.file.IsOpen() && IsSameFile(status, known.status)) {
+        return &known.value;
+    }
+    known.file = UniqueFd();
+    if (!fromOpenFile(file.Get(), known.value)) {
+        return nullptr;
+    }
+    known.file = std::move(file);
+    known.status = status;
+    return &known.value;
 }
 
 bool TakeCrtInfo(Json::Value &info)
 {
-    return CrtInfoFile().Take(info);
+    info = Json::Value();
+    if (ReadCrtInfo() == nullptr) {
+        return false;
+    }
+    info.swap(known.value);
+    known.file = UniqueFd();
+    return true;
 }
 
 bool WriteCrtInfo(Json::Value info)
 {
-    if (!toFile(kInfoTempPath, info, true, kInfoPath)) {
-        const std::string text = ToLogText(info);
-        LOG_ERROR_LONG(text, "Failed to write [%s] to [%s].", text.c_str(), kInfoTempPath);
-        return false;
+    if (!toNewFile(kInfoTempPath, info, true, kInfoPath)) {
+        return LOG_ERROR("Failed to write [%s] to [%s].", ToLogText(info).c_str(), kInfoTempPath);
     }
     // Opened under the name that is ours alone, so it is what was written, whatever becomes of INFO.
     UniqueFd written = OpenRegularFile(kInfoTempPath);
-    if (rename(kInfoTempPath, kInfoPath) != 0 || !SyncParent(kInfoPath)) {
-        LOG_ERROR("Failed to move %s to %s", kInfoTempPath, kInfoPath);
-        return false;
+    if (!RenameAndSync(kInfoTempPath, kInfoPath)) {
+        return LOG_ERROR("Failed to move %s to %s", kInfoTempPath, kInfoPath);
     }
-    if (written.IsOpen()) {
-        CrtInfoFile().Keep(std::move(written), std::move(info));
-    }
+    known.value = std::move(info);
+    known.file = fstat(written.Get(), &known.status) == 0 ? std::move(written) : UniqueFd();
     return true;
 }
 

@@ -1,39 +1,25 @@
 // INFO, the book that says which services use which certificate: a JSON object with one member per
-// certificate id, each an object whose `services` is an array of service objects.
-//
-// A service object names one service:
-//   display_name        string    required   shown to users
-//   display_name_i18n   string    optional
-//   subscriber          string    required   the package or component that owns the service
-//   service             string    required   its name within the subscriber
-//   isPkg               boolean   required   true: a package's service
-//   owner               string    required   user that owns the files of the service folder
-//   user_setable, multiple_cert   boolean, optional, not checked here
-// Members that are not used here are written back as they were read, but for numbers beyond 64 bits, which
-// become floating point. No required or present string may be empty. A service is identified by subscriber and service,
-// byte for byte.
+// certificate id, each an object whose `services` is an array of service objects
+// (store/service.h). Members that are not used here are written back as they were read, but for numbers beyond 64
+// bits, which become floating point.
 #pragma once
 
 #include <json/value.h>
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 constexpr int kInfoLockSeconds = 30;
 
-// Whether the service object is as above. Only a missing member is logged.
-bool IsServiceObjValid(const Json::Value &serviceObj);
-
-// Looks up which certificate INFO gives the service. True when that could be done: `certId` is then the first
+// Looks up which certificate INFO gives the service. True when that could be done: `cert_id` is then the first
 // id, in byte order, that lists the service, or is left as it was when none does. False, logged, when the
 // object is invalid, the info lock cannot be had (shared, 30 s) or INFO is missing or broken.
 // Takes and releases the info lock itself: the caller must not hold it.
-bool GetServiceCrtId(const Json::Value &serviceObj, std::string &certId);
+bool GetServiceCrtId(const Json::Value &serviceObj, std::string &cert_id);
 
-// Removes the service and every malformed element from the array `services`, and appends the service object
-// at its end unless `removeOnly` is set.
+// Removes the service and every malformed element from the array `services`, and appends the service object, which may
+// be one of its elements, at its end unless `removeOnly` is set.
 void UpdateServiceList(Json::Value &services, const Json::Value &serviceObj, bool removeOnly);
 
 // INFO as it is on the disk now, parsed anew only when it was replaced since the last reading. Null, with the platform

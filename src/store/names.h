@@ -4,15 +4,10 @@
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // One folder name: not empty, not "." or "..", no "/" and no NUL byte, at most NAME_MAX (255) bytes.
 bool IsPlainFolderName(const std::string &name);
-
-// UTF-8 as RFC 3629 has it. Every text that comes into the books must be, or other readers refuse them as no JSON.
-// An old entry that is not stays usable, so that it can be taken back.
-bool IsUtf8(const std::string &text);
 
 // A plain folder name that leaves room for what is added to it (".cfg"; the lock file's name with a service
 // of at least one byte) and is not the archive's.
@@ -22,8 +17,5 @@ bool IsUsableSubscriber(const std::string &subscriber);
 // that ends in ".temp" or ".bak" is not usable: it would share its folder with another service's staging or
 // backup.
 bool IsUsableService(const std::string &subscriber, const std::string &service);
-
-// The lock file that guards the service's folder.
-std::string GetServiceLockPath(const std::string &subscriber, const std::string &service);
 
 }  // namespace opalcrt

@@ -4,8 +4,7 @@
 
 #include <string>
 
-namespace opalcrt
-{
+namespace opalcrt {
 
 // Roots of the service folders, and where service definition files are dropped.
 inline constexpr char kSystemCertificateRoot[] = "/usr/opal/etc/certificate/";
@@ -25,11 +24,13 @@ inline constexpr char kInfoTempPath[] = "/usr/opal/etc/certificate/_archive/INFO
 inline constexpr char kInfoBackupPath[] = "/usr/opal/etc/certificate/_archive/INFO.bak";
 inline constexpr char kServicesPath[] = "/usr/opal/etc/certificate/_archive/SERVICES";
 inline constexpr char kDefaultPath[] = "/usr/opal/etc/certificate/_archive/DEFAULT";
-inline constexpr char kRecoveryNotePath[] = "/usr/opal/etc/certificate/_archive/RECOVERING";
 
 inline constexpr char kInfoLock[] = "/tmp/opalcertificate_info.lock";
 inline constexpr char kServicesLock[] = "/tmp/opal_cert_register_services.lock";
 inline constexpr char kRecoverLock[] = "/tmp/opal_cert_recover.lock";
+
+// How long the recovery lock, and with it a mend that is under way, is waited for.
+inline constexpr int kRecoverLockSeconds = 30;
 
 // Endings that a deployment adds to a service folder's path (staging, backup).
 inline constexpr char kStagingSuffix[] = ".temp";
@@ -43,16 +44,13 @@ std::string GetCertificateRoot(bool isPkg);
 std::string GetServiceFolderPath(bool isPkg, const std::string &subscriber, const std::string &service);
 
 // The folder of a certificate in the archive.
-std::string GetCrtFolderPath(const std::string &certId);
+std::string GetCrtFolderPath(const std::string &cert_id);
 
-// Whether the subscriber's folder (`service` empty) or the service's folder exists and, with all links
-// resolved, lies strictly inside the certificate root. It says nothing about the archive, which lies there
-// too; the caller that removes folders asks IsUsableSubscriber as well. Logs nothing.
-bool IsServiceFolderInRoot(bool isPkg, const std::string &subscriber, const std::string &service);
+// The file in a certificate's folder that says that a mend is under way or was cut off (assign/recovery.h): the files
+// beside it may not belong together.
+std::string GetMendingMarkPath(const std::string &cert_id);
 
-// The id of the system default certificate: the first line of DEFAULT, at most 15 bytes of it, without the
-// newline (other white space is part of the id). Empty when there is none (not logged) or when no folder has
-// that name (logged).
-std::string GetDefCrtId();
+// The lock file that guards the service's folder.
+std::string GetServiceLockPath(const std::string &subscriber, const std::string &service);
 
 }  // namespace opalcrt

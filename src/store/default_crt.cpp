@@ -1,0 +1,31 @@
+#include "store/default_crt.h"
+
+#include <cstring>
+
+#include "common/log.h"
+#include "platform/file_read.h"
+#include "platform/file_test.h"
+#include "store/paths.h"
+
+namespace opalcrt {
+
+std::string GetDefCrtId()
+{
+    const UniqueFile file = OpenForReading(kDefaultPath);
+    char line[16] = {};
+    if (file == nullptr || YLIBCFgets(line, sizeof(line), file.get()) == nullptr) {
+        return std::string();
+    }
+    if (char *newline = strrchr(line, '\n'); newline != nullptr) {
+        *newline = '\0';
+    }
+
+    const std::string folder = GetCrtFolderPath(line);
+    if (YLIBCFileCheckDir(folder.c_str()) == 0) {
+        LOG_ERROR_STATE("[%s] doesn't exist.", folder.c_str());
+        return std::string();
+    }
+    return line;
+}
+
+}  // namespace opalcrt
