@@ -1,9 +1,8 @@
 // Certificates of the archive that have lost files, and how they are mended.
 //
-// A mend works in place, file by file. Before it begins it puts the mark .mending into the certificate's folder
-// (store/paths.h), and takes it away when the new set is whole, on the disk and told of. While the mark is there the
-// folder is not complete, whatever it holds: who meets it waits for the mend under way, and makes one that was cut
-// off again.
+// A mend works in place, file by file, under the mark .mending (store/paths.h; its steps: docs/on-disk.md). While the
+// mark is there the folder is not complete, whatever it holds: who meets it waits for the mend under way, and makes one
+// that was cut off again.
 #pragma once
 
 #include <string>

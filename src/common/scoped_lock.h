@@ -17,7 +17,7 @@ class ScopedLock {
 public:
     // Tries to take the lock file's lock (platform/file_lock.h) for at most `seconds`; IsHeld says whether
     // that worked, and a failure is the caller's to log, with errno as that header says. A process must not take a
-    // lock that it holds: it would wait for itself. Hand the held lock on.
+    // lock that it holds: it would wait for itself. Hand the held lock on. The order of two: docs/on-disk.md.
     ScopedLock(const char *path, int mode, int seconds, UnlockLine line);
     // Lets go; a failure is logged and changes nothing else.
     ~ScopedLock();

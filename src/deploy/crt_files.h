@@ -9,8 +9,8 @@ namespace opalcrt {
 
 // Copies sourceFolder/name to destinationFolder/name with /bin/cp; the copy has mode 0400, this owner, and is
 // on the disk when this returns. A private key is never readable by others on the way, whatever mode the
-// source has (ExecPrivately). False, logged, otherwise, also when the
-// source is no regular file or the copy shorter than it; what cp has written stays.
+// source has (ExecPrivately). False, logged, otherwise, also when the source is no regular file or the copy
+// shorter than it; what cp has written stays.
 bool CopyCrtFile(const std::string &sourceFolder, const std::string &destinationFolder,
                  const std::string &name, uid_t uid, gid_t gid);
 

@@ -9,10 +9,10 @@
 // them; one element in `certs`. Multiple mode: for each key type in the certificate's order its three
 // prefixed files and one element. Nothing else is in the folder.
 //
-// The new folder is assembled beside the old one, path + ".temp", synced, and moved into place whole
-// (MoveDirectory, which says what a kill leaves). Both run under the service lock (exclusive, 60 s), which
-// they take themselves. All files are of one generation of the certificate (deploy/staging.h). False, logged, with the
-// service folder as it was, but for what MoveDirectory says; the staging folder is removed.
+// The new folder is assembled beside the old one, path + ".temp", synced, and moved into place whole (MoveDirectory;
+// docs/on-disk.md). Both run under the service lock (exclusive, 60 s), which they take themselves. All files are of
+// one generation of the certificate (deploy/staging.h). False, logged, with the service folder as it was, but for what
+// MoveDirectory says; the staging folder is removed.
 //
 // Only root may be able to write the certificate root and the subscriber's folder: who can exchange the
 // staging folder for a link while it is filled has root write elsewhere.

@@ -11,12 +11,8 @@ namespace opalcrt {
 // Replaces the folder `destination` by the folder `source`, with a copy of the old one in the backup folder,
 // destination + ".bak", until the new one stands. The content of `source` must be on the disk already. True
 // when the destination now holds what the source held; also when both are the same path (nothing is done
-// then). Two moves to one destination must be kept apart by the service lock.
-//
-// What a failed or killed move leaves, and what the next one does with it:
-//   the destination, whole or partly removed, and a backup, whole or partial: the backup is removed
-//   the backup alone: it is renamed back first, since it is the only whole copy
-// After a failure the destination is as it was, except that
+// then). Two moves to one destination must be kept apart by the service lock. The steps, and what a kill leaves:
+// docs/on-disk.md. After a failure the destination is as it was, except that
 //   - when the roll-back's removal or rename fails, it is partly removed or absent, and the backup stays;
 //   - when the sync after the rename fails, the new folder stands and the backup stays.
 // `source` is never removed on failure. A backup that cannot be removed at the end is logged and no failure.

@@ -28,7 +28,7 @@ std::string CaCrtPath(const std::string &folder) { return folder + "/opal-ca-cer
 
 std::string CaKeyPath(const std::string &folder) { return folder + "/opal-ca-privkey.pem"; }
 
-CsrSubject MakeSubject(const char *commonName)
+CsrSubject MakeSubject(const std::string &commonName)
 {
     CsrSubject subject;
     subject.countryName = "TW";
@@ -51,12 +51,14 @@ bool SyncAll(const std::vector<std::string> &paths)
 
 }  // namespace
 
-int genDefaultCrtSet(const std::string &folder)
+int genDefaultCrtSet(const std::string &folder) { return genNamedCrtSet(folder, kDefaultName, kDefaultName); }
+
+int genNamedCrtSet(const std::string &folder, const std::string &commonName, const std::string &aliasText)
 {
     if (genCASet(MakeSubject("Kestrel Inc. CA"), kKeyBits, folder) != 0) {
         return LOG_ERROR("Generate CA key & crt failed");
     }
-    if (genCrtSet(MakeSubject("kestrel"), kKeyBits, "kestrel", folder) != 0) {
+    if (genCrtSet(MakeSubject(commonName), kKeyBits, aliasText, folder) != 0) {
         return LOG_ERROR("Failed to generate cert set");
     }
     return 0;

@@ -10,6 +10,9 @@
 
 namespace opalcrt {
 
+// What the default certificate is for.
+inline constexpr char kDefaultName[] = "kestrel";
+
 // Generates the set into the folder, which is made when it is missing; what stood there under these names is
 // replaced, other files are left alone. 0 on success; -1, logged, otherwise.
 //
@@ -17,6 +20,9 @@ namespace opalcrt {
 // they need not belong together, which the caller has to note (assign/recovery.h). Nothing is removed but links and
 // second names (mkcert/output_file.h).
 int genDefaultCrtSet(const std::string &folder);
+
+// The same with a subject and names of its own: `aliasText` as genCrt has it (mkcert/crt_creation.h).
+int genNamedCrtSet(const std::string &folder, const std::string &commonName, const std::string &aliasText);
 
 // Generates the CA. 0, or the failed step's answer: -1, or 1 when certificate and key do not match.
 int genCASet(const CsrSubject &subject, unsigned bits, const std::string &folder);

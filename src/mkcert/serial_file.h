@@ -8,8 +8,8 @@ inline constexpr char kSerialFile[] = "/usr/opal/etc/ssl/.mkcert.serial";
 // One line, the machine's hardware address. Only the appliance's kernel has it.
 inline constexpr char kMacAddressFile[] = "/proc/sys/kernel/opal_mac_address1";
 
-// Whether there is one that openssl can read (or that could not be looked at: openssl then says why). Any other must be
-// made anew, or every signature would fail for ever: openssl truncates it in place, so a kill leaves it empty, and a
+// Whether there is one that openssl can read (or that could not be looked at: openssl then says why). Any other must
+// be made anew, or every signature would fail for ever: openssl truncates it in place, so a kill leaves it empty, and a
 // clock before 2001 gave it an odd number of digits.
 bool HasSerialFile();
 

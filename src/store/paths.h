@@ -25,6 +25,7 @@ inline constexpr char kInfoBackupPath[] = "/usr/opal/etc/certificate/_archive/IN
 inline constexpr char kServicesPath[] = "/usr/opal/etc/certificate/_archive/SERVICES";
 inline constexpr char kDefaultPath[] = "/usr/opal/etc/certificate/_archive/DEFAULT";
 
+// What each guards, who takes it, and in which order: docs/on-disk.md.
 inline constexpr char kInfoLock[] = "/tmp/opalcertificate_info.lock";
 inline constexpr char kServicesLock[] = "/tmp/opal_cert_register_services.lock";
 inline constexpr char kRecoverLock[] = "/tmp/opal_cert_recover.lock";

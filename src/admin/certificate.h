@@ -1,0 +1,60 @@
+// Certificates, keys and chains as PEM, and what they say. Nothing here logs or asks for a password.
+#pragma once
+
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <ctime>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/openssl.h"
+
+namespace opalcrt {
+
+struct PemContent {
+    std::vector<UniqueOpenSSL<X509>> crts;
+    std::vector<UniqueOpenSSL<EVP_PKEY>> keys;
+    bool hasEncryptedKey = false;
+    bool isBroken = false;  // a block that is cut off, or is not what its first line says
+};
+
+// All certificates and private keys of the text, in its order; anything else in it is passed over. Takes what people
+// make by joining files: a byte order mark, line ends of any kind, and a "BEGIN" behind an "END" on one line.
+PemContent ParsePem(std::string text);
+
+// The first certificate, or the first private key; null when the text holds none.
+UniqueOpenSSL<X509> FirstCrt(const std::string &text);
+UniqueOpenSSL<EVP_PKEY> FirstKey(const std::string &text);
+
+struct CrtFacts {
+    std::string subject;             // "C=TW, O=Kestrel Inc., CN=kestrel"
+    std::vector<std::string> names;  // host names and addresses of subjectAltName, or else the common name
+    time_t notBefore = 0;
+    time_t notAfter = 0;
+    std::string sha256;  // of the DER encoding, in lower-case hexadecimal digits
+};
+
+CrtFacts DescribeCrt(const X509 &crt);
+
+constexpr time_t kDaySeconds = 24L * 60 * 60;
+
+// RFC 3339, in UTC.
+std::string ToTimeText(time_t time);
+
+bool IsSameCrt(const X509 &one, const X509 &other);
+
+// Whether the issuer's name and key made this signature.
+bool IsSignedBy(const X509 &crt, const X509 &issuer);
+
+bool IsKeyOf(const EVP_PKEY &key, const X509 &crt);
+
+// Whether the machine's own CA certificates have the issuer.
+bool IsIssuerWellKnown(const X509 &crt);
+
+// One block, ended by a line feed. Empty on failure.
+std::string ToPem(const X509 &crt);
+std::string ToPem(const EVP_PKEY &key);
+
+}  // namespace opalcrt

@@ -1,0 +1,140 @@
+#include "admin/first_store.h"
+
+#include <json/value.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <filesystem>
+#include <regex>
+#include <string>
+
+#include "admin/archive_folder.h"
+#include "admin/message.h"
+#include "common/json_file.h"
+#include "common/scoped_lock.h"
+#include "deploy/dir_utils.h"
+#include "mkcert/default_set.h"
+#include "mkcert/serial_file.h"
+#include "platform/atomic_file.h"
+#include "platform/directory.h"
+#include "platform/file_test.h"
+#include "platform/string_list.h"
+#include "store/paths.h"
+
+namespace opalcrt {
+
+namespace {
+
+constexpr char kNewArchive[] = "/usr/opal/etc/certificate/._archive.new";
+
+constexpr const char *kFolders[] = {
+    "/usr/opal/etc/certificate",      "/usr/opal/share/certificate.d",    "/usr/local/etc/certificate",
+    "/usr/local/share/certificate.d", "/usr/local/libexec/certificate.d", "/usr/opal/etc/ssl",
+};
+
+// As many hexadecimal digits, the first of them below 8; empty, with errno set, on failure.
+std::string RandomDigits(size_t count)
+{
+    unsigned char bytes[16] = {};
+    if (getrandom(bytes, count, 0) != static_cast<ssize_t>(count)) {
+        return std::string();
+    }
+    std::string digits(1, "01234567"[bytes[0] % 8]);
+    while (digits.size() < count) {
+        digits += "0123456789abcdef"[bytes[digits.size()] % 16];
+    }
+    return digits;
+}
+
+bool IsHostName(const std::string &name)
+{
+    const std::string label = "[A-Za-z0-9]([A-Za-z0-9-]{0,61}[A-Za-z0-9])?";
+    return name.size() <= 253 && BlYLIBIsIpAddr(name.c_str()) == 0 &&
+           std::regex_match(name, std::regex(label + "(\\." + label + ")*"));
+}
+
+// What subjectAltName gets: clients also reach the machine by its own name.
+std::string MakeAliasText()
+{
+    char name[HOST_NAME_MAX + 1] = {};
+    if (gethostname(name, sizeof(name) - 1) != 0 || !IsHostName(name) || name == std::string("localhost") ||
+        name == std::string(kDefaultName)) {
+        return kDefaultName;
+    }
+    return std::string(kDefaultName) + ";" + name;
+}
+
+bool MakeFolder(const std::string &folder)
+{
+    return OPALFSMkdirP(folder.c_str(), nullptr, 1, 0, 0, 0755) == 0 || RefuseCall("cannot make " + folder);
+}
+
+// Where there is no kernel file the tool can make no serial file, so no certificate could be made or mended.
+bool MakeSerialFile()
+{
+    if (HasSerialFile() || YLIBCFileExist(kMacAddressFile) != 0) {
+        return true;
+    }
+    const std::string digits = RandomDigits(16);
+    return (!digits.empty() && ReplaceFile(kSerialFile, digits + "\n", kSerialFile)) ||
+           RefuseCall(std::string("cannot write ") + kSerialFile);
+}
+
+// The whole archive, on the disk, under another name.
+bool MakeArchive(const std::string &cert_id)
+{
+    const std::string archive = kNewArchive;
+    const std::string folder = archive + "/" + cert_id;
+    if (cert_id.empty() || !RemovePath(archive) || !MakeFolder(kNewArchive) || !MakeFolder(folder)) {
+        return false;
+    }
+    if (genNamedCrtSet(folder, kDefaultName, MakeAliasText()) != 0) {
+        return Refuse("cannot generate a certificate; the system log says why");
+    }
+    Json::Value info(Json::objectValue);
+    info[cert_id]["desc"] = "made at installation";
+    info[cert_id]["services"] = Json::Value(Json::arrayValue);
+    return (toFile(archive + "/INFO", info, true) &&
+            toFile(archive + "/SERVICES", Json::Value(Json::arrayValue), true) &&
+            ReplaceFile(archive + "/DEFAULT", cert_id + "\n", std::string()) && SyncTree(archive)) ||
+           RefuseCall("cannot write " + archive);
+}
+
+}  // namespace
+
+bool InitStore()
+{
+    const ScopedLock lock(kRecoverLock, kLockExclusive, kRecoverLockSeconds, UnlockLine::kStore);
+    if (!lock.IsHeld()) {
+        return RefuseLock();
+    }
+    if (!std::all_of(std::begin(kFolders), std::end(kFolders), MakeFolder) || !MakeSerialFile()) {
+        return false;
+    }
+    std::error_code error;
+    const bool isEmpty = std::filesystem::is_empty(kArchive, error);
+    if (error && error.value() != ENOENT) {
+        errno = error.value();
+        return RefuseCall(std::string("cannot look into ") + kArchive);
+    }
+    if (!error && !isEmpty) {
+        printf("%s is left as it is\n", kArchive);
+        return true;
+    }
+    const std::string cert_id = RandomDigits(8);
+    if (!MakeArchive(cert_id)) {
+        return false;
+    }
+    // rename(2) takes the place of an empty folder, and of nothing else.
+    if (rename(kNewArchive, kArchive) != 0 || !SyncParent(kArchive)) {
+        return RefuseCall(std::string("cannot move ") + kNewArchive + " to " + kArchive);
+    }
+    printf("%s: made, with the certificate %s\n", kArchive, cert_id.c_str());
+    return true;
+}
+
+}  // namespace opalcrt

@@ -1,0 +1,199 @@
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "admin/certificate.h"
+#include "admin/install.h"
+#include "admin/message.h"
+#include "admin/store_look.h"
+#include "common/json_file.h"
+#include "deploy/key_types.h"
+#include "store/paths.h"
+
+namespace opalcrt {
+
+namespace {
+
+constexpr time_t kEndsSoonSeconds = 30 * kDaySeconds;
+
+// A key, and its certificate and those that sign it, each by the next one.
+struct KeyPair {
+    UniqueOpenSSL<EVP_PKEY> key;
+    KeyType type;
+    std::string keyFile;
+    std::vector<const X509 *> crts;
+};
+
+PemContent ReadPem(const std::string &path, bool wantsKey, Json::Value &findings)
+{
+    const FileLook file = LookAtFile(AT_FDCWD, path);
+    PemContent content = ParsePem(file.text);
+    if (file.error != 0) {
+        const char *cause = file.error == EINVAL ? "it is no regular file" : strerror(file.error);
+        AddFinding(findings, "unreadable", path + " cannot be read (at most 1 MiB): " + cause);
+    } else if (content.isBroken) {
+        AddFinding(findings, "no-pem", path + " is damaged: a block in it cannot be read; get it anew");
+    } else if (wantsKey && content.hasEncryptedKey) {
+        AddFinding(findings, "key-encrypted",
+                   path + " has a password; take it off: openssl pkey -in " + path + " -out NEWFILE");
+    } else if (wantsKey ? content.keys.size() != 1 : content.crts.empty()) {
+        const std::string wanted = wantsKey ? "one private key" : "a certificate";
+        AddFinding(findings, "no-pem", path + " does not hold " + wanted + " in PEM");
+    }
+    return content;
+}
+
+std::vector<KeyPair> ReadKeys(const std::vector<std::string> &paths, Json::Value &findings)
+{
+    std::vector<KeyPair> pairs;
+    for (const std::string &path : paths) {
+        PemContent content = ReadPem(path, true, findings);
+        if (content.keys.size() != 1) {
+            continue;
+        }
+        const int id = EVP_PKEY_get_base_id(content.keys.front().get());
+        const KeyType type = id == EVP_PKEY_EC ? KeyType::ECC : KeyType::RSA;
+        if (id != EVP_PKEY_RSA && id != EVP_PKEY_EC) {
+            AddFinding(findings, "key-type", path + " holds neither an RSA nor an EC key");
+        } else if (!pairs.empty() && pairs.front().type == type) {
+            AddFinding(findings, "key-type",
+                       path + " holds a second key of one type; two are an RSA and an EC key");
+        }
+        pairs.push_back({std::move(content.keys.front()), type, path, {}});
+    }
+    return pairs;
+}
+
+std::vector<UniqueOpenSSL<X509>> ReadCrts(const InstallOptions &options, Json::Value &findings)
+{
+    std::vector<std::string> paths = options.crtFiles;
+    paths.insert(paths.end(), options.chainFiles.begin(), options.chainFiles.end());
+    std::vector<UniqueOpenSSL<X509>> crts;
+    for (const std::string &path : paths) {
+        for (UniqueOpenSSL<X509> &crt : ReadPem(path, false, findings).crts) {
+            if (std::none_of(crts.begin(), crts.end(),
+                             [&](const auto &known) { return IsSameCrt(*known, *crt); })) {
+                crts.push_back(std::move(crt));
+            }
+        }
+    }
+    return crts;
+}
+
+std::vector<const X509 *> OrderChain(const EVP_PKEY &key, const std::vector<UniqueOpenSSL<X509>> &crts)
+{
+    std::vector<const X509 *> chain;
+    const auto isNext = [&](const UniqueOpenSSL<X509> &crt) {
+        return std::find(chain.begin(), chain.end(), crt.get()) == chain.end() &&
+               (chain.empty() ? IsKeyOf(key, *crt) : IsSignedBy(*chain.back(), *crt));
+    };
+    for (auto next = crts.begin(); (next = std::find_if(crts.begin(), crts.end(), isNext)) != crts.end();) {
+        chain.push_back(next->get());
+    }
+    return chain;
+}
+
+void CheckTimes(const X509 &crt, Json::Value &findings)
+{
+    const CrtFacts facts = DescribeCrt(crt);
+    const time_t now = time(nullptr);
+    const std::string what = "the certificate of " + facts.subject;
+    if (facts.notAfter < now) {
+        AddFinding(findings, "expired",
+                   what + " has ended: " + ToTimeText(facts.notAfter) + "; get another one");
+    } else if (facts.notBefore > now) {
+        AddFinding(findings, "not-yet-valid",
+                   what + " begins " + ToTimeText(facts.notBefore) + "; is the clock right?");
+    } else if (facts.notAfter - now < kEndsSoonSeconds) {
+        AddFinding(findings, "expires-soon", what + " ends soon: " + ToTimeText(facts.notAfter));
+    }
+}
+
+void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpenSSL<X509>> &crts,
+                 Json::Value &findings)
+{
+    std::vector<const X509 *> used;
+    for (const KeyPair &pair : pairs) {
+        used.insert(used.end(), pair.crts.begin(), pair.crts.end());
+        if (pair.crts.empty()) {
+            AddFinding(findings, "key-mismatch",
+                       "the key in " + pair.keyFile + " fits none of the certificates given");
+        } else if (!IsSignedBy(*pair.crts.back(), *pair.crts.back()) &&
+                   !IsIssuerWellKnown(*pair.crts.back())) {
+            AddFinding(findings, "chain-unknown",
+                       "the chain of " + DescribeCrt(*pair.crts.front()).subject +
+                           " reaches no root that is known here; is a --chain missing?");
+        }
+    }
+    for (const UniqueOpenSSL<X509> &crt : crts) {
+        if (std::find(used.begin(), used.end(), crt.get()) != used.end()) {
+            CheckTimes(*crt, findings);
+        } else if (!used.empty()) {
+            AddFinding(findings, "chain-broken",
+                       "the certificate of " + DescribeCrt(*crt).subject +
+                           " signed none of the others; leave it out");
+        }
+    }
+}
+
+void WarnOfLostNames(const std::string &id, const X509 &crt, Json::Value &findings)
+{
+    const UniqueOpenSSL<X509> old = FirstCrt(LookAtFile(AT_FDCWD, GetCrtFolderPath(id) + "/cert.pem").text);
+    const std::vector<std::string> names = DescribeCrt(crt).names;
+    for (const std::string &name : old != nullptr ? DescribeCrt(*old).names : names) {
+        if (std::find(names.begin(), names.end(), name) == names.end()) {
+            AddFinding(findings, "name-lost",
+                       "the new certificate is not for " + name + ", as the old one is");
+        }
+    }
+}
+
+void AddFiles(const KeyPair &pair, const std::string &prefix, InstallPlan &plan)
+{
+    const std::string crt = ToPem(*pair.crts.front());
+    std::string chain;
+    for (size_t at = 1; at < pair.crts.size(); ++at) {
+        chain += ToPem(*pair.crts[at]);
+    }
+    plan.files.emplace_back(prefix + "cert.pem", crt);
+    plan.files.emplace_back(prefix + "privkey.pem", ToPem(*pair.key));
+    plan.files.emplace_back(prefix + "fullchain.pem", crt + chain);
+    if (prefix.empty() && !chain.empty()) {
+        plan.files.emplace_back("chain.pem", chain);
+    }
+}
+
+}  // namespace
+
+InstallPlan PlanInstall(const InstallOptions &options)
+{
+    InstallPlan plan;
+    std::vector<KeyPair> pairs = ReadKeys(options.keyFiles, plan.findings);
+    const std::vector<UniqueOpenSSL<X509>> crts = ReadCrts(options, plan.findings);
+    if (!plan.findings.empty()) {
+        return plan;  // Without one of the files nothing sensible can be said of how the others fit together.
+    }
+    for (KeyPair &pair : pairs) {
+        pair.crts = OrderChain(*pair.key, crts);
+    }
+    CheckChains(pairs, crts, plan.findings);
+    if (std::any_of(pairs.begin(), pairs.end(), [](const KeyPair &pair) { return pair.crts.empty(); })) {
+        return plan;
+    }
+
+    WarnOfLostNames(options.id, *pairs.front().crts.front(), plan.findings);
+    AddFiles(pairs.front(), "", plan);
+    if (pairs.size() == 2) {
+        AddFiles(pairs[0], KeyTypePrefix(pairs[0].type), plan);
+        AddFiles(pairs[1], KeyTypePrefix(pairs[1].type), plan);
+        Json::Value renew(Json::objectValue);
+        renew["key_types"] = KeyTypeName(pairs[0].type) + "/" + KeyTypeName(pairs[1].type);
+        plan.files.emplace_back("renew.json", toString(renew));
+    }
+    return plan;
+}
+
+}  // namespace opalcrt
