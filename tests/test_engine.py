@@ -18,7 +18,7 @@ def hook(w, folder, subscriber="p", end="exit 7"):
 def engine(w):
     w.crt("new")
     w.crt("old")
-    w.books({"new": {"services": [service("web", "q")]}, "old": {"services": [service("web")], "desc": 1}})
+    w.write({"new": {"services": [service("web", "q")]}, "old": {"services": [service("web")], "desc": 1}})
     w.replace("/usr/bin/systemctl", f"{{ {CLAIM}; echo $*; }} >> /run/row/systemctl")
     hook(w, HOOKS[True][1])
     return w
@@ -92,7 +92,7 @@ def test_goes_on_after_a_service_that_fails_and_tells_of_each(engine):
 )
 def test_leaves_info_alone_where_an_entry_is_broken(engine, new, old):
     entries = [f'"new": {{"services": {new}}}' if new else '"new": {}', *([f'"old": {old}'] if old else [])]
-    engine.books(info="{%s}" % ", ".join(entries))
+    engine.write(info="{%s}" % ", ".join(entries))
     assert not engine.call("SetCrtForServices", "new", [service("web")], "old", 0)
     broken = "new" if new != "[]" else "old"
     lines = (

@@ -61,7 +61,7 @@ def test_what_is_planted_where_root_works_is_replaced_and_not_followed(settled, 
 @PLAIN
 @pytest.mark.parametrize("command", ["opalcrtregister p", "opalcrtchecksum"])
 def test_a_limit_on_memory_is_a_failure_too(w, command):
-    w.books({"c": {"services": [service("s", "q")] * 5000}})
+    w.write({"c": {"services": [service("s", "q")] * 5000}})
     ends = []
     for limit in range(4000, 60000, 500):
         w.define("p", "web")
@@ -88,7 +88,7 @@ def test_files_are_the_owners_and_his_groups_and_folders_are_roots(w):
     w.sh(
         f"echo 'long:x:64103:64104:{'x' * 5000}::' | cat /etc/passwd - > $ROW/passwd; mount --bind $ROW/passwd /etc/passwd"
     )
-    assert w.call("OPALUserGetUGID", "long") == 0 and w.answer["ids"] == [64103, 64104]
+    assert w.call("OPALUserGetUGID", "long") == 0 and [w.answer["uid"], w.answer["gid"]] == [64103, 64104]
     w.sh("chgrp opalmail $P; chmod 2775 $P")
     w.define("p", "web", owner="long")
     w.ok("opalcrtregister p")

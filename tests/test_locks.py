@@ -56,9 +56,9 @@ def test_waits_for_whoever_holds_the_lock(w, command, lock, shared, left, record
     time.sleep(0.25)
     assert child.poll() is None
     if lock == SERVICES:
-        w.books(services=[service("new", "n")])
+        w.write(services=[service("new", "n")])
     else:
-        w.books({"c": {"services": []}, "n": {"services": [service("web")]}})
+        w.write({"c": {"services": []}, "n": {"services": [service("web")]}})
         w.crt("n")
     os.close(holder)
     w.locks.remove(holder)
@@ -68,7 +68,7 @@ def test_waits_for_whoever_holds_the_lock(w, command, lock, shared, left, record
 @pytest.mark.slow
 def test_is_waited_for_no_longer_than_its_time(w):
     waits, q = [], service("web", "q")
-    w.books({"c": {"services": []}, "d": {"services": []}, "e": {"services": [q]}})
+    w.write({"c": {"services": []}, "d": {"services": []}, "e": {"services": [q]}})
     for name in "psu":
         w.define(name, "web")
 

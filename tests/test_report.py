@@ -19,7 +19,7 @@ def test_reports_every_service_of_every_certificate(w):
     b, c = checksum("b"), checksum("c")
     one = {"service": "one", "subscriber": "ü", "owner": "x"}
     p = {"service": "web", "subscriber": "p"}
-    w.books({"c": {"services": [p]}, "x": {"services": []}, "b": {"services": [one, {"service": [1]}]}})
+    w.write({"c": {"services": [p]}, "x": {"services": []}, "b": {"services": [one, {"service": [1]}]}})
     w.sh("{ echo text; cat c/cert.pem b/cert.pem; } > x; mv x c/cert.pem; chmod 0444 */cert.pem")
     report = (
         f'[{{"checksum":"{b}","service":"one","subscriber":"ü"}},{{"checksum":"{b}","service":[1],"subscriber":null}},'
@@ -28,9 +28,9 @@ def test_reports_every_service_of_every_certificate(w):
     before = w.tree(A, content=True)
     w.ok("OPENSSL_CONF=/etc/passwd opalcrtchecksum", out=report)
     w.ok("setpriv --reuid=opalmail --clear-groups opalcrtchecksum any thing", out=report)
-    w.books(info="{}")
+    w.write(info="{}")
     w.ok("opalcrtchecksum; ls /tmp", out="[]\n")
-    w.books({"c": {"services": [p]}, "x": {"services": []}, "b": {"services": [one, {"service": [1]}]}})
+    w.write({"c": {"services": [p]}, "x": {"services": []}, "b": {"services": [one, {"service": [1]}]}})
     assert w.tree(A, content=True) == before
 
 
@@ -54,7 +54,6 @@ def test_a_report_over_bytes_that_are_no_utf8_is_json(w):
     ("echo '{\"c\": {\"services\": {}}}' > INFO", FORMAT),
     ("echo '{\"c\": {\"services\": [{}, \"s\"]}}' > INFO", FORMAT),
     ("sed -i 's|c|../_archive/c|' INFO", "utils.cpp Invalid path for $A/c/cert.pem, $A/../_archive/c/cert.pem.\n"),
-    (r"sed -i 's|c|c/cert.pem\\u0000|' INFO", "utils.cpp Realpath $A/c/cert.pem"),
     ("mv c/cert.pem c/x", "utils.cpp Realpath $A/c/cert.pem failed. No such file or directory"),
     ("mv c/cert.pem c/x; ln -s x c/cert.pem", "utils.cpp Invalid path for $A/c/x, $A/c/cert.pem.\n"),
     ("mv c cc; ln -s cc c", "utils.cpp Invalid path for $A/cc/cert.pem, $A/c/cert.pem.\n"),

@@ -16,7 +16,7 @@ def scene(w):
     w.sh(
         "mkdir -p $P/p/web $P/p/web.temp $P/p/mail $P/p/extra $S/s/web $S/s/web.temp $S/s2/web a/key; echo key > $P/p/web.bak"
     )
-    w.books(
+    w.write(
         {
             "a": {"desc": 1, "services": [SYSTEM, WEB]},
             "b": {"services": [MAIL]},
@@ -109,7 +109,7 @@ def test_removes_neither_the_archive_nor_what_a_link_leads_to(scene):
         "mkdir -p /usr/opal/precious/web/key $S/_archive_/web; cd $S; ln -s /usr/opal/precious out; ln -s s inside;"
         "ln -s _archive sneaky; ln -s ../../../precious/web s/out; ln -s web s/alias; ln -s ../s2/web s/sibling"
     )
-    scene.books({"a": {"services": [service("x", "y", isPkg=False)]}})
+    scene.write({"a": {"services": [service("x", "y", isPkg=False)]}})
     before = scene.tree("/usr/opal")
     for arguments in re.split(r"\s\s+", REFUSED):
         name = arguments.replace("''", "").replace(" ", "/")
@@ -124,7 +124,7 @@ def test_removes_neither_the_archive_nor_what_a_link_leads_to(scene):
 
 def test_names_that_no_registration_takes_leave_the_books(scene):
     bad = service("web", "s/../_archive", owner="root", isPkg=False)
-    scene.books({"a": {"services": [bad, WEB]}}, [bad, WEB])
+    scene.write({"a": {"services": [bad, WEB]}}, [bad, WEB])
     scene.fails("opalcrtunregister s/../_archive", FOLDER, "Invalid certificate: s/../_archive\n")
     assert scene.books() == {"a": ["p/web"], "list": ["p/web"]}
     scene.fails("opalcrtunregister ''", INIT, "opalcrtregister.cpp Bad params: subscriber")
@@ -176,7 +176,7 @@ def test_who_is_neither_root_nor_the_owner_is_told_so_and_changes_nothing(scene,
 
 
 def test_ends_right_after_races_with_a_registration(scene):
-    scene.books({"a": {"services": [SYSTEM, WEB]}, "c": {"services": []}}, [WEB, SYSTEM])
+    scene.write({"a": {"services": [SYSTEM, WEB]}, "c": {"services": []}}, [WEB, SYSTEM])
     scene.define("r", "x", "y")
     scene.sh(
         "cp $D/r.cfg /tmp; for i in $(seq 6); do cp /tmp/r.cfg $D; opalcrtregister r >/dev/null & opalcrtunregister r >/dev/null &"
