@@ -7,7 +7,7 @@
 import os, queue, re, subprocess
 
 import pytest
-from conftest import A, REPOSITORY, ROW
+from conftest import REPOSITORY, ROW
 
 pytestmark = pytest.mark.documents
 PAGES = sorted(REPOSITORY.glob("man/*"))
@@ -75,9 +75,7 @@ def examples():
 @pytest.mark.parametrize("blocks", examples())
 def test_an_example_does_what_is_told(w, blocks):
     w.log.lines = Journal()
-    (A / "c").rename(A / "factory")
-    w.sh("rm factory/*")
-    w.write(info={"factory": {"services": []}}, default="factory\n")
+    w.sh("cd /; rm -r $A; opalcrt init; cd $A; mv $(cat DEFAULT) factory; sed -i s/$(cat DEFAULT)/factory/ INFO DEFAULT")
     w.define("shop", "web", "api")
     script = MACHINE + "".join(f"printf '\\1'\n{lines}" for kind, lines in blocks if kind in SHELL)
     (ROW / "script").write_text(script)
