@@ -44,6 +44,12 @@ namespace {
 using Value = Json::Value;
 using Function = std::function<Value(const Value &arguments, Value &out)>;
 
+CsrSubject Subject(const Value &texts)
+{
+    const auto at = [&texts](Json::ArrayIndex i) { return texts.get(i, "").asString(); };
+    return {at(0), at(1), at(2), at(3), at(4), at(5), at(6)};
+}
+
 // What an argument becomes. null is a null pointer where one is taken; a subject is an array of its seven texts.
 template <typename Type>
 auto From(const Value &value)
@@ -51,11 +57,9 @@ auto From(const Value &value)
     if constexpr (std::is_same_v<Type, Value>) {
         return value;
     } else if constexpr (std::is_same_v<Type, CsrSubject>) {
-        const auto at = [&value](Json::ArrayIndex i) { return value.get(i, "").asString(); };
-        return CsrSubject{at(0), at(1), at(2), at(3), at(4), at(5), at(6)};
+        return Subject(value);
     } else if constexpr (std::is_same_v<Type, const CsrSubject *>) {
-        return value.isNull() ? std::unique_ptr<CsrSubject>()
-                              : std::make_unique<CsrSubject>(From<CsrSubject>(value));
+        return value.isNull() ? nullptr : std::make_unique<CsrSubject>(Subject(value));
     } else if constexpr (std::is_same_v<Type, const SzList *>) {
         auto list = value.isNull() ? nullptr : YLIBCSzListAlloc(value.size());
         for (const Value &text : value) {
