@@ -101,7 +101,8 @@ def plain(text):
 
 
 def test_every_message_is_in_a_manual_page_and_the_other_way_round():
-    sources = "".join(path.read_text() for path in REPOSITORY.glob("src/*/*.cpp"))
+    folders = REPOSITORY.glob("src/[!a]*/*.cpp"), REPOSITORY.glob("src/assign/*.cpp")  # opalcrt explains itself
+    sources = "".join(path.read_text() for folder in folders for path in folder)
     begin = r"\b(?:LOG_[A-Z_]+\(|LogLine\(LOG_ERR, \S+ __LINE__,|printf\()\s*"
     said = {plain(text) for text in re.findall(begin + STRINGS, sources)}
     said |= {plain(step) + "[@]" for step in re.findall(r"\bLogOpenSSLError\(\s*" + STRINGS, sources)}
