@@ -6,7 +6,10 @@
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
+#include <regex>
 #include <string_view>
+
+#include "platform/string_list.h"
 
 namespace opalcrt {
 
@@ -167,8 +170,6 @@ std::string ToTimeText(time_t time)
     return text;
 }
 
-bool IsSameCrt(const X509 &one, const X509 &other) { return X509_cmp(&one, &other) == 0; }
-
 // OpenSSL keeps what it has worked out of a certificate inside it, so these of its functions take no const.
 bool IsSignedBy(const X509 &crt, const X509 &issuer)
 {
@@ -201,6 +202,13 @@ bool IsIssuerWellKnown(const X509 &crt)
     X509_STORE_free(store);
     ERR_clear_error();
     return isKnown;
+}
+
+bool IsHostName(const std::string &name)
+{
+    const std::string label = "[A-Za-z0-9]([A-Za-z0-9-]{0,61}[A-Za-z0-9])?";
+    return name.size() <= 253 && BlYLIBIsIpAddr(name.c_str()) == 0 &&
+           std::regex_match(name, std::regex(label + "(\\." + label + ")*"));
 }
 
 std::string ToPem(const X509 &crt)

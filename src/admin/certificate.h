@@ -5,7 +5,6 @@
 #include <openssl/x509.h>
 
 #include <ctime>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -43,8 +42,6 @@ constexpr time_t kDaySeconds = 24L * 60 * 60;
 // RFC 3339, in UTC.
 std::string ToTimeText(time_t time);
 
-bool IsSameCrt(const X509 &one, const X509 &other);
-
 // Whether the issuer's name and key made this signature.
 bool IsSignedBy(const X509 &crt, const X509 &issuer);
 
@@ -52,6 +49,9 @@ bool IsKeyOf(const EVP_PKEY &key, const X509 &crt);
 
 // Whether the machine's own CA certificates have the issuer.
 bool IsIssuerWellKnown(const X509 &crt);
+
+// Whether it is a name that clients can ask for, and a certificate can be made for.
+bool IsHostName(const std::string &name);
 
 // One block, ended by a line feed. Empty on failure.
 std::string ToPem(const X509 &crt);

@@ -1,19 +1,20 @@
 #include "admin/crt_status.h"
 
-#include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <vector>
 
 #include "admin/certificate.h"
-#include "admin/message.h"
+#include "admin/report.h"
 #include "admin/store_look.h"
 #include "common/json_file.h"
 #include "common/json_member.h"
 #include "deploy/key_types.h"
+#include "platform/users.h"
 #include "store/names.h"
 #include "store/paths.h"
 
@@ -21,42 +22,53 @@ namespace opalcrt {
 
 namespace {
 
-// Answers the certificate.
+void AddTimeFinding(const std::string &file, const X509 &crt, const StoreFacts &facts, Json::Value &findings)
+{
+    const CrtFacts times = DescribeCrt(crt);
+    if (times.notAfter < facts.now) {
+        AddFinding(findings, "expired", file + " has ended: " + ToTimeText(times.notAfter));
+    } else if (times.notBefore > facts.now) {
+        AddFinding(findings, "not-yet-valid", file + " has not begun: " + ToTimeText(times.notBefore));
+    } else if (times.notAfter - facts.now < facts.days * kDaySeconds) {
+        AddFinding(findings, "expires-soon", file + " ends soon: " + ToTimeText(times.notAfter));
+    }
+}
+
+// What is wrong with one certificate of the archive's folder, its key and its chain. Answers the certificate.
 UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, const StoreFacts &facts,
                                Json::Value &findings)
 {
-    const auto read = [&](const char *name) -> const FileLook & {
-        const FileLook &file = FileIn(folder, prefix + name);
+    const auto text = [&](const char *name) -> const std::string & {
+        const FileLook &file = folder.File(prefix + name);
         if (file.error != 0 && file.error != ENOENT) {
             AddFinding(findings, "unreadable", prefix + name + ": " + strerror(file.error));
         }
-        return file;
+        return file.text;
     };
-    const FileLook &crtFile = read("cert.pem");
-    const FileLook &keyFile = read("privkey.pem");
-    const FileLook &chain = read("fullchain.pem");
-    UniqueOpenSSL<X509> crt = FirstCrt(crtFile.text);
-    const UniqueOpenSSL<EVP_PKEY> key = FirstKey(keyFile.text);
-    if (crt == nullptr && crtFile.error == 0) {
+    const auto isThere = [&](const char *name) { return folder.File(prefix + name).error == 0; };
+    UniqueOpenSSL<X509> crt = FirstCrt(text("cert.pem"));
+    const UniqueOpenSSL<EVP_PKEY> key = FirstKey(text("privkey.pem"));
+    const std::string &chain = text("fullchain.pem");
+    if (crt == nullptr && isThere("cert.pem")) {
         AddFinding(findings, "unreadable", prefix + "cert.pem holds no certificate");
     }
-    if (key == nullptr && keyFile.error == 0) {
+    if (key == nullptr && isThere("privkey.pem")) {
         AddFinding(findings, "unreadable", prefix + "privkey.pem holds no key without a password");
+    }
+    if (chain.find("----------BEGIN") != std::string::npos) {
+        AddFinding(findings, "unreadable",
+                   prefix + "fullchain.pem has two blocks on one line, as no server reads it");
     }
     if (crt == nullptr) {
         return nullptr;
     }
-
     if (key != nullptr && !IsKeyOf(*key, *crt)) {
         AddFinding(findings, "key-mismatch", prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
     }
     AddTimeFinding(prefix + "cert.pem", *crt, facts, findings);
-    if (chain.text.find("----------BEGIN") != std::string::npos) {
-        AddFinding(findings, "unreadable",
-                   prefix + "fullchain.pem has two blocks on one line, as no server reads it");
-    } else if (chain.error == 0 && !chain.text.starts_with(crtFile.text)) {
-        const UniqueOpenSSL<X509> first = FirstCrt(chain.text);
-        if (first == nullptr || !IsSameCrt(*first, *crt)) {
+    if (isThere("fullchain.pem") && !chain.starts_with(text("cert.pem"))) {
+        const UniqueOpenSSL<X509> first = FirstCrt(chain);
+        if (first == nullptr || X509_cmp(first.get(), crt.get()) != 0) {
             AddFinding(findings, "chain-mismatch",
                        prefix + "fullchain.pem does not begin with " + prefix + "cert.pem");
         }
@@ -64,40 +76,27 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, co
     return crt;
 }
 
-void AddFacts(const X509 &crt, const StoreFacts &facts, Json::Value &object)
-{
-    const CrtFacts crtFacts = DescribeCrt(crt);
-    object["subject"] = ToUtf8(crtFacts.subject);
-    for (const std::string &name : crtFacts.names) {
-        object["names"].append(ToUtf8(name));
-    }
-    object["not_before"] = ToTimeText(crtFacts.notBefore);
-    object["not_after"] = ToTimeText(crtFacts.notAfter);
-    object["seconds_left"] = static_cast<Json::Int64>(crtFacts.notAfter - facts.now);
-    object["sha256"] = crtFacts.sha256;
-}
-
 // What is wrong with the folder as a whole.
-void LookAtCrtFolder(const std::string &path, const FolderLook &folder,
-                     const std::vector<std::string> &typePrefixes, Json::Value &findings)
+void LookAtCrtFolder(const std::string &path, FolderLook &folder, const std::vector<std::string> &prefixes,
+                     Json::Value &findings)
 {
-    char resolved[PATH_MAX];
-    if (realpath(path.c_str(), resolved) != nullptr && path != resolved) {
+    std::error_code error;
+    if (const auto real = std::filesystem::canonical(path, error); !error && real != path) {
         AddFinding(findings, "mended-for-ever",
                    path + " is a link: every registration makes a new certificate");
     }
-    if (const std::string missing = ListMissingFiles(folder, ""); !missing.empty()) {
+    if (const std::string missing = folder.ListMissingFiles(""); !missing.empty()) {
         AddFinding(findings, "incomplete",
                    path + " lacks " + missing + ": a registration makes a new certificate");
     }
-    for (const std::string &prefix : typePrefixes) {
-        if (const std::string missing = ListMissingFiles(folder, prefix); !missing.empty()) {
+    for (const std::string &prefix : prefixes) {
+        if (const std::string missing = folder.ListMissingFiles(prefix); !missing.empty()) {
             AddFinding(
                 findings, "mended-for-ever",
                 path + " lacks " + missing + ", of renew.json: every registration makes a new certificate");
         }
     }
-    if (IsIn(AT_FDCWD, path + "/.mending")) {
+    if (folder.File(".mending").error == 0) {
         AddFinding(findings, "mend-unfinished", path + " is being mended, or that was cut off");
     }
     Json::Value crtInfo;
@@ -106,12 +105,142 @@ void LookAtCrtFolder(const std::string &path, const FolderLook &folder,
     }
 }
 
+// The file name prefixes of what the copy's `info` tells the service to use.
+std::vector<std::string> ListUsedPrefixes(const std::string &path)
+{
+    const std::string name = "cert.pem";
+    Json::Value info;
+    std::vector<std::string> prefixes;
+    (void)fromFile(path + "/info", info);
+    for (const Json::Value &element : GetMember(info, "certs")) {
+        const std::string crt = GetString(element, "cert");
+        if (crt.starts_with(path + "/") && crt.ends_with(name)) {
+            prefixes.push_back(crt.substr(path.size() + 1, crt.size() - path.size() - 1 - name.size()));
+        }
+    }
+    return prefixes;
+}
+
+// Compares files of the service with the archive's: the names of those that differ. Parsed is only what differs.
+std::vector<std::string> LookAtCopy(FolderLook &copy, FolderLook &archive, const std::string &prefix,
+                                    const std::string &owner, const StoreFacts &facts, Json::Value &findings)
+{
+    if (const std::string missing = copy.ListMissingFiles(prefix); !missing.empty()) {
+        AddFinding(findings, "copy-missing", missing);
+        return {};
+    }
+    const FileLook &keyFile = copy.File(prefix + "privkey.pem");
+    uid_t uid = static_cast<uid_t>(-1);
+    (void)OPALUserGetUGID(owner, &uid, nullptr);
+    if ((keyFile.info.st_mode & 0377) != 0 || keyFile.info.st_uid != uid) {
+        char found[64];
+        snprintf(found, sizeof(found), "mode %04o and user %u", keyFile.info.st_mode & 07777,
+                 keyFile.info.st_uid);
+        AddFinding(findings, "copy-exposed",
+                   prefix + "privkey.pem has " + found + " instead of 0400 and " + owner);
+    }
+
+    std::vector<std::string> names = {prefix + "cert.pem", prefix + "privkey.pem", prefix + "fullchain.pem"};
+    if (prefix.empty()) {
+        names.insert(names.end(), {"chain.pem", "opal-ca-cert.pem"});
+    }
+    std::vector<std::string> differing;
+    for (const std::string &name : names) {
+        if (copy.File(name).error != archive.File(name).error ||
+            copy.File(name).text != archive.File(name).text) {
+            differing.push_back(name);
+        }
+    }
+    if (!differing.empty()) {
+        const UniqueOpenSSL<X509> crt = FirstCrt(copy.File(prefix + "cert.pem").text);
+        const UniqueOpenSSL<EVP_PKEY> key = FirstKey(keyFile.text);
+        if (crt == nullptr || key == nullptr || !IsKeyOf(*key, *crt)) {
+            AddFinding(findings, "copy-mismatch",
+                       prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
+        } else {
+            AddTimeFinding("the service's " + prefix + "cert.pem", *crt, facts, findings);
+        }
+    }
+    return differing;
+}
+
+// The service's part of the report. `archive` is its certificate's folder, which has key types of these prefixes.
+Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
+                          const std::vector<std::string> &typePrefixes, StoreFacts &facts)
+{
+    const ServiceName name = NameOf(element);
+    Json::Value service(Json::objectValue);
+    const std::string path = GetServiceFolderPath(GetBool(element, "isPkg"), std::string(name.subscriber),
+                                                  std::string(name.service));
+    service["subscriber"] = element["subscriber"];
+    service["service"] = element["service"];
+    service["folder"] = path;
+    service["state"] = "current";
+    Json::Value &findings = service["findings"] = Json::Value(Json::arrayValue);
+    facts.folders.insert(path);
+
+    FolderLook copy(path);
+    const std::vector<std::string> used = ListUsedPrefixes(path);
+    std::vector<std::string> differing;
+    for (const std::string &prefix : used) {
+        for (std::string &file :
+             LookAtCopy(copy, archive, prefix, GetString(element, "owner"), facts, findings)) {
+            differing.push_back(std::move(file));
+        }
+    }
+    if (used.empty()) {
+        AddFinding(findings, "copy-missing", path + "/info, which names the files, is missing or broken");
+    } else if (used != (GetBool(element, "multiple_cert") && !typePrefixes.empty()
+                            ? typePrefixes
+                            : std::vector{std::string()})) {
+        differing.emplace_back("the key types");
+    }
+    if (!differing.empty()) {
+        AddFinding(findings, "old-copy", "differs from the archive: " + Join(differing));
+    }
+    for (const Json::Value &finding : findings) {
+        const std::string code = finding["code"].asString();
+        if (code.starts_with("copy-") || (code == "old-copy" && service["state"] == "current")) {
+            service["state"] = code;
+        }
+    }
+    if (facts.listed[name] > 1) {
+        AddFinding(findings, "listed-twice",
+                   "INFO lists it " + std::to_string(facts.listed[name]) + " times");
+    }
+    if (facts.knowsRegistered && !facts.registered.contains(name)) {
+        AddFinding(findings, "not-in-services", "SERVICES does not list it");
+    }
+    return service;
+}
+
+void AddFacts(const X509 &main, FolderLook &folder, const StoreFacts &facts, Json::Value &crt)
+{
+    const CrtFacts described = DescribeCrt(main);
+    const UniqueOpenSSL<X509> ca = FirstCrt(folder.File("opal-ca-cert.pem").text);
+    crt["self_made"] = ca != nullptr && IsSignedBy(main, *ca);
+    crt["subject"] = described.subject;
+    for (const std::string &name : described.names) {
+        crt["names"].append(name);
+    }
+    crt["not_before"] = ToTimeText(described.notBefore);
+    crt["not_after"] = ToTimeText(described.notAfter);
+    crt["seconds_left"] = static_cast<Json::Int64>(described.notAfter - facts.now);
+    crt["sha256"] = described.sha256;
+}
+
 }  // namespace
+
+bool IsService(const Json::Value &element)
+{
+    const std::string subscriber = GetString(element, "subscriber");
+    return IsUsableSubscriber(subscriber) && IsUsableService(subscriber, GetString(element, "service"));
+}
 
 Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, StoreFacts &facts)
 {
     Json::Value crt(Json::objectValue);
-    crt["id"] = ToUtf8(cert_id);
+    crt["id"] = cert_id;
     crt["default"] = cert_id == facts.defaultId;
     crt["self_made"] = false;
     for (const char *list : {"names", "services", "findings"}) {
@@ -124,33 +253,28 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
         return crt;
     }
 
-    std::vector<std::string> typePrefixes;
+    std::vector<std::string> prefixes;
     for (const KeyType type : GetCrtKeyTypes(cert_id)) {
-        typePrefixes.push_back(KeyTypePrefix(type));
+        prefixes.push_back(KeyTypePrefix(type));
     }
     const std::string path = GetCrtFolderPath(cert_id);
     facts.folders.insert(path);
-    FolderLook folder = LookAtFolder(path);
-    LookAtCrtFolder(path, folder, typePrefixes, findings);
-    if (folder.error == 0) {
-        if (const UniqueOpenSSL<X509> main = LookAtPair(folder, "", facts, findings)) {
-            AddFacts(*main, facts, crt);
-            const UniqueOpenSSL<X509> ca = FirstCrt(FileIn(folder, "opal-ca-cert.pem").text);
-            crt["self_made"] = ca != nullptr && IsSignedBy(*main, *ca);
-        }
-        for (const std::string &prefix : typePrefixes) {
-            LookAtPair(folder, prefix, facts, findings);
-        }
+    FolderLook folder(path);
+    LookAtCrtFolder(path, folder, prefixes, findings);
+    if (const UniqueOpenSSL<X509> main = LookAtPair(folder, "", facts, findings)) {
+        AddFacts(*main, folder, facts, crt);
+    }
+    for (const std::string &prefix : prefixes) {
+        LookAtPair(folder, prefix, facts, findings);
     }
     for (const Json::Value &element : services) {
-        if (const std::optional<ServiceId> id = IdOfService(element)) {
-            crt["services"].append(LookAtService(element, *id, folder, typePrefixes, facts));
+        if (IsService(element)) {
+            crt["services"].append(LookAtService(element, folder, prefixes, facts));
         } else {
             AddFinding(findings, "book-broken",
                        "INFO lists something that is no service: " + ToLogText(element));
         }
     }
-    facts.isHindered |= folder.isHindered;
     return crt;
 }
 

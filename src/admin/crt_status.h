@@ -3,13 +3,30 @@
 
 #include <json/value.h>
 
+#include <ctime>
+#include <map>
+#include <set>
 #include <string>
 
-#include "admin/service_status.h"
+#include "store/service.h"
 
 namespace opalcrt {
 
-// The certificate's part of the report (admin/status.h).
+// What is the same for all certificates of one look.
+struct StoreFacts {
+    time_t now = 0;
+    int days = 30;
+    std::string defaultId;
+    std::map<ServiceName, int> listed;  // how often INFO lists the service
+    std::set<ServiceName> registered;   // what SERVICES lists
+    bool knowsRegistered = false;       // false: SERVICES could not be read
+    std::set<std::string> folders;      // looked at until now
+};
+
+// Whether an element of a book names a service that can have a folder.
+bool IsService(const Json::Value &element);
+
+// The certificate's part of the report (admin/status.h). Without `not_after` where no certificate could be read.
 Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, StoreFacts &facts);
 
 }  // namespace opalcrt

@@ -7,22 +7,19 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <filesystem>
-#include <regex>
 #include <string>
 
-#include "admin/archive_folder.h"
-#include "admin/message.h"
+#include "admin/archive.h"
+#include "admin/certificate.h"
+#include "admin/report.h"
 #include "common/json_file.h"
-#include "common/scoped_lock.h"
 #include "deploy/dir_utils.h"
 #include "mkcert/default_set.h"
 #include "mkcert/serial_file.h"
 #include "platform/atomic_file.h"
 #include "platform/directory.h"
 #include "platform/file_test.h"
-#include "platform/string_list.h"
 #include "store/paths.h"
 
 namespace opalcrt {
@@ -48,13 +45,6 @@ std::string RandomDigits(size_t count)
         digits += "0123456789abcdef"[bytes[digits.size()] % 16];
     }
     return digits;
-}
-
-bool IsHostName(const std::string &name)
-{
-    const std::string label = "[A-Za-z0-9]([A-Za-z0-9-]{0,61}[A-Za-z0-9])?";
-    return name.size() <= 253 && BlYLIBIsIpAddr(name.c_str()) == 0 &&
-           std::regex_match(name, std::regex(label + "(\\." + label + ")*"));
 }
 
 // What subjectAltName gets: clients also reach the machine by its own name.
@@ -108,11 +98,8 @@ bool MakeArchive(const std::string &cert_id)
 
 bool InitStore()
 {
-    const ScopedLock lock(kRecoverLock, kLockExclusive, kRecoverLockSeconds, UnlockLine::kStore);
-    if (!lock.IsHeld()) {
-        return RefuseLock();
-    }
-    if (!std::all_of(std::begin(kFolders), std::end(kFolders), MakeFolder) || !MakeSerialFile()) {
+    const RecoverLock lock;
+    if (!lock || !std::all_of(std::begin(kFolders), std::end(kFolders), MakeFolder) || !MakeSerialFile()) {
         return false;
     }
     std::error_code error;
@@ -122,7 +109,7 @@ bool InitStore()
         return RefuseCall(std::string("cannot look into ") + kArchive);
     }
     if (!error && !isEmpty) {
-        printf("%s is left as it is\n", kArchive);
+        Say(false, std::string(kArchive) + ": left as it is");
         return true;
     }
     const std::string cert_id = RandomDigits(8);
@@ -133,7 +120,7 @@ bool InitStore()
     if (rename(kNewArchive, kArchive) != 0 || !SyncParent(kArchive)) {
         return RefuseCall(std::string("cannot move ") + kNewArchive + " to " + kArchive);
     }
-    printf("%s: made, with the certificate %s\n", kArchive, cert_id.c_str());
+    Say(false, std::string(kArchive) + ": made, with the certificate " + cert_id);
     return true;
 }
 

@@ -1,16 +1,19 @@
 #include "admin/install.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <cerrno>
 
-#include "admin/archive_folder.h"
-#include "admin/message.h"
+#include "admin/archive.h"
+#include "admin/report.h"
+#include "admin/roll_out.h"
 #include "admin/store_look.h"
-#include "common/json_file.h"
 #include "common/json_member.h"
-#include "common/scoped_lock.h"
+#include "deploy/dir_utils.h"
+#include "platform/atomic_file.h"
+#include "store/crt_info.h"
 #include "store/names.h"
 #include "store/paths.h"
 
@@ -26,15 +29,14 @@ bool IsNameOfBook(const std::string &id)
 }
 
 // What a cut-off run of the same command has left: only its entry in INFO is missing.
-bool IsMadeAlready(const std::string &folder, const InstallPlan &plan)
+bool IsMadeAlready(const std::string &folder, const InstallFiles &files)
 {
-    return !plan.files.empty() &&
-           std::all_of(plan.files.begin(), plan.files.end(), [&folder](const auto &file) {
-               return LookAtFile(AT_FDCWD, folder + "/" + file.first).text == file.second;
-           });
+    return !files.empty() && std::all_of(files.begin(), files.end(), [&folder](const auto &file) {
+        return LookAtFile(AT_FDCWD, folder + "/" + file.first).text == file.second;
+    });
 }
 
-void CheckId(const InstallOptions &options, InstallPlan &plan)
+void CheckId(const InstallOptions &options, const InstallFiles &files, Json::Value &findings)
 {
     const std::string &id = options.id;
     const std::string folder = GetCrtFolderPath(id);
@@ -42,44 +44,29 @@ void CheckId(const InstallOptions &options, InstallPlan &plan)
     Json::Value info;
     if (!IsPlainFolderName("." + id + ".new") || id.empty() || id.starts_with('.') || ToShownText(id) != id ||
         IsNameOfBook(id)) {
-        AddFinding(plan.findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
-    } else if (!fromFile(kInfoPath, info) || !info.isObject()) {
-        AddFinding(plan.findings, "book-broken",
-                   std::string(kInfoPath) + " cannot be read; see opalcrt status");
+        AddFinding(findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
+    } else if (!ReadInfo(info)) {
+        AddFinding(findings, "book-broken",
+                   std::string("without ") + kInfoPath + " nothing can be installed");
     } else if (!options.isNew && !GetMember(info, id.c_str()).isObject()) {
-        AddFinding(plan.findings, "no-such-id", "there is no certificate " + id + "; with --new it is made");
+        AddFinding(findings, "no-such-id", "there is no certificate " + id + "; with --new it is made");
     } else if (options.isNew && info.isMember(id)) {
-        AddFinding(plan.findings, "in-info",
+        AddFinding(findings, "in-info",
                    "there is a certificate " + id + " already; it is replaced without --new");
-    } else if (options.isNew && IsIn(AT_FDCWD, folder) && !IsMadeAlready(folder, plan)) {
-        AddFinding(plan.findings, "folder-exists",
+    } else if (options.isNew && Exists(folder) && !IsMadeAlready(folder, files)) {
+        AddFinding(findings, "folder-exists",
                    folder + " is there, though INFO does not list it; move it away");
     }
     if (id.size() > kLongestDefaultId && defaultText.substr(0, defaultText.find('\n')) == id) {
-        AddFinding(plan.findings, "id-too-long", id + " would be the default certificate: at most 15 bytes");
+        AddFinding(findings, "id-too-long", id + " would be the default certificate: at most 15 bytes");
     }
-}
-
-int Tell(const InstallOptions &options, const InstallPlan &plan, int status, const char *result)
-{
-    if (options.asJson) {
-        Json::Value object(Json::objectValue);
-        object["id"] = ToUtf8(options.id);
-        object["result"] = result;
-        object["findings"] = plan.findings;
-        return PrintJson(object) ? status : kRefused;
-    }
-    if (status == kDone) {
-        printf("%s%s: %s\n", ToLines(plan.findings, "").c_str(), options.id.c_str(), result);
-    }
-    return status;
 }
 
 // Whether nothing speaks against it; else that is told, a line for each.
-bool IsAllowed(const InstallPlan &plan)
+bool IsAllowed(const Json::Value &findings)
 {
     bool isAllowed = true;
-    for (const Json::Value &finding : plan.findings) {
+    for (const Json::Value &finding : findings) {
         if (finding["severity"] == "critical") {
             isAllowed = Refuse(finding["text"].asString());
         }
@@ -87,35 +74,68 @@ bool IsAllowed(const InstallPlan &plan)
     return isAllowed;
 }
 
+// The folder is root's alone and empty. The files get their mode when they have their content.
+bool WriteFiles(const std::string &folder, const InstallFiles &files)
+{
+    for (const auto &[name, text] : files) {
+        const std::string path = folder + "/" + name;
+        if (!WriteNewFile(path, text, std::string()) || chmod(path.c_str(), 0400) != 0) {
+            RefuseCall("cannot write " + path);
+            RemovePath(folder);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool AddToInfo(const std::string &cert_id)
+{
+    const ScopedLock lock(kInfoLock, kLockExclusive, kInfoLockSeconds, UnlockLine::kStore);
+    Json::Value info;
+    if (!lock.IsHeld() || !TakeCrtInfo(info) || !info.isObject()) {
+        return RefuseCall(std::string("cannot lock or read ") + kInfoPath + "; run the same command again");
+    }
+    info[cert_id]["services"] = Json::Value(Json::arrayValue);
+    return WriteCrtInfo(std::move(info)) ||
+           RefuseCall(std::string("cannot write ") + kInfoPath + "; run the same command again");
+}
+
+// The exit status of all that is done under the recovery lock.
+int PutIntoArchive(const InstallOptions &options, const InstallFiles &files)
+{
+    const RecoverLock lock;
+    Json::Value findings(Json::arrayValue);
+    CheckId(options, files, findings);  // Another run may have changed the archive since the first look.
+    if (!lock || !IsAllowed(findings) || !MakeNewFolder(options.id) ||
+        !WriteFiles(GetNewFolderPath(options.id), files) || !ExchangeFolder(options.id)) {
+        return kRefused;
+    }
+    return !options.isNew || AddToInfo(options.id) ? kDone : kPartlyChanged;
+}
+
 }  // namespace
 
 int Install(const InstallOptions &options)
 {
-    InstallPlan plan = PlanInstall(options);
-    CheckId(options, plan);
-    if (!IsAllowed(plan)) {
-        return Tell(options, plan, kRefused, "refused");
+    Json::Value report(Json::objectValue);
+    report["id"] = options.id;
+    Json::Value &findings = report["findings"] = Json::Value(Json::arrayValue);
+    const InstallFiles files = PlanInstall(options, findings);
+    CheckId(options, files, findings);
+    if (!IsAllowed(findings)) {
+        return End(report, options.asJson, kRefused, "refused");
+    }
+    for (const Json::Value &finding : findings) {
+        Say(options.asJson, "warning " + finding["code"].asString() + ": " + finding["text"].asString());
     }
     if (options.onlyCheck) {
-        return Tell(options, plan, kDone, "can be installed");
+        return End(report, options.asJson, kDone, "can be installed");
     }
-
-    {
-        const ScopedLock lock(kRecoverLock, kLockExclusive, kRecoverLockSeconds, UnlockLine::kStore);
-        if (!lock.IsHeld()) {
-            RefuseLock();
-            return Tell(options, plan, kRefused, "refused");
-        }
-        CheckId(options, plan);  // Another run may have changed the archive since the first look.
-        if (!IsAllowed(plan) || !PutIntoArchive(options.id, plan.files)) {
-            return Tell(options, plan, kRefused, "refused");
-        }
-        if (options.isNew && !AddToInfo(options.id)) {
-            return Tell(options, plan, kPartlyChanged, "in the archive, but not in INFO");
-        }
+    if (const int status = PutIntoArchive(options, files); status != kDone) {
+        return End(report, options.asJson, status, status == kRefused ? "refused" : "not in INFO");
     }
-    // The archive has the new certificate; from here on its services are to get it.
-    return Tell(options, plan, kDone, "installed");
+    Say(options.asJson, options.id + ": in the archive");
+    return RollOutCrt(options.id, report, options.asJson);
 }
 
 }  // namespace opalcrt

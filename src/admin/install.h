@@ -19,17 +19,15 @@ struct InstallOptions {
     bool asJson = false;
 };
 
-// What the given files make, and what is wrong with them; nothing is written for one critical finding.
-struct InstallPlan {
-    std::vector<std::pair<std::string, std::string>> files;  // names and contents of the new folder
-    Json::Value findings = Json::Value(Json::arrayValue);
-};
+// Names and contents of the new folder's files.
+using InstallFiles = std::vector<std::pair<std::string, std::string>>;
 
-// Reads and checks the files. All that is wrong is found, not the first thing only.
-InstallPlan PlanInstall(const InstallOptions &options);
+// Reads and checks the given files, and makes the new ones of them. All that is wrong goes into `findings`, not the
+// first thing only; when something critical is among them, the files are worth nothing.
+InstallFiles PlanInstall(const InstallOptions &options, Json::Value &findings);
 
 // The exit status. The new folder is made whole beside the old one and exchanged with it in one step
-// (admin/archive_folder.h) under the recovery lock.
+// (admin/archive.h) under the recovery lock; then the certificate's services get it (admin/roll_out.h).
 int Install(const InstallOptions &options);
 
 }  // namespace opalcrt

@@ -7,7 +7,7 @@
 
 #include "admin/certificate.h"
 #include "admin/install.h"
-#include "admin/message.h"
+#include "admin/report.h"
 #include "admin/store_look.h"
 #include "common/json_file.h"
 #include "deploy/key_types.h"
@@ -75,7 +75,7 @@ std::vector<UniqueOpenSSL<X509>> ReadCrts(const InstallOptions &options, Json::V
     for (const std::string &path : paths) {
         for (UniqueOpenSSL<X509> &crt : ReadPem(path, false, findings).crts) {
             if (std::none_of(crts.begin(), crts.end(),
-                             [&](const auto &known) { return IsSameCrt(*known, *crt); })) {
+                             [&](const auto &known) { return X509_cmp(known.get(), crt.get()) == 0; })) {
                 crts.push_back(std::move(crt));
             }
         }
@@ -151,49 +151,49 @@ void WarnOfLostNames(const std::string &id, const X509 &crt, Json::Value &findin
     }
 }
 
-void AddFiles(const KeyPair &pair, const std::string &prefix, InstallPlan &plan)
+void AddFiles(const KeyPair &pair, const std::string &prefix, InstallFiles &files)
 {
     const std::string crt = ToPem(*pair.crts.front());
     std::string chain;
     for (size_t at = 1; at < pair.crts.size(); ++at) {
         chain += ToPem(*pair.crts[at]);
     }
-    plan.files.emplace_back(prefix + "cert.pem", crt);
-    plan.files.emplace_back(prefix + "privkey.pem", ToPem(*pair.key));
-    plan.files.emplace_back(prefix + "fullchain.pem", crt + chain);
+    files.emplace_back(prefix + "cert.pem", crt);
+    files.emplace_back(prefix + "privkey.pem", ToPem(*pair.key));
+    files.emplace_back(prefix + "fullchain.pem", crt + chain);
     if (prefix.empty() && !chain.empty()) {
-        plan.files.emplace_back("chain.pem", chain);
+        files.emplace_back("chain.pem", chain);
     }
 }
 
 }  // namespace
 
-InstallPlan PlanInstall(const InstallOptions &options)
+InstallFiles PlanInstall(const InstallOptions &options, Json::Value &findings)
 {
-    InstallPlan plan;
-    std::vector<KeyPair> pairs = ReadKeys(options.keyFiles, plan.findings);
-    const std::vector<UniqueOpenSSL<X509>> crts = ReadCrts(options, plan.findings);
-    if (!plan.findings.empty()) {
-        return plan;  // Without one of the files nothing sensible can be said of how the others fit together.
+    std::vector<KeyPair> pairs = ReadKeys(options.keyFiles, findings);
+    const std::vector<UniqueOpenSSL<X509>> crts = ReadCrts(options, findings);
+    if (!findings.empty()) {
+        return {};  // Without one of the files nothing sensible can be said of how the others fit together.
     }
     for (KeyPair &pair : pairs) {
         pair.crts = OrderChain(*pair.key, crts);
     }
-    CheckChains(pairs, crts, plan.findings);
+    CheckChains(pairs, crts, findings);
     if (std::any_of(pairs.begin(), pairs.end(), [](const KeyPair &pair) { return pair.crts.empty(); })) {
-        return plan;
+        return {};
     }
 
-    WarnOfLostNames(options.id, *pairs.front().crts.front(), plan.findings);
-    AddFiles(pairs.front(), "", plan);
+    WarnOfLostNames(options.id, *pairs.front().crts.front(), findings);
+    InstallFiles files;
+    AddFiles(pairs.front(), "", files);
     if (pairs.size() == 2) {
-        AddFiles(pairs[0], KeyTypePrefix(pairs[0].type), plan);
-        AddFiles(pairs[1], KeyTypePrefix(pairs[1].type), plan);
+        AddFiles(pairs[0], KeyTypePrefix(pairs[0].type), files);
+        AddFiles(pairs[1], KeyTypePrefix(pairs[1].type), files);
         Json::Value renew(Json::objectValue);
         renew["key_types"] = KeyTypeName(pairs[0].type) + "/" + KeyTypeName(pairs[1].type);
-        plan.files.emplace_back("renew.json", toString(renew));
+        files.emplace_back("renew.json", toString(renew));
     }
-    return plan;
+    return files;
 }
 
 }  // namespace opalcrt

@@ -1,6 +1,5 @@
 // opalcrt: what an administrator does with certificates, a verb for each.
 
-#include <openssl/crypto.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
@@ -9,10 +8,12 @@
 #include <exception>
 #include <functional>
 
-#include "admin/default_crt.h"
+#include "admin/archive.h"
 #include "admin/first_store.h"
 #include "admin/install.h"
-#include "admin/message.h"
+#include "admin/renew.h"
+#include "admin/report.h"
+#include "admin/roll_out.h"
 #include "admin/status.h"
 #include "common/openssl.h"
 #include "platform/startup.h"
@@ -21,39 +22,33 @@ namespace opalcrt {
 
 namespace {
 
+// What the command line asks for; run when all of it was understood.
+using Verb = std::function<int()>;
+
 int ToStatus(bool isDone) { return isDone ? kDone : kRefused; }
 
-int AsRoot(const std::function<int()> &verb)
-{
-    return geteuid() == 0 ? verb() : ToStatus(Refuse("only root can do this"));
-}
+constexpr char kJsonText[] = "One JSON object on one line";
 
-void AddInit(CLI::App &app, int &status)
+void AddStatus(CLI::App &app, StatusOptions &options, Verb &verb)
 {
-    app.add_subcommand("init", "Make the first certificate archive, where there is none")
-        ->callback([&status] { status = AsRoot([] { return ToStatus(InitStore()); }); });
-}
-
-void AddStatus(CLI::App &app, StatusOptions &options, int &status)
-{
-    CLI::App *verb =
+    CLI::App *command =
         app.add_subcommand("status", "Tell what certificates and services there are and what is wrong");
-    verb->add_option("ID", options.ids, "Only these certificates");
-    verb->add_option("--days", options.days, "Warn when fewer days are left")
+    command->add_option("ID", options.ids, "Only these certificates");
+    command->add_option("--days", options.days, "Warn when fewer days are left")
         ->capture_default_str()
         ->check(CLI::Range(0, 36500));
-    verb->add_flag("--json", options.asJson, "One JSON object on one line");
-    verb->footer("Exit status: 0 well, 1 a warning, 2 something critical, 3 it could not look.");
-    verb->callback([&options, &status] { status = Status(options); });
+    command->add_flag("--json", options.asJson, kJsonText);
+    command->footer("Exit status: 0 well, 1 a warning, 2 something critical, 3 it could not look.");
+    command->callback([&] { verb = [&options] { return Status(options); }; });
 }
 
-void AddInstall(CLI::App &app, InstallOptions &options, int &status)
+void AddInstall(CLI::App &app, InstallOptions &options, Verb &verb)
 {
-    CLI::App *verb =
+    CLI::App *command =
         app.add_subcommand("install", "Put a key and its certificate in the place of a certificate");
-    verb->add_option("ID", options.id, "The certificate")->required();
-    const auto addFiles = [verb](const char *name, std::vector<std::string> &files, const char *what) {
-        return verb->add_option(name, files, what)
+    command->add_option("ID", options.id, "The certificate")->required();
+    const auto addFiles = [command](const char *name, std::vector<std::string> &files, const char *what) {
+        return command->add_option(name, files, what)
             ->type_name("FILE")
             ->expected(1, 2)
             ->allow_extra_args(false);
@@ -63,48 +58,97 @@ void AddInstall(CLI::App &app, InstallOptions &options, int &status)
     addFiles("--cert", options.crtFiles, "PEM file of its certificate, with or without the chain")
         ->required();
     addFiles("--chain", options.chainFiles, "PEM file of the certificates that sign it");
-    verb->add_flag("--new", options.isNew, "The certificate is not in the archive yet");
-    verb->add_flag("--check", options.onlyCheck, "Only tell whether it could be installed");
-    verb->add_flag("--json", options.asJson, "One JSON object on one line");
-    verb->callback([&options, &status] {
+    command->add_flag("--new", options.isNew, "The certificate is not in the archive yet");
+    command->add_flag("--check", options.onlyCheck, "Only tell whether it could be installed");
+    command->add_flag("--json", options.asJson, kJsonText);
+    command->callback([&] {
         if (options.keyFiles.size() != options.crtFiles.size()) {
             throw CLI::ValidationError("--key and --cert", "each key needs a certificate");
         }
-        status = options.onlyCheck ? Install(options) : AsRoot([&options] { return Install(options); });
+        verb = [&options] { return Install(options); };
     });
 }
 
-void AddDefault(CLI::App &app, std::string &id, int &status)
+void AddRenew(CLI::App &app, RenewOptions &options, Verb &verb)
 {
-    CLI::App *verb = app.add_subcommand("default", "Print, or set, the certificate of new services");
-    CLI::Option *option = verb->add_option("ID", id, "The certificate that they get from now on");
-    verb->callback([option, &id, &status] {
-        status = option->count() == 0 ? ToStatus(PrintDefault())
-                                      : AsRoot([&id] { return ToStatus(SetDefault(id)); });
+    CLI::App *command = app.add_subcommand("renew", "Make a self-made certificate anew before it ends");
+    command->add_option("ID", options.id, "The certificate; else the default one");
+    command->add_option("--days", options.days, "When fewer days are left")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 36500));
+    command
+        ->add_option("--name", options.names,
+                     "A host name or address that it is for, instead of the old ones")
+        ->expected(1)
+        ->allow_extra_args(false);
+    command->add_flag("--check", options.onlyCheck, "Only tell, with status 1, that it is due");
+    command->add_flag("--json", options.asJson, kJsonText);
+    command->callback([&] { verb = [&options] { return Renew(options); }; });
+}
+
+// What the small verbs are told.
+struct Arguments {
+    std::string id, subscriber, service;
+    bool asJson = false;
+};
+
+void AddSmallVerbs(CLI::App &app, Arguments &args, Verb &verb)
+{
+    app.add_subcommand("init", "Make the first certificate archive, where there is none")->callback([&] {
+        verb = [] { return ToStatus(InitStore()); };
+    });
+
+    CLI::App *deploy = app.add_subcommand("deploy", "Copy certificates to their services again");
+    deploy->add_option("ID", args.id, "Only this certificate");
+    deploy->add_flag("--json", args.asJson, kJsonText);
+    deploy->callback(
+        [&] { verb = [&args] { return RollOutCrt(args.id, Json::Value(Json::objectValue), args.asJson); }; });
+
+    CLI::App *assign = app.add_subcommand("assign", "Give services another certificate");
+    assign->add_option("ID", args.id, "The certificate")->required();
+    assign->add_option("SUBSCRIBER", args.subscriber, "Whose services")->required();
+    assign->add_option("SERVICE", args.service, "Only this one");
+    assign->add_flag("--json", args.asJson, kJsonText);
+    assign->callback(
+        [&] { verb = [&args] { return Assign(args.id, args.subscriber, args.service, args.asJson); }; });
+
+    CLI::App *standard = app.add_subcommand("default", "Print, or set, the certificate of new services");
+    CLI::Option *option = standard->add_option("ID", args.id, "The certificate that they get from now on");
+    standard->callback([&args, &verb, option] {
+        verb = [&args, isSet = option->count() > 0] {
+            return ToStatus(isSet ? SetDefault(args.id) : PrintDefault());
+        };
     });
 }
 
 int Run(int argc, char *argv[])
 {
-    int status = kDone;
+    Verb verb;
     StatusOptions statusOptions;
     InstallOptions installOptions;
-    std::string defaultId;
+    RenewOptions renewOptions;
+    Arguments arguments;
 
     CLI::App app("Looks after the certificates of the appliance and of its services.", "opalcrt");
     app.set_version_flag("--version", "opalcrt " OPALCRT_VERSION);
     app.require_subcommand(1);
-    app.footer("Exit status: 0 done; 1 refused or failed, nothing changed; 64 wrong usage.");
-    AddInit(app, status);
-    AddStatus(app, statusOptions, status);
-    AddInstall(app, installOptions, status);
-    AddDefault(app, defaultId, status);
+    app.footer(
+        "Exit status: 0 done; 1 refused or failed, nothing changed; 3 changed, but not all is done; "
+        "64 wrong usage. It is root's command.");
+    AddStatus(app, statusOptions, verb);
+    AddInstall(app, installOptions, verb);
+    AddRenew(app, renewOptions, verb);
+    AddSmallVerbs(app, arguments, verb);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kDone : kWrongUsage;
     }
-    return status;
+    // A monitor may not be root, and is answered in its own way.
+    if (geteuid() != 0 && !app.got_subcommand("status")) {
+        return Refuse("only root can do this");
+    }
+    return verb();
 }
 
 }  // namespace

@@ -4,16 +4,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <thread>
 
 #include "admin/certificate.h"
 #include "admin/crt_status.h"
-#include "admin/message.h"
+#include "admin/report.h"
 #include "admin/store_look.h"
 #include "common/json_file.h"
 #include "common/json_member.h"
@@ -26,59 +25,37 @@ namespace opalcrt {
 
 namespace {
 
-// A registration comes into SERVICES first and into INFO last, and makes folders between: what the books say of each
-// other, and a folder that neither lists, means something once that is over.
-constexpr time_t kRegistrationSeconds = 60;
-
-// For so long what seems wrong is looked at again when a registration or unregistration came between.
-constexpr std::chrono::seconds kLookAgainFor(5);
-
-bool HasStood(const std::string &path, time_t now)
+// `services` is kept by the caller as long as the facts: they name what stands in it.
+void LookAtServicesBook(const Json::Value &services, StoreFacts &facts, Json::Value &findings)
 {
-    struct stat info = {};
-    return lstat(path.c_str(), &info) == 0 &&
-           (info.st_mtime > now || now - info.st_mtime > kRegistrationSeconds);
-}
-
-void ReadServices(StoreFacts &facts, Json::Value &findings)
-{
-    Json::Value services;
-    if (!fromFile(kServicesPath, services) || !services.isArray()) {
+    facts.knowsRegistered = services.isArray();
+    if (!facts.knowsRegistered) {
         AddFinding(
             findings, "book-broken",
             std::string("nothing can be registered: ") + kServicesPath + " is missing or no JSON array");
         return;
     }
-    std::set<ServiceId> registered;
     for (const Json::Value &element : services) {
-        if (const std::optional<ServiceId> id = IdOfService(element)) {
-            registered.insert(*id);
-        } else {
+        if (!IsService(element)) {
             AddFinding(findings, "book-broken",
                        "SERVICES lists something that is no service: " + ToLogText(element));
-        }
-    }
-    if (!HasStood(kServicesPath, facts.now)) {
-        return;
-    }
-    for (const ServiceId &id : registered) {
-        if (!facts.listed.contains(id)) {
+        } else if (!facts.listed.contains(NameOf(element))) {
             AddFinding(findings, "not-in-info",
-                       id.first + "/" + id.second + " is registered, but not listed in INFO");
+                       GetString(element, "subscriber") + "/" + GetString(element, "service") +
+                           " is registered, but not listed in INFO");
         }
+        facts.registered.insert(NameOf(element));
     }
-    facts.registered = std::move(registered);
 }
 
-void LookAtDefault(const Json::Value &info, const StoreFacts &facts, Json::Value &findings)
+void LookAtDefault(const Json::Value &info, const std::string &id, Json::Value &findings)
 {
-    const std::string &id = facts.defaultId;
     std::string why;
     if (id.empty()) {
         why = " names no certificate";
     } else if (!IsPlainFolderName(id) || !GetMember(info, id.c_str()).isObject()) {
         why = " names " + id + ", which INFO does not list";
-    } else if (LookAtFolder(GetCrtFolderPath(id)).error != 0) {
+    } else if (!Exists(GetCrtFolderPath(id))) {
         why = " names " + id + ", which has no folder in the archive";
     }
     if (!why.empty()) {
@@ -95,7 +72,7 @@ void LookForOrphans(const StoreFacts &facts, Json::Value &findings)
     for (size_t at = 0; at < found.gl_pathc; ++at) {
         std::string path = found.gl_pathv[at];
         path.pop_back();
-        if (!facts.folders.contains(path) && HasStood(path, facts.now)) {
+        if (!facts.folders.contains(path)) {
             AddFinding(findings, "orphan-folder", path + " belongs to nothing that INFO lists");
         }
     }
@@ -106,7 +83,7 @@ void LookForOrphans(const StoreFacts &facts, Json::Value &findings)
 bool LookAtInfo(const StatusOptions &options, Json::Value &info, Json::Value &findings)
 {
     if (!fromFile(kInfoPath, info) && errno != EBADMSG && errno != EFBIG) {
-        fprintf(stderr, "opalcrt: cannot read %s: %s\n", kInfoPath, strerror(errno));
+        Complain(std::string("cannot read ") + kInfoPath + ": " + strerror(errno));
         return false;
     }
     if (!info.isObject()) {
@@ -115,7 +92,7 @@ bool LookAtInfo(const StatusOptions &options, Json::Value &info, Json::Value &fi
     }
     for (const std::string &id : options.ids) {
         if (!info.isMember(id)) {
-            fprintf(stderr, "opalcrt: %s lists no certificate %s\n", kInfoPath, ToShownText(id).c_str());
+            Complain(std::string(kInfoPath) + " lists no certificate " + id);
             return false;
         }
     }
@@ -125,50 +102,36 @@ bool LookAtInfo(const StatusOptions &options, Json::Value &info, Json::Value &fi
 // Everything once. False, told, when it could not look.
 bool LookOnce(const StatusOptions &options, Json::Value &report)
 {
+    report = Json::Value(Json::objectValue);
+    report["certificates"] = report["findings"] = Json::Value(Json::arrayValue);
     StoreFacts facts;
     facts.now = time(nullptr);
     facts.days = options.days;
     facts.defaultId = ReadDefaultId();
     Json::Value info;
+    Json::Value services;
     if (!LookAtInfo(options, info, report["findings"])) {
         return false;
     }
     for (const Json::Value &entry : info) {
-        const Json::Value &services = GetMember(entry, "services");
-        for (Json::ArrayIndex at = 0; services.isArray() && at < services.size(); ++at) {
-            if (const std::optional<ServiceId> id = IdOfService(services[at])) {
-                ++facts.listed[*id];
+        if (const Json::Value &list = GetMember(entry, "services"); list.isArray()) {
+            for (const Json::Value &element : list) {
+                ++facts.listed[NameOf(element)];
             }
         }
     }
-    ReadServices(facts, report["findings"]);
-    LookAtDefault(info, facts, report["findings"]);
-
+    (void)fromFile(kServicesPath, services);
+    LookAtServicesBook(services, facts, report["findings"]);
+    LookAtDefault(info, facts.defaultId, report["findings"]);
     for (const std::string &id : options.ids.empty() ? info.getMemberNames() : options.ids) {
         report["certificates"].append(LookAtCrt(id, info[id], facts));
     }
     if (options.ids.empty()) {
         LookForOrphans(facts, report["findings"]);
     } else {
-        report["findings"] =
-            Json::Value(Json::arrayValue);  // What belongs to no certificate was not asked for.
+        report["findings"].clear();  // What belongs to no certificate was not asked for.
     }
-    if (facts.isHindered) {
-        fprintf(stderr, "opalcrt: not all keys may be read%s\n", geteuid() != 0 ? ": run it as root" : "");
-    }
-    return !facts.isHindered;
-}
-
-int WorstOf(const Json::Value &report)
-{
-    int worst = WorstIn(report["findings"]);
-    for (const Json::Value &crt : report["certificates"]) {
-        worst = std::max(worst, WorstIn(crt["findings"]));
-        for (const Json::Value &service : crt["services"]) {
-            worst = std::max(worst, WorstIn(service["findings"]));
-        }
-    }
-    return worst;
+    return true;
 }
 
 std::string CrtText(const Json::Value &crt)
@@ -195,10 +158,10 @@ std::string ToReportText(const Json::Value &report)
         text += ToShownText(CrtText(crt)) + "\n" + ToLines(crt["findings"], "  ");
         services += crt["services"].size();
         for (const Json::Value &service : crt["services"]) {
-            text +=
-                "  " + ToShownText(service["subscriber"].asString() + "/" + service["service"].asString() +
-                                   ": " + service["state"].asString() + ", " + service["folder"].asString());
-            text += "\n" + ToLines(service["findings"], "    ");
+            text += "  " +
+                    ToShownText(service["subscriber"].asString() + "/" + service["service"].asString() +
+                                ": " + service["state"].asString() + ", " + service["folder"].asString()) +
+                    "\n" + ToLines(service["findings"], "    ");
         }
     }
     return report["worst"].asString() + ": " + std::to_string(report["certificates"].size()) +
@@ -210,24 +173,32 @@ std::string ToReportText(const Json::Value &report)
 
 int Status(const StatusOptions &options)
 {
-    const auto end = std::chrono::steady_clock::now() + kLookAgainFor;
+    // Registrations come into SERVICES first and into INFO last, and replace folders between: what seems wrong is
+    // looked at again, and once more while the books change.
+    constexpr int kMostLooks = 3;
+    constexpr std::chrono::milliseconds kPause(300);
+
+    if (geteuid() != 0) {
+        Complain("only root can read the keys");
+        return kCouldNotLook;
+    }
     struct stat before = {};
     struct stat after = {};
-    for (;;) {
-        Json::Value report(Json::objectValue);
-        report["certificates"] = report["findings"] = Json::Value(Json::arrayValue);
-        (void)stat(kInfoPath, &before);
+    (void)stat(kInfoPath, &before);
+    Json::Value report;
+    for (int looks = 1;; ++looks) {
         if (!LookOnce(options, report)) {
             return kCouldNotLook;
         }
         const bool hasChanged = stat(kInfoPath, &after) != 0 || !IsSameFile(before, after);
-        const int worst = WorstOf(report);
-        if (worst == 0 || !hasChanged || std::chrono::steady_clock::now() > end) {
+        const int worst = WorstIn(report);
+        if (worst == 0 || looks == kMostLooks || (looks > 1 && !hasChanged)) {
             report["worst"] = SeverityName(worst);
             const bool isPrinted =
                 options.asJson ? PrintJson(report) : WriteAll(STDOUT_FILENO, ToReportText(report));
             return isPrinted ? worst : kCouldNotLook;
         }
+        std::this_thread::sleep_for(kPause);
     }
 }
 

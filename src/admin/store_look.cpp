@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <vector>
 
-#include "admin/message.h"
+#include "admin/report.h"
+#include "platform/file_test.h"
 #include "store/paths.h"
 
 namespace opalcrt {
@@ -30,40 +32,34 @@ FileLook LookAtFile(int folder, const std::string &name)
     return look;
 }
 
-FolderLook LookAtFolder(const std::string &path)
-{
-    FolderLook look;
-    look.fd = UniqueFd(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    look.error = look.fd.IsOpen() ? 0 : errno;
-    look.isHindered = look.error == EACCES;
-    return look;
-}
+FolderLook::FolderLook(const std::string &path) : fd(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
 
-const FileLook &FileIn(FolderLook &folder, const std::string &name)
+const FileLook &FolderLook::File(const std::string &name)
 {
-    const auto [entry, isNew] = folder.files.try_emplace(name);
+    const auto [entry, isNew] = files.try_emplace(name);
     if (isNew) {
-        entry->second = LookAtFile(folder.fd.Get(), name);
-        folder.isHindered |= entry->second.error == EACCES || entry->second.error == EPERM;
+        entry->second = LookAtFile(fd.Get(), name);
+        // A folder that is not there has no files.
+        entry->second.error = fd.IsOpen() ? entry->second.error : ENOENT;
     }
     return entry->second;
 }
 
-bool IsIn(int folder, const std::string &name)
-{
-    struct stat info = {};
-    return fstatat(folder, name.c_str(), &info, 0) == 0 || (errno != ENOENT && errno != ENOTDIR);
-}
-
-std::string ListMissingFiles(const FolderLook &folder, const std::string &prefix)
+std::string FolderLook::ListMissingFiles(const std::string &prefix)
 {
     std::vector<std::string> missing;
     for (const char *name : {"cert.pem", "privkey.pem", "fullchain.pem"}) {
-        if (folder.error != 0 || !IsIn(folder.fd.Get(), prefix + name)) {
+        if (const int error = File(prefix + name).error; error != 0 && IsMissing(error)) {
             missing.push_back(prefix + name);
         }
     }
     return Join(missing);
+}
+
+bool Exists(const std::string &path)
+{
+    struct stat info = {};
+    return stat(path.c_str(), &info) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 std::string ReadDefaultId()

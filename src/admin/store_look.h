@@ -6,15 +6,13 @@
 
 #include <map>
 #include <string>
-#include <vector>
 
 #include "platform/unique_fd.h"
 
 namespace opalcrt {
 
 struct FileLook {
-    int error =
-        0;  // errno when it could not be read: ENOENT, EINVAL (no regular file), EFBIG (over 1 MiB), ...
+    int error = 0;  // errno when it could not be read: EINVAL for no regular file, EFBIG for one over 1 MiB
     std::string text;
     struct stat info = {};
 };
@@ -25,21 +23,17 @@ FileLook LookAtFile(int folder, const std::string &name);
 // An open folder, in which names keep meaning the same files when its path is given to another one, and what has been
 // read of it.
 struct FolderLook {
-    int error = 0;
+    explicit FolderLook(const std::string &path);
+    // Reads the file at the first call.
+    const FileLook &File(const std::string &name);
+    // Those of cert.pem, privkey.pem and fullchain.pem, each with the prefix, that are not there: "a, b".
+    std::string ListMissingFiles(const std::string &prefix);
+
     UniqueFd fd;
     std::map<std::string, FileLook> files;
-    bool isHindered = false;  // something may not be read by this user
 };
 
-FolderLook LookAtFolder(const std::string &path);
-
-// Reads the file at the first call.
-const FileLook &FileIn(FolderLook &folder, const std::string &name);
-
-bool IsIn(int folder, const std::string &name);
-
-// Those of cert.pem, privkey.pem and fullchain.pem, each with the prefix, that are not there: "a, b".
-std::string ListMissingFiles(const FolderLook &folder, const std::string &prefix);
+bool Exists(const std::string &path);
 
 // The id in DEFAULT as a registration reads it: the first line, up to its 15th byte. Empty when there is none.
 std::string ReadDefaultId();

@@ -136,7 +136,8 @@ bool DeployDefCrt(const Json::Value &services, int action, const std::string &ol
 }
 
 bool SetCrtForServices(const std::string &cert_id, const Json::Value &services,
-                       const std::string &old_cert_id, int action, const ServiceObserver &tell)
+                       const std::string &old_cert_id, int action, const ServiceObserver &tell,
+                       bool reloadsRelay)
 {
     if (!CheckAndRecoverCrt(cert_id) || !services.isArray()) {
         return LOG_ERROR("Invalid params (cert_id/services)");
@@ -156,10 +157,17 @@ bool SetCrtForServices(const std::string &cert_id, const Json::Value &services,
         }
     }
 
+    if (reloadsRelay) {
+        ReloadRelayDaemon();
+    }
+    return allDone;
+}
+
+void ReloadRelayDaemon()
+{
     if (!OPALSystemdReload("opalrelayd")) {
         LOG_ERROR("Reload opalrelayd failed.");
     }
-    return allDone;
 }
 
 }  // namespace opalcrt

@@ -39,6 +39,10 @@ bool DeployDefCrt(const Json::Value &services, int action, const std::string &ol
 // failed has its new files already. `tell` is called after each service, with no lock held. Locks are taken and
 // released one at a time; the caller may hold none.
 bool SetCrtForServices(const std::string &cert_id, const Json::Value &services,
-                       const std::string &old_cert_id, int action, const ServiceObserver &tell = {});
+                       const std::string &old_cert_id, int action, const ServiceObserver &tell = {},
+                       bool reloadsRelay = true);
+
+// The end of SetCrtForServices, for who calls it several times and reloads once. A failure is logged.
+void ReloadRelayDaemon();
 
 }  // namespace opalcrt

@@ -143,7 +143,11 @@ bool IsCrtComplete(const std::string &cert_id, const std::string &folder)
     if (!CheckRealDirectory(folder)) {
         return LOG_ERROR("Folder not exits [%s]", folder.c_str());
     }
-    const int exist = LookForRequiredFiles(cert_id, folder);
+    int exist = LookForRequiredFiles(cert_id, folder);
+    if (exist == 0) {
+        // Looked for again: the folder may have been exchanged for one with other key types between two files.
+        exist = LookForRequiredFiles(cert_id, folder);
+    }
     if (exist == 1) {
         return true;
     }

@@ -1,0 +1,44 @@
+// The archive's certificate folders and INFO, as the verbs change them.
+//
+// A folder is replaced in one step. What a kill leaves is the old folder or the new one, each whole, and a part of the
+// other under the name that a new folder is made under, which the next run removes. Whoever replaces one holds the
+// recovery lock: mends and the work files of a generation are kept apart by it.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+#include "common/scoped_lock.h"
+
+namespace opalcrt {
+
+// The recovery lock; a refusal is told.
+struct RecoverLock {
+    RecoverLock();
+    explicit operator bool() const { return lock.IsHeld(); }
+    ScopedLock lock;
+};
+
+// The folder that a new one is made in: "." + id + ".new".
+std::string GetNewFolderPath(const std::string &cert_id);
+
+// Makes it anew, empty and for root alone. False, told.
+bool MakeNewFolder(const std::string &cert_id);
+
+// Exchanges it, whose files are on the disk, with the certificate's folder, or moves it there when there is none, and
+// removes the old one. False, told, with the archive as it was.
+bool ExchangeFolder(const std::string &cert_id);
+
+// INFO as it is now. False, told, when it is no JSON object.
+bool ReadInfo(Json::Value &info);
+
+// Whether INFO lists the certificate and its folder is complete, as it is, without a mend. False, told.
+bool IsUsableCrt(const std::string &cert_id, const Json::Value &info);
+
+// `opalcrt default`: prints the id of the certificate that new services get; or makes it another one, if a registration
+// could use it. False, told.
+bool PrintDefault();
+bool SetDefault(const std::string &cert_id);
+
+}  // namespace opalcrt

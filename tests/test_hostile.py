@@ -1,0 +1,152 @@
+# Callers with odd limits, authors of packages who plant things where root will work, and what children are given.
+import errno
+import json
+import shlex
+import time
+
+import pytest
+from conftest import A, CALL, P, TOOL, service
+
+LIST = "Failed to append register services"
+DEPLOY = "Failed to DeployDefCrt for p"
+PLAIN = pytest.mark.skipif(
+    "sanitize" in str(TOOL), reason="the sanitizers need memory and descriptors of their own"
+)
+
+
+# Whatever becomes of p: the books parse, no foreign file is touched, no key is readable by others.
+# fmt: off
+@pytest.mark.parametrize("command, out, line", [
+    ("prlimit --fsize=0 -- opalcrtregister p", LIST, "Failed to write register services (File too large)"),
+    ("prlimit --fsize=450 -- opalcrtregister p", DEPLOY, "Failed to copy [$A/c/cert.pem].[0x0719"),
+    ("prlimit --fsize=0 -- opalcrtunregister p", "Failed to remove register services", "(File too large)"),
+    ("umask 0777; env --ignore-signal=XFSZ,PIPE,CHLD,TERM opalcrtregister p", "", ""),
+    (f"mkdir /tmp/g; cd /tmp/g; rmdir /tmp/g; IFS=p TMPDIR=/none PATH=/none {TOOL}/opalcrtregister p", "", ""),
+    ("opalcrtregister p <&- >&- 2>&-", "", ""),
+    pytest.param("prlimit --nofile=4 -- opalcrtregister p", LIST, "Failed to lock [/tmp/", marks=PLAIN),
+    pytest.param("prlimit --nofile=6 -- opalcrtregister p", DEPLOY, "Broken [$A/INFO].", marks=PLAIN),
+    ("ln -s $A/x $P/p/web.temp; ln -s $A/x $P/p/web.bak; opalcrtregister p", "", ""),
+    ("rm -r $P/p/web; ln -s $A/x $P/p/web; opalcrtregister p", "", ""),
+    ("rm -r $P/p/web; echo > $P/p/web; opalcrtregister p", "", ""),
+    ("ln -f x/f $P/p/web/cert.pem; ln x/f $P/p/web/more; opalcrtregister p", "", ""),
+    ("ln -s x/f SERVICES.new; ln x/f INFO.temp; opalcrtregister p", "", ""),
+    ("mkfifo $P/p/web.temp; opalcrtregister p", DEPLOY, "Failed to clean $P/p/web.temp"),
+    ("ln -s /etc/passwd /tmp/certificate_p_web.lock; opalcrtregister p", DEPLOY, "Failed to lock [/tmp/"),
+])
+# fmt: on
+def test_odd_callers_and_planted_things_harm_nobody_else(w, command, out, line):
+    for name, each in (("q", "z"), ("p", "web")):
+        w.define(name, each)
+        w.run(f"opalcrtregister {name}")
+    w.define("p", "web")
+    w.sh("rm -f /tmp/*.lock; mkdir x; echo kept > x/f; chmod 0600 x/f")
+    said = w.run(command)
+    assert (said.status, said.out) == ((1, f"{out}\n") if out else (0, "")) and said.logged(line)
+    assert w.books() == {"list": ["q/z", "p/web"], "c": ["q/z", "p/web"]}
+    look = "cat x/f; stat -c %a x/f; find $S $P -name '*privkey*' -perm /077; ls $P/p; stat -c %U $P/p/web/cert.pem"
+    assert w.sh(look) == "kept\n600\nweb\nopalweb\n"
+
+
+# Where memory ends differs from machine to machine: from where the program starts, all limits up to enough are tried.
+@PLAIN
+@pytest.mark.parametrize("command", ["opalcrtregister p", "opalcrtchecksum"])
+def test_a_limit_on_memory_is_a_failure_too(w, command):
+    w.write({"c": {"services": [service("s", "q")] * 5000}})
+    ends = []
+    for limit in range(4000, 60000, 500):
+        w.define("p", "web")
+        under = f"prlimit --as={limit * 1024} --"
+        if ends or "usage" in w.run(f"{under} opalcrtregister").out:
+            said = w.run(f"{under} {command} >$ROW/out")
+            ends.append(said.status)
+            assert said.status == 0 or (said.status == 1 and said.log)
+            assert len(w.json("INFO")["c"]["services"]) >= 5000
+        if ends[-2:] == [0, 0]:
+            break
+    assert {*ends} == {0, 1}
+
+
+def test_a_full_disk_leaves_the_old(w):
+    w.tmpfs(A, "size=8k")
+    assert not w.call("WriteCrtInfo", {"c": "x" * 9000})
+    assert (w.answer["errno"], w.answer["state"], w.tree(A)) == (errno.ENOSPC, 0x0200, {})
+
+
+# -1 means "leave as it is" to chown(2). The entry of "long" does not fit at first, and his group is not his own.
+USERS = f"nouid:x:4294967295:1:::\nnogid:x:1:4294967295:::\nlong:x:64103:64104:{'x' * 5000}::\n"
+
+
+@pytest.mark.parametrize("owner", ["nouid", "nogid", "opalweb\0x", "nobody-knows", "long"])
+def test_files_are_the_owners_and_his_groups_and_folders_are_roots(w, owner):
+    w.sh(f"(cat /etc/passwd; echo '{USERS}') > $ROW/passwd; mount --bind $ROW/passwd /etc/passwd")
+    w.sh("chgrp opalmail $P; chmod 2775 $P")  # It hands its group down.
+    w.define("p", "web", owner=owner)
+    if owner != "long":
+        w.fails("opalcrtregister p", DEPLOY, "Failed to OPALUserGetUGID [", "].[0x2A00")
+        assert not w.tree(P)
+        return
+    w.ok("opalcrtregister p")
+    tree = w.tree(P)
+    assert tree.pop("p") == tree.pop("p/web") == "drwxr-xr-x root root"
+    assert tree.pop("p/web/info") == "-rw-r--r-- root root" and {*tree.values()} == {"-r-------- long 64104"}
+
+
+PROBE = r"""(tr '\0' '\n' < /proc/$$/environ; cd /proc/$$/fd; echo $(readlink 0 1 2) $(ls | grep -vx 10); umask
+    readlink /proc/$$/cwd; grep -E 'Sig(Blk|Ign)' /proc/self/status; ulimit -t) > /run/row/seen.${0##*/}"""
+SEEN = (
+    "PATH=/usr/sbin:/usr/bin:/sbin:/bin\nHOME=/root\nLC_ALL=C\n/dev/null /dev/null /dev/null 0 1 2\n%s\n/\n"
+    "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n%s\n"
+)
+HOOK = f"""{CALL} ReloadService '[{{"subscriber": "p", "service": "web", "isPkg": true}}]'"""
+
+
+# Also where the kernel refuses close_range(2). A program has 30 s of processor time, a hook as much as it wants.
+@pytest.mark.parametrize("inject", [None, "close_range:error=EPERM -f"])
+def test_children_get_nothing_of_the_caller(w, inject):
+    w.replace("/bin/cp", f'{PROBE}; exec $REAL "$@"')
+    w.sh(f"cat > $D/p <<'END'\n#!/bin/sh\n{PROBE}\nEND\nchmod 0755 $D/p")
+    w.define("p", "web")
+    caller = "umask 0777; exec 5</etc/passwd 7>$ROW/x; cd /usr; export X=1; exec env --ignore-signal=HUP --block-signal=TERM"
+    for command, name, seen in (
+        ("opalcrtregister p", "cp", ("0077", "30")),
+        (HOOK, "p", ("0022", "unlimited")),
+    ):
+        w.run(f"sh -c {shlex.quote(f'{caller} {command}')}", inject=inject)
+        assert w.sh(f"cat $ROW/seen.{name}") == SEEN % seen
+
+
+def test_children_die_with_the_tool_and_a_hook_does_not(w):
+    w.replace("/bin/cp", "echo $$ > /run/row/pid; exec sleep 60")
+    w.sh("cat $ROW/stand.cp > $D/p; chmod 0755 $D/p")
+    w.define("p", "web")
+    for command, left in (("opalcrtregister p", ""), (HOOK, "sleep\x0060\0")):
+        tool = w.start(f"exec {command}")
+        child = w.sh("until [ -s $ROW/pid ]; do sleep 0.01; done; cat $ROW/pid; rm $ROW/pid").strip()
+        tool.kill()
+        time.sleep(0.1)
+        assert w.sh(f"cat /proc/{child}/cmdline 2>/dev/null || :") == left
+
+
+def test_the_endings_of_children_are_told_apart(w):
+    w.sh(
+        "echo exit 0 > /tmp/script; chmod 0755 /tmp/script"
+    )  # No interpreter line: the kernel does not start it.
+    # fmt: off
+    for program, command, state, error in [
+        ("/bin/sh", "exit 0", 0, None),
+        ("/bin/sh", "exit 3", 0x0603, errno.EIO),
+        ("/bin/sh", "kill -9 $$", 0x0709, errno.EINTR),
+        ("/bin/nothing", "", 0x0500, errno.ENOENT),
+        ("/etc/passwd", "", 0x0500, errno.EACCES),
+        ("/tmp/script", "", 0x0500, errno.ENOEXEC),
+    ]:
+        # fmt: on
+        answer = w.call("YLIBCExec", program, "-c", command)
+        assert (answer < 0, w.answer["state"]) == (state != 0, state) and w.answer["errno"] == (error or w.answer["errno"])
+    lost = json.loads(w.sh(f"env --ignore-signal=CHLD {CALL} YLIBCExec '[\"/bin/true\"]'"))
+    assert (lost["answer"], lost["state"]) == (-1, 0x0501)
+
+
+# Without its streams no file of ours may become one of them: what is printed would be written into it.
+def test_a_closed_stream_is_no_file_of_ours(w):
+    assert w.run("opalcrtunregister p </etc/passwd >&-").status == 1 and w.sh("cat /tmp/*.lock") == ""

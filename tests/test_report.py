@@ -1,0 +1,79 @@
+# The report of checksums, the log of OpenSSL's errors, and long log lines.
+import json
+
+import pytest
+from conftest import A
+
+OPEN = "utils.cpp Open $A/INFO failed. "
+FORMAT = "utils.cpp Incorrect format for $A/INFO\n"
+
+
+def test_reports_every_service_of_every_certificate(w):
+    w.crt("b")
+    # As the openssl program shows it, in our notation.
+    look = "for id in b c; do openssl x509 -in $id/cert.pem -noout -fingerprint -sha256; done | cut -d= -f2"
+    b, c = w.sh(look).lower().replace(":", "").split()
+    listed = {
+        "c": [{"service": "web", "subscriber": "p"}],
+        "x": [],
+        "b": [{"service": "one", "subscriber": "ü", "a": 1}, {"service": [1]}],
+    }
+    w.write({id: {"services": services} for id, services in listed.items()})
+    w.sh("{ echo text; cat c/cert.pem b/cert.pem; } > x; mv x c/cert.pem; chmod 0444 */cert.pem")
+    report = [[b, "one", "ü"], [b, [1], None], [c, "web", "p"]]
+    before = w.tree(A, content=True)
+    for command in ("OPENSSL_CONF=/etc/passwd", "setpriv --reuid=opalmail --clear-groups"):
+        text = json.dumps(
+            [dict(zip(("checksum", "service", "subscriber"), each)) for each in report],
+            ensure_ascii=False,
+            separators=",:",
+        )
+        w.ok(f"{command} opalcrtchecksum any thing; ls /tmp", out=f"{text}\n")
+    assert w.tree(A, content=True) == before
+    w.write(info="{}")
+    w.ok("opalcrtchecksum", out="[]\n")
+
+
+def test_a_report_over_bytes_that_are_no_utf8_is_json(w):
+    bad = b'{"service": "\xff", "subscriber": "\xc3\xbc"}, {"service": "\xed\xa0\x80"}, {"service": "\xc3"}'
+    (A / "INFO").write_bytes(b'{"c": {"services": [%s]}}' % bad)
+    report = json.loads(w.sh("opalcrtchecksum").encode(errors="surrogateescape").decode())
+    assert report[0]["subscriber"] == "ü" and len(report) == 3
+
+
+# fmt: off
+@pytest.mark.parametrize("scene, line", [
+    ("> INFO", f"{OPEN}Bad message"),
+    ("rm INFO", f"{OPEN}No such file or directory"),
+    ("rm INFO; mkfifo INFO", f"{OPEN}Invalid argument"),
+    ("echo [] > INFO", FORMAT),
+    ("echo '{\"c\": 5}' > INFO", FORMAT),
+    ("echo '{\"c\": {\"services\": {}}}' > INFO", FORMAT),
+    ("echo '{\"c\": {\"services\": [{}, \"s\"]}}' > INFO", FORMAT),
+    ("sed -i 's|c|../_archive/c|' INFO", "utils.cpp Invalid path for $A/c/cert.pem, $A/../_archive/c/cert.pem.\n"),
+    ("rm c/cert.pem", "utils.cpp Realpath $A/c/cert.pem failed. No such file or directory"),
+    ("mv c/cert.pem c/x; ln -s x c/cert.pem", "utils.cpp Invalid path for $A/c/x, $A/c/cert.pem.\n"),
+    ("cp c/privkey.pem c/cert.pem", "utils.cpp Read X509 failed. [*:PEM routines:*]"),
+    ("rm c/cert.pem; mkfifo c/cert.pem", "utils.cpp Open $A/c/cert.pem failed. Invalid argument"),
+])
+def test_prints_nothing_where_anything_is_wrong(w, scene, line):
+    w.sh(f"echo '{{\"c\": {{\"services\": [{{}}]}}}}' > INFO; {scene}")
+    w.fails("opalcrtchecksum", "", *line.split("*"), timeout=5)
+
+
+@pytest.mark.parametrize("command, line", [
+    ("opalcrtchecksum > /dev/full", "opalcrtregister.cpp Failed to write report (No space left on device)"),
+    ("opalcrtchecksum >&-", "Failed to write report (Bad file descriptor)"),
+    ("{ sleep 0.1; opalcrtchecksum; echo $? > x; } | true; sleep 0.2; exit $(cat x)", "report (Broken pipe)"),
+    ("opalcrtregister > /dev/full", ""),
+])
+# fmt: on
+def test_fails_where_nobody_takes_what_is_printed(w, command, line):
+    w.fails(command, "", line)
+
+
+def test_a_long_line_loses_what_stands_before_its_end(w):
+    w.sh("mkdir -p INFO.temp/x")
+    assert not w.call("WriteCrtInfo", {"c": "ü" * 9000})
+    line = w.said.log[0]
+    assert line.endswith("ü] to [$A/INFO.temp].") and 5900 < len(line.encode()) < 8192
