@@ -22,18 +22,6 @@ namespace opalcrt {
 
 namespace {
 
-void AddTimeFinding(const std::string &file, const X509 &crt, const StoreFacts &facts, Json::Value &findings)
-{
-    const CrtFacts times = DescribeCrt(crt);
-    if (times.notAfter < facts.now) {
-        AddFinding(findings, "expired", file + " has ended: " + ToTimeText(times.notAfter));
-    } else if (times.notBefore > facts.now) {
-        AddFinding(findings, "not-yet-valid", file + " has not begun: " + ToTimeText(times.notBefore));
-    } else if (times.notAfter - facts.now < facts.days * kDaySeconds) {
-        AddFinding(findings, "expires-soon", file + " ends soon: " + ToTimeText(times.notAfter));
-    }
-}
-
 // What is wrong with one certificate of the archive's folder, its key and its chain. Answers the certificate.
 UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, const StoreFacts &facts,
                                Json::Value &findings)
@@ -65,7 +53,7 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, co
     if (key != nullptr && !IsKeyOf(*key, *crt)) {
         AddFinding(findings, "key-mismatch", prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
     }
-    AddTimeFinding(prefix + "cert.pem", *crt, facts, findings);
+    AddTimeFinding(prefix + "cert.pem", *crt, facts.days, findings);
     if (isThere("fullchain.pem") && !chain.starts_with(text("cert.pem"))) {
         const UniqueOpenSSL<X509> first = FirstCrt(chain);
         if (first == nullptr || X509_cmp(first.get(), crt.get()) != 0) {
@@ -158,7 +146,7 @@ std::vector<std::string> LookAtCopy(FolderLook &copy, FolderLook &archive, const
             AddFinding(findings, "copy-mismatch",
                        prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
         } else {
-            AddTimeFinding("the service's " + prefix + "cert.pem", *crt, facts, findings);
+            AddTimeFinding("the service's " + prefix + "cert.pem", *crt, facts.days, findings);
         }
     }
     return differing;

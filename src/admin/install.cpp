@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <regex>
 
 #include "admin/archive.h"
 #include "admin/report.h"
@@ -21,13 +22,6 @@ namespace opalcrt {
 
 namespace {
 
-// The books and their temporary files have the names that begin so.
-bool IsNameOfBook(const std::string &id)
-{
-    const std::string stem = id.substr(0, id.find('.'));
-    return stem == "INFO" || stem == "SERVICES" || stem == "DEFAULT";
-}
-
 // What a cut-off run of the same command has left: only its entry in INFO is missing.
 bool IsMadeAlready(const std::string &folder, const InstallFiles &files)
 {
@@ -36,14 +30,16 @@ bool IsMadeAlready(const std::string &folder, const InstallFiles &files)
     });
 }
 
-void CheckId(const InstallOptions &options, const InstallFiles &files, Json::Value &findings)
+void CheckId(const Options &options, const InstallFiles &files, Json::Value &findings)
 {
     const std::string &id = options.id;
     const std::string folder = GetCrtFolderPath(id);
     const std::string defaultText = LookAtFile(AT_FDCWD, kDefaultPath).text;
     Json::Value info;
+    // The books and their temporary files have names that begin so.
+    const bool isBook = std::regex_match(id, std::regex("(INFO|SERVICES|DEFAULT)(\\..*)?"));
     if (!IsPlainFolderName("." + id + ".new") || id.empty() || id.starts_with('.') || ToShownText(id) != id ||
-        IsNameOfBook(id)) {
+        isBook) {
         AddFinding(findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
     } else if (!ReadInfo(info)) {
         AddFinding(findings, "book-broken",
@@ -101,7 +97,7 @@ bool AddToInfo(const std::string &cert_id)
 }
 
 // The exit status of all that is done under the recovery lock.
-int PutIntoArchive(const InstallOptions &options, const InstallFiles &files)
+int PutIntoArchive(const Options &options, const InstallFiles &files)
 {
     const RecoverLock lock;
     Json::Value findings(Json::arrayValue);
@@ -115,7 +111,7 @@ int PutIntoArchive(const InstallOptions &options, const InstallFiles &files)
 
 }  // namespace
 
-int Install(const InstallOptions &options)
+int Install(const Options &options)
 {
     Json::Value report(Json::objectValue);
     report["id"] = options.id;

@@ -7,27 +7,19 @@
 #include <utility>
 #include <vector>
 
-namespace opalcrt {
+#include "admin/options.h"
 
-struct InstallOptions {
-    std::string id;
-    std::vector<std::string> keyFiles;  // one, or an RSA key and an EC key
-    std::vector<std::string> crtFiles;
-    std::vector<std::string> chainFiles;
-    bool isNew = false;
-    bool onlyCheck = false;
-    bool asJson = false;
-};
+namespace opalcrt {
 
 // Names and contents of the new folder's files.
 using InstallFiles = std::vector<std::pair<std::string, std::string>>;
 
 // Reads and checks the given files, and makes the new ones of them. All that is wrong goes into `findings`, not the
 // first thing only; when something critical is among them, the files are worth nothing.
-InstallFiles PlanInstall(const InstallOptions &options, Json::Value &findings);
+InstallFiles PlanInstall(const Options &options, Json::Value &findings);
 
 // The exit status. The new folder is made whole beside the old one and exchanged with it in one step
 // (admin/archive.h) under the recovery lock; then the certificate's services get it (admin/roll_out.h).
-int Install(const InstallOptions &options);
+int Install(const Options &options);
 
 }  // namespace opalcrt

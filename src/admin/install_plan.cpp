@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
 #include "admin/certificate.h"
 #include "admin/install.h"
@@ -16,8 +15,6 @@
 namespace opalcrt {
 
 namespace {
-
-constexpr time_t kEndsSoonSeconds = 30 * kDaySeconds;
 
 // A key, and its certificate and those that sign it, each by the next one.
 struct KeyPair {
@@ -67,7 +64,7 @@ std::vector<KeyPair> ReadKeys(const std::vector<std::string> &paths, Json::Value
     return pairs;
 }
 
-std::vector<UniqueOpenSSL<X509>> ReadCrts(const InstallOptions &options, Json::Value &findings)
+std::vector<UniqueOpenSSL<X509>> ReadCrts(const Options &options, Json::Value &findings)
 {
     std::vector<std::string> paths = options.crtFiles;
     paths.insert(paths.end(), options.chainFiles.begin(), options.chainFiles.end());
@@ -96,22 +93,6 @@ std::vector<const X509 *> OrderChain(const EVP_PKEY &key, const std::vector<Uniq
     return chain;
 }
 
-void CheckTimes(const X509 &crt, Json::Value &findings)
-{
-    const CrtFacts facts = DescribeCrt(crt);
-    const time_t now = time(nullptr);
-    const std::string what = "the certificate of " + facts.subject;
-    if (facts.notAfter < now) {
-        AddFinding(findings, "expired",
-                   what + " has ended: " + ToTimeText(facts.notAfter) + "; get another one");
-    } else if (facts.notBefore > now) {
-        AddFinding(findings, "not-yet-valid",
-                   what + " begins " + ToTimeText(facts.notBefore) + "; is the clock right?");
-    } else if (facts.notAfter - now < kEndsSoonSeconds) {
-        AddFinding(findings, "expires-soon", what + " ends soon: " + ToTimeText(facts.notAfter));
-    }
-}
-
 void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpenSSL<X509>> &crts,
                  Json::Value &findings)
 {
@@ -130,7 +111,7 @@ void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpen
     }
     for (const UniqueOpenSSL<X509> &crt : crts) {
         if (std::find(used.begin(), used.end(), crt.get()) != used.end()) {
-            CheckTimes(*crt, findings);
+            AddTimeFinding("the certificate of " + DescribeCrt(*crt).subject, *crt, 30, findings);
         } else if (!used.empty()) {
             AddFinding(findings, "chain-broken",
                        "the certificate of " + DescribeCrt(*crt).subject +
@@ -168,7 +149,7 @@ void AddFiles(const KeyPair &pair, const std::string &prefix, InstallFiles &file
 
 }  // namespace
 
-InstallFiles PlanInstall(const InstallOptions &options, Json::Value &findings)
+InstallFiles PlanInstall(const Options &options, Json::Value &findings)
 {
     std::vector<KeyPair> pairs = ReadKeys(options.keyFiles, findings);
     const std::vector<UniqueOpenSSL<X509>> crts = ReadCrts(options, findings);

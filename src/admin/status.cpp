@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <thread>
@@ -24,6 +25,9 @@
 namespace opalcrt {
 
 namespace {
+
+// A registration makes folders before INFO lists its services.
+constexpr time_t kRegistrationSeconds = 60;
 
 // `services` is kept by the caller as long as the facts: they name what stands in it.
 void LookAtServicesBook(const Json::Value &services, StoreFacts &facts, Json::Value &findings)
@@ -72,7 +76,10 @@ void LookForOrphans(const StoreFacts &facts, Json::Value &findings)
     for (size_t at = 0; at < found.gl_pathc; ++at) {
         std::string path = found.gl_pathv[at];
         path.pop_back();
-        if (!facts.folders.contains(path)) {
+        struct stat info = {};
+        const bool hasStood =
+            lstat(path.c_str(), &info) == 0 && std::abs(facts.now - info.st_mtime) > kRegistrationSeconds;
+        if (hasStood && !facts.folders.contains(path)) {
             AddFinding(findings, "orphan-folder", path + " belongs to nothing that INFO lists");
         }
     }
@@ -80,7 +87,7 @@ void LookForOrphans(const StoreFacts &facts, Json::Value &findings)
 }
 
 // False, told, when there is nothing to be looked at.
-bool LookAtInfo(const StatusOptions &options, Json::Value &info, Json::Value &findings)
+bool LookAtInfo(const Options &options, Json::Value &info, Json::Value &findings)
 {
     if (!fromFile(kInfoPath, info) && errno != EBADMSG && errno != EFBIG) {
         Complain(std::string("cannot read ") + kInfoPath + ": " + strerror(errno));
@@ -100,7 +107,7 @@ bool LookAtInfo(const StatusOptions &options, Json::Value &info, Json::Value &fi
 }
 
 // Everything once. False, told, when it could not look.
-bool LookOnce(const StatusOptions &options, Json::Value &report)
+bool LookOnce(const Options &options, Json::Value &report)
 {
     report = Json::Value(Json::objectValue);
     report["certificates"] = report["findings"] = Json::Value(Json::arrayValue);
@@ -171,7 +178,7 @@ std::string ToReportText(const Json::Value &report)
 
 }  // namespace
 
-int Status(const StatusOptions &options)
+int Status(const Options &options)
 {
     // Registrations come into SERVICES first and into INFO last, and replace folders between: what seems wrong is
     // looked at again, and once more while the books change.
