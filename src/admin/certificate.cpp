@@ -177,12 +177,11 @@ void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Va
     const time_t begin = ToTime(X509_get0_notBefore(&crt));
     const time_t end = ToTime(X509_get0_notAfter(&crt));
     if (end < now) {
-        AddFinding(findings, "expired", what + " has ended: " + ToTimeText(end));
+        Add(findings, "expired", what + " has ended: " + ToTimeText(end));
     } else if (begin > now) {
-        AddFinding(findings, "not-yet-valid",
-                   what + " begins " + ToTimeText(begin) + "; is the clock right?");
+        Add(findings, "not-yet-valid", what + " begins " + ToTimeText(begin) + "; is the clock right?");
     } else if (end - now < days * kDaySeconds) {
-        AddFinding(findings, "expires-soon", what + " ends soon: " + ToTimeText(end));
+        Add(findings, "expires-soon", what + " ends soon: " + ToTimeText(end));
     }
 }
 

@@ -1,5 +1,3 @@
-#include "admin/install.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -8,6 +6,7 @@
 #include <regex>
 
 #include "admin/archive.h"
+#include "admin/install_plan.h"
 #include "admin/report.h"
 #include "admin/roll_out.h"
 #include "admin/store_look.h"
@@ -40,21 +39,18 @@ void CheckId(const Options &options, const InstallFiles &files, Json::Value &fin
     const bool isBook = std::regex_match(id, std::regex("(INFO|SERVICES|DEFAULT)(\\..*)?"));
     if (!IsPlainFolderName("." + id + ".new") || id.empty() || id.starts_with('.') || ToShownText(id) != id ||
         isBook) {
-        AddFinding(findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
+        Add(findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
     } else if (!ReadInfo(info)) {
-        AddFinding(findings, "book-broken",
-                   std::string("without ") + kInfoPath + " nothing can be installed");
+        Add(findings, "book-broken", std::string("without ") + kInfoPath + " nothing can be installed");
     } else if (!options.isNew && !GetMember(info, id.c_str()).isObject()) {
-        AddFinding(findings, "no-such-id", "there is no certificate " + id + "; with --new it is made");
+        Add(findings, "no-such-id", "there is no certificate " + id + "; with --new it is made");
     } else if (options.isNew && info.isMember(id)) {
-        AddFinding(findings, "in-info",
-                   "there is a certificate " + id + " already; it is replaced without --new");
+        Add(findings, "in-info", "there is a certificate " + id + " already; it is replaced without --new");
     } else if (options.isNew && Exists(folder) && !IsMadeAlready(folder, files)) {
-        AddFinding(findings, "folder-exists",
-                   folder + " is there, though INFO does not list it; move it away");
+        Add(findings, "folder-exists", folder + " is there, though INFO does not list it; move it away");
     }
     if (id.size() > kLongestDefaultId && defaultText.substr(0, defaultText.find('\n')) == id) {
-        AddFinding(findings, "id-too-long", id + " would be the default certificate: at most 15 bytes");
+        Add(findings, "id-too-long", id + " would be the default certificate: at most 15 bytes");
     }
 }
 
@@ -131,7 +127,7 @@ int Install(const Options &options)
         return End(report, options.asJson, status, status == kRefused ? "refused" : "not in INFO");
     }
     Say(options.asJson, options.id + ": in the archive");
-    return RollOutCrt(options.id, report, options.asJson);
+    return RollOutCrt(options, report);
 }
 
 }  // namespace opalcrt

@@ -6,15 +6,9 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <functional>
 
-#include "admin/archive.h"
-#include "admin/first_store.h"
-#include "admin/install.h"
-#include "admin/renew.h"
 #include "admin/report.h"
-#include "admin/roll_out.h"
-#include "admin/status.h"
+#include "admin/verbs.h"
 #include "common/openssl.h"
 #include "platform/startup.h"
 
@@ -22,14 +16,11 @@ namespace opalcrt {
 
 namespace {
 
-// What the command line asks for; run when all of it was understood.
-using Verb = std::function<int()>;
-
-int ToStatus(bool isDone) { return isDone ? kDone : kRefused; }
+using Verb = int (*)(const Options &);
 
 void AddVerbs(CLI::App &app, Options &options, Verb &verb)
 {
-    const auto add = [&](const char *name, const char *text, const Verb &what) {
+    const auto add = [&](const char *name, const char *text, Verb what) {
         CLI::App *command = app.add_subcommand(name, text);
         command->callback([&verb, what] { verb = what; });
         return command;
@@ -48,17 +39,16 @@ void AddVerbs(CLI::App &app, Options &options, Verb &verb)
         command->add_flag(name, flag, text);
     };
 
-    add("init", "Make the first certificate archive, where there is none",
-        [] { return ToStatus(InitStore()); });
+    add("init", "Make the first certificate archive, where there is none", Init);
 
-    CLI::App *status = add("status", "Tell what certificates and services there are and what is wrong",
-                           [&] { return Status(options); });
+    CLI::App *status =
+        add("status", "Tell what certificates and services there are and what is wrong", Status);
     status->add_option("ID", options.ids, "Only these certificates");
     addDays(status, "Warn when fewer days are left");
     status->footer("Exit status: 0 well, 1 a warning, 2 something critical, 3 it could not look.");
 
-    CLI::App *install = add("install", "Put a key and its certificate in the place of a certificate",
-                            [&] { return Install(options); });
+    CLI::App *install =
+        add("install", "Put a key and its certificate in the place of a certificate", Install);
     addId(install, "The certificate")->required();
     addList(install, "--key", options.keyFiles, "FILE", "PEM file of the key; twice: an RSA and an EC key")
         ->required();
@@ -68,22 +58,18 @@ void AddVerbs(CLI::App &app, Options &options, Verb &verb)
     addFlag(install, "--new", options.isNew, "The certificate is not in the archive yet");
     addFlag(install, "--check", options.onlyCheck, "Only tell whether it could be installed");
 
-    CLI::App *deploy = add("deploy", "Copy certificates to their services again",
-                           [&] { return RollOutCrt(options.id, Json::objectValue, options.asJson); });
+    CLI::App *deploy = add("deploy", "Copy certificates to their services again", Deploy);
     addId(deploy, "Only this certificate");
 
-    CLI::App *assign = add("assign", "Give services another certificate", [&] { return Assign(options); });
+    CLI::App *assign = add("assign", "Give services another certificate", Assign);
     addId(assign, "The certificate")->required();
     assign->add_option("SUBSCRIBER", options.subscriber, "Whose services")->required();
     assign->add_option("SERVICE", options.service, "Only this one");
 
-    CLI::App *standard = add("default", "Print, or set, the certificate of new services", [&] {
-        return ToStatus(options.id.empty() ? PrintDefault() : SetDefault(options.id));
-    });
+    CLI::App *standard = add("default", "Print, or set, the certificate of new services", Default);
     addId(standard, "The certificate that they get from now on");
 
-    CLI::App *renew =
-        add("renew", "Make a self-made certificate anew before it ends", [&] { return Renew(options); });
+    CLI::App *renew = add("renew", "Make a self-made certificate anew before it ends", Renew);
     addId(renew, "The certificate; else the default one");
     addDays(renew, "When fewer days are left");
     addList(renew, "--name", options.names, "NAME", "A host name or address that it is to be for");
@@ -96,7 +82,7 @@ void AddVerbs(CLI::App &app, Options &options, Verb &verb)
 
 int Run(int argc, char *argv[])
 {
-    Verb verb;
+    Verb verb = nullptr;
     Options options;
     CLI::App app("Looks after the certificates of the appliance and of its services.", "opalcrt");
     app.set_version_flag("--version", "opalcrt " OPALCRT_VERSION);
@@ -117,7 +103,7 @@ int Run(int argc, char *argv[])
     if (geteuid() != 0 && !app.got_subcommand("status")) {
         return Refuse("only root can do this");
     }
-    return verb();
+    return verb(options);
 }
 
 }  // namespace

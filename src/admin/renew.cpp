@@ -1,5 +1,3 @@
-#include "admin/renew.h"
-
 #include <algorithm>
 #include <ctime>
 #include <optional>
@@ -103,9 +101,10 @@ int RollOutRest(const Options &options, const Json::Value &info, const Json::Val
 
 }  // namespace
 
-int Renew(Options options)
+int Renew(const Options &given)
 {
-    options.id = options.id.empty() ? ReadDefaultId() : options.id;
+    Options options = given;
+    options.id = given.id.empty() ? ReadDefaultId() : given.id;
     Json::Value report(Json::objectValue);
     report["id"] = options.id;
     Json::Value info;
@@ -136,7 +135,7 @@ int Renew(Options options)
         return RollOutRest(options, info, crt, report);
     }
     Say(options.asJson, options.id + ": renewed, for " + Join(names));
-    return RollOutCrt(options.id, report, options.asJson);
+    return RollOutCrt(options, report);
 }
 
 }  // namespace opalcrt

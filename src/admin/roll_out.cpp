@@ -113,18 +113,20 @@ int RollOut(const ServicesByCrt &services, const std::string &cert_id, Json::Val
                    : End(report, asJson, kPartlyChanged, "not all is done");
 }
 
-int RollOutCrt(const std::string &cert_id, const Json::Value &report, bool asJson)
+int RollOutCrt(const Options &options, const Json::Value &report)
 {
     Json::Value info;
-    if (!ReadInfo(info) || (!cert_id.empty() && !IsUsableCrt(cert_id, info))) {
-        return End(report, asJson, kRefused, "refused");
+    if (!ReadInfo(info) || (!options.id.empty() && !IsUsableCrt(options.id, info))) {
+        return End(report, options.asJson, kRefused, "refused");
     }
     ServicesByCrt services = ListServices(info);
-    if (!cert_id.empty()) {
-        services = {{cert_id, services[cert_id]}};
+    if (!options.id.empty()) {
+        services = {{options.id, services[options.id]}};
     }
-    return RollOut(services, "", report, asJson);
+    return RollOut(services, "", report, options.asJson);
 }
+
+int Deploy(const Options &options) { return RollOutCrt(options, Json::objectValue); }
 
 int Assign(const Options &options)
 {

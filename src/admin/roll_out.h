@@ -1,4 +1,4 @@
-// Giving services their certificates: the verbs `deploy` and `assign`, and the end of `install` and `renew`.
+// Giving services their certificates.
 #pragma once
 
 #include <json/value.h>
@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-#include "admin/options.h"
+#include "admin/verbs.h"
 
 namespace opalcrt {
 
@@ -21,10 +21,7 @@ ServicesByCrt ListServices(const Json::Value &info);
 // Prints the end of `report`, and answers the exit status.
 int RollOut(const ServicesByCrt &services, const std::string &cert_id, Json::Value report, bool asJson);
 
-// `opalcrt deploy`: RollOut of the services of one certificate, or, when the id is empty, of all.
-int RollOutCrt(const std::string &cert_id, const Json::Value &report, bool asJson);
-
-// `opalcrt assign`
-int Assign(const Options &options);
+// RollOut of the services of one certificate, or, when no id is given, of all.
+int RollOutCrt(const Options &options, const Json::Value &report);
 
 }  // namespace opalcrt

@@ -1,5 +1,3 @@
-#include "admin/status.h"
-
 #include <glob.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,19 +32,18 @@ void LookAtServicesBook(const Json::Value &services, StoreFacts &facts, Json::Va
 {
     facts.knowsRegistered = services.isArray();
     if (!facts.knowsRegistered) {
-        AddFinding(
-            findings, "book-broken",
+        Add(findings, "book-broken",
             std::string("nothing can be registered: ") + kServicesPath + " is missing or no JSON array");
         return;
     }
     for (const Json::Value &element : services) {
         if (!IsService(element)) {
-            AddFinding(findings, "book-broken",
-                       "SERVICES lists something that is no service: " + ToLogText(element));
+            Add(findings, "book-broken",
+                "SERVICES lists something that is no service: " + ToLogText(element));
         } else if (!facts.listed.contains(NameOf(element))) {
-            AddFinding(findings, "not-in-info",
-                       GetString(element, "subscriber") + "/" + GetString(element, "service") +
-                           " is registered, but not listed in INFO");
+            Add(findings, "not-in-info",
+                GetString(element, "subscriber") + "/" + GetString(element, "service") +
+                    " is registered, but not listed in INFO");
         }
         facts.registered.insert(NameOf(element));
     }
@@ -63,8 +60,8 @@ void LookAtDefault(const Json::Value &info, const std::string &id, Json::Value &
         why = " names " + id + ", which has no folder in the archive";
     }
     if (!why.empty()) {
-        AddFinding(findings, "default-unusable",
-                   std::string("no new service can be registered: ") + kDefaultPath + why);
+        Add(findings, "default-unusable",
+            std::string("no new service can be registered: ") + kDefaultPath + why);
     }
 }
 
@@ -80,7 +77,7 @@ void LookForOrphans(const StoreFacts &facts, Json::Value &findings)
         const bool hasStood =
             lstat(path.c_str(), &info) == 0 && std::abs(facts.now - info.st_mtime) > kRegistrationSeconds;
         if (hasStood && !facts.folders.contains(path)) {
-            AddFinding(findings, "orphan-folder", path + " belongs to nothing that INFO lists");
+            Add(findings, "orphan-folder", path + " belongs to nothing that INFO lists");
         }
     }
     globfree(&found);
@@ -94,7 +91,7 @@ bool LookAtInfo(const Options &options, Json::Value &info, Json::Value &findings
         return false;
     }
     if (!info.isObject()) {
-        AddFinding(findings, "book-broken", std::string(kInfoPath) + " is no JSON object");
+        Add(findings, "book-broken", std::string(kInfoPath) + " is no JSON object");
         info = Json::Value(Json::objectValue);
     }
     for (const std::string &id : options.ids) {
