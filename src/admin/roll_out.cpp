@@ -39,26 +39,23 @@ bool Tell(const Json::Value &serviceObj, const ServiceOutcome &outcome, Json::Va
 }
 
 // Takes the services, which have the certificate now, from INFO's other entries.
-bool ListOnce(const std::string &cert_id, const ServicesByCrt &services)
+bool ListOnce(const std::string &cert_id, const Json::Value &services)
 {
     const ScopedLock lock(kInfoLock, kLockExclusive, kInfoLockSeconds, UnlockLine::kStore);
     Json::Value info;
+    bool hasChanged = false;
     if (!lock.IsHeld() || !TakeCrtInfo(info) || !info.isObject()) {
         return Refuse(std::string("cannot lock or read ") + kInfoPath + "; run the same command again");
     }
-    bool hasChanged = false;
-    for (auto entry = info.begin(); entry != info.end(); ++entry) {
-        if (entry.name() == cert_id || !GetMember(*entry, "services").isArray()) {
-            continue;
-        }
-        Json::Value &list = (*entry)["services"];
-        const Json::ArrayIndex size = list.size();
-        for (const auto &[old_id, moved] : services) {
-            for (const Json::Value &service : moved) {
+    for (const std::string &other : info.getMemberNames()) {
+        if (other != cert_id && GetMember(info[other], "services").isArray()) {
+            Json::Value &list = info[other]["services"];
+            const Json::ArrayIndex size = list.size();
+            for (const Json::Value &service : services) {
                 UpdateServiceList(list, service, true);
             }
+            hasChanged = hasChanged || list.size() != size;
         }
-        hasChanged = hasChanged || list.size() != size;
     }
     return !hasChanged || WriteCrtInfo(std::move(info)) ||
            Refuse(std::string("cannot write ") + kInfoPath + "; run the same command again");
@@ -89,6 +86,7 @@ int RollOut(const ServicesByCrt &services, const std::string &cert_id, Json::Val
         return End(report, asJson, kRefused, "refused");
     }
     report["services"] = Json::Value(Json::arrayValue);
+    Json::Value moved(Json::arrayValue);
     bool allDone = true;
     for (const auto &[old_id, list] : services) {
         const std::string &new_id = cert_id.empty() ? old_id : cert_id;
@@ -99,6 +97,9 @@ int RollOut(const ServicesByCrt &services, const std::string &cert_id, Json::Val
         } else if (!list.empty()) {
             const auto tell = [&](const Json::Value &serviceObj, const ServiceOutcome &outcome) {
                 allDone = Tell(serviceObj, outcome, report["services"], asJson) && allDone;
+                if (outcome.isDone) {
+                    moved.append(serviceObj);
+                }
             };
             allDone = SetCrtForServices(new_id, list, old_id, action, tell, false) && allDone;
         }
@@ -106,8 +107,7 @@ int RollOut(const ServicesByCrt &services, const std::string &cert_id, Json::Val
     if (!allDone && report["services"].empty()) {
         return End(report, asJson, kRefused, "refused");
     }
-    // A service that failed still has what INFO says.
-    allDone = allDone && (cert_id.empty() || ListOnce(cert_id, services));
+    allDone = (cert_id.empty() || ListOnce(cert_id, moved)) && allDone;
     ReloadRelayDaemon();
     return allDone ? End(report, asJson, kDone, "done")
                    : End(report, asJson, kPartlyChanged, "not all is done");
