@@ -91,12 +91,13 @@ void LookAtCrtFolder(const std::string &path, FolderLook &folder, const std::vec
 }
 
 // The file name prefixes of what the copy's `info` tells the service to use.
-std::vector<std::string> ListUsedPrefixes(const std::string &path)
+std::vector<std::string> ListUsedPrefixes(const FolderLook &copy, const std::string &path)
 {
     const std::string name = "cert.pem";
     Json::Value info;
     std::vector<std::string> prefixes;
-    (void)fromFile(path + "/info", info);
+    // The one in the open folder, which may just be replaced.
+    (void)fromFile("/proc/self/fd/" + std::to_string(copy.fd.Get()) + "/info", info);
     for (const Json::Value &element : GetMember(info, "certs")) {
         const std::string crt = GetString(element, "cert");
         if (crt.starts_with(path + "/") && crt.ends_with(name)) {
@@ -163,7 +164,7 @@ Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
     facts.folders.insert(path);
 
     FolderLook copy(path);
-    const std::vector<std::string> used = ListUsedPrefixes(path);
+    const std::vector<std::string> used = ListUsedPrefixes(copy, path);
     std::vector<std::string> differing;
     for (const std::string &prefix : used) {
         for (std::string &file :

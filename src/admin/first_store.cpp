@@ -1,11 +1,10 @@
 #include <json/value.h>
-#include <sys/random.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <filesystem>
+#include <random>
 #include <string>
 
 #include "admin/archive.h"
@@ -31,16 +30,13 @@ constexpr const char *kFolders[] = {
     "/usr/local/share/certificate.d", "/usr/local/libexec/certificate.d", "/usr/opal/etc/ssl",
 };
 
-// As many hexadecimal digits, the first of them below 8; empty, with errno set, on failure.
+// As many hexadecimal digits, the first of them below 8.
 std::string RandomDigits(size_t count)
 {
-    unsigned char bytes[16] = {};
-    if (getrandom(bytes, count, 0) != static_cast<ssize_t>(count)) {
-        return std::string();
-    }
-    std::string digits(1, "01234567"[bytes[0] % 8]);
+    std::random_device random;
+    std::string digits(1, "01234567"[random() % 8]);
     while (digits.size() < count) {
-        digits += "0123456789abcdef"[bytes[digits.size()] % 16];
+        digits += "0123456789abcdef"[random() % 16];
     }
     return digits;
 }
@@ -67,8 +63,7 @@ bool MakeSerialFile()
     if (HasSerialFile() || YLIBCFileExist(kMacAddressFile) != 0) {
         return true;
     }
-    const std::string digits = RandomDigits(16);
-    return (!digits.empty() && ReplaceFile(kSerialFile, digits + "\n", kSerialFile)) ||
+    return ReplaceFile(kSerialFile, RandomDigits(16) + "\n", kSerialFile) ||
            RefuseCall(std::string("cannot write ") + kSerialFile);
 }
 
@@ -77,7 +72,7 @@ bool MakeArchive(const std::string &cert_id)
 {
     const std::string archive = kNewArchive;
     const std::string folder = archive + "/" + cert_id;
-    if (cert_id.empty() || !RemovePath(archive) || !MakeFolder(kNewArchive) || !MakeFolder(folder)) {
+    if (!RemovePath(archive) || !MakeFolder(kNewArchive) || !MakeFolder(folder)) {
         return false;
     }
     if (genNamedCrtSet(folder, kDefaultName, MakeAliasText()) != 0) {
@@ -101,12 +96,7 @@ int Init(const Options &)
         return kRefused;
     }
     std::error_code error;
-    const bool isEmpty = std::filesystem::is_empty(kArchive, error);
-    if (error && error.value() != ENOENT) {
-        errno = error.value();
-        return RefuseCall(std::string("cannot look into ") + kArchive);
-    }
-    if (!error && !isEmpty) {
+    if (!std::filesystem::is_empty(kArchive, error) && error.value() != ENOENT) {
         Say(false, std::string(kArchive) + ": left as it is");
         return kDone;
     }

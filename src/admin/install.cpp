@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <regex>
 
 #include "admin/archive.h"
@@ -33,7 +32,6 @@ void CheckId(const Options &options, const InstallFiles &files, Json::Value &fin
 {
     const std::string &id = options.id;
     const std::string folder = GetCrtFolderPath(id);
-    const std::string defaultText = LookAtFile(AT_FDCWD, kDefaultPath).text;
     Json::Value info;
     // The books and their temporary files have names that begin so.
     const bool isBook = std::regex_match(id, std::regex("(INFO|SERVICES|DEFAULT)(\\..*)?"));
@@ -49,7 +47,7 @@ void CheckId(const Options &options, const InstallFiles &files, Json::Value &fin
     } else if (options.isNew && Exists(folder) && !IsMadeAlready(folder, files)) {
         Add(findings, "folder-exists", folder + " is there, though INFO does not list it; move it away");
     }
-    if (id.size() > kLongestDefaultId && defaultText.substr(0, defaultText.find('\n')) == id) {
+    if (id.size() > kLongestDefaultId && LookAtFile(AT_FDCWD, kDefaultPath).text == id + "\n") {
         Add(findings, "id-too-long", id + " would be the default certificate: at most 15 bytes");
     }
 }
