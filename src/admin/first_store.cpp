@@ -1,13 +1,10 @@
-#include "admin/first_store.h"
-
 #include <json/value.h>
-#include <sys/random.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <filesystem>
+#include <random>
 #include <string>
 
 #include "admin/archive.h"
@@ -33,16 +30,13 @@ constexpr const char *kFolders[] = {
     "/usr/local/share/certificate.d", "/usr/local/libexec/certificate.d", "/usr/opal/etc/ssl",
 };
 
-// As many hexadecimal digits, the first of them below 8; empty, with errno set, on failure.
+// As many hexadecimal digits, the first of them below 8.
 std::string RandomDigits(size_t count)
 {
-    unsigned char bytes[16] = {};
-    if (getrandom(bytes, count, 0) != static_cast<ssize_t>(count)) {
-        return std::string();
-    }
-    std::string digits(1, "01234567"[bytes[0] % 8]);
+    std::random_device random;
+    std::string digits(1, "01234567"[random() % 8]);
     while (digits.size() < count) {
-        digits += "0123456789abcdef"[bytes[digits.size()] % 16];
+        digits += "0123456789abcdef"[random() % 16];
     }
     return digits;
 }
@@ -69,8 +63,7 @@ bool MakeSerialFile()
     if (HasSerialFile() || YLIBCFileExist(kMacAddressFile) != 0) {
         return true;
     }
-    const std::string digits = RandomDigits(16);
-    return (!digits.empty() && ReplaceFile(kSerialFile, digits + "\n", kSerialFile)) ||
+    return ReplaceFile(kSerialFile, RandomDigits(16) + "\n", kSerialFile) ||
            RefuseCall(std::string("cannot write ") + kSerialFile);
 }
 
@@ -79,7 +72,7 @@ bool MakeArchive(const std::string &cert_id)
 {
     const std::string archive = kNewArchive;
     const std::string folder = archive + "/" + cert_id;
-    if (cert_id.empty() || !RemovePath(archive) || !MakeFolder(kNewArchive) || !MakeFolder(folder)) {
+    if (!RemovePath(archive) || !MakeFolder(kNewArchive) || !MakeFolder(folder)) {
         return false;
     }
     if (genNamedCrtSet(folder, kDefaultName, MakeAliasText()) != 0) {
@@ -96,32 +89,27 @@ bool MakeArchive(const std::string &cert_id)
 
 }  // namespace
 
-bool InitStore()
+int Init(const Options &)
 {
     const RecoverLock lock;
     if (!lock || !std::all_of(std::begin(kFolders), std::end(kFolders), MakeFolder) || !MakeSerialFile()) {
-        return false;
+        return kRefused;
     }
     std::error_code error;
-    const bool isEmpty = std::filesystem::is_empty(kArchive, error);
-    if (error && error.value() != ENOENT) {
-        errno = error.value();
-        return RefuseCall(std::string("cannot look into ") + kArchive);
-    }
-    if (!error && !isEmpty) {
+    if (!std::filesystem::is_empty(kArchive, error) && error.value() != ENOENT) {
         Say(false, std::string(kArchive) + ": left as it is");
-        return true;
+        return kDone;
     }
     const std::string cert_id = RandomDigits(8);
     if (!MakeArchive(cert_id)) {
-        return false;
+        return kRefused;
     }
     // rename(2) takes the place of an empty folder, and of nothing else.
     if (rename(kNewArchive, kArchive) != 0 || !SyncParent(kArchive)) {
         return RefuseCall(std::string("cannot move ") + kNewArchive + " to " + kArchive);
     }
     Say(false, std::string(kArchive) + ": made, with the certificate " + cert_id);
-    return true;
+    return kDone;
 }
 
 }  // namespace opalcrt
