@@ -1,0 +1,165 @@
+# A certificate's way into a service's folder: what is copied, and what is left when a step fails.
+import json
+import re
+
+import pytest
+from conftest import A, P, ROW, service
+
+FAILED = "Failed to DeployDefCrt for p"
+TEMP = "$P/p/web.temp"
+CHMOD = f"utils.cpp Failed to chmod chown. [{TEMP}/"
+PLAIN = ["cert.pem", "privkey.pem", "fullchain.pem"]
+ALL = [*PLAIN, "chain.pem", "opal-ca-cert.pem"]
+
+OLD, BAK, LEFT = "mkdir s; echo old > s/o; ", "mkdir s.bak; echo b > s.bak/b; ", "s.temp/n=new s/o=old"
+MANY, MOUNTED = {"multiple_cert": True}, "mount --no-mtab -t tmpfs row "
+RM = "rm case $2 in */s) unlink /tmp/w/s/o; "
+
+
+# What a killed run has left, and real failures of each step. A program is replaced by what follows it.
+@pytest.mark.parametrize("scene, program, answer, left, trail", [
+    *[(scene, "", True, "s/n=new", "") for scene in (OLD + BAK, BAK, "mkdir t; ln -s t s")],
+    ("", "cp exit 1", True, "s/n=new", ""),
+    ("rm -r s.temp; echo f > s.temp", "", False, "s.temp=f", "cpp /tmp/w/s.temp is not a valid directory"),
+    (OLD, "rm exit 1", False, LEFT, "Failed to remove /tmp/w/s.bak [5]"),
+    # A part of a backup stays, and is never taken for the old content; nor is one that was there before.
+    (OLD + BAK, "cp mkdir $3; echo > $3/b; exit 1", False, "s.bak/b= " + LEFT, "copy /tmp/w/s to /tmp/w/s.bak"),
+    (OLD + BAK + MOUNTED + "s.temp", "", False, "s/o=old", "move /tmp/w/s.temp to /tmp/w/s [16]"),
+    # Where nothing but the backup is left it is the only whole copy.
+    (BAK, "cp exit 1", False, "s.temp/n=new s/b=b", "Failed to copy /tmp/w/s to /tmp/w/s.bak [5]"),
+    (BAK + MOUNTED + "s.bak", "", False, "s.temp/n=new", "Failed to move /tmp/w/s.bak to /tmp/w/s [16]"),
+    (MOUNTED + "s.temp", "", False, "", "Failed to move /tmp/w/s.bak to /tmp/w/s [2]"),
+    (OLD, RM + "exit 1;; esac", False, "s.bak/o=old s.temp/n=new", "Failed to remove /tmp/w/s [5]\n" * 2),
+    # A backup that stays is no failure.
+    (OLD, RM + "rmdir $2;; *) [ ! -d $2 ];; esac", True, "s.bak/o=old s/n=new", "remove /tmp/w/s.bak [5]"),
+])  # fmt: skip
+def test_moves_a_folder_or_leaves_the_old_one(w, scene, program, answer, left, trail):
+    w.sh(f"mkdir -p /tmp/w/s.temp; cd /tmp/w; echo new > s.temp/n; {scene}")
+    if program:
+        w.replace(f"/bin/{program[:2]}", program[3:])
+    assert w.call("MoveDirectory", "/tmp/w/s.temp", "/tmp/w/s") == answer
+    assert w.said.logged(*trail.splitlines()) and (trail or not w.said.log)
+    assert w.sh("cd /tmp/w; find . -type f -printf '%P=' -exec cat {} \\; | sort").split() == left.split()
+
+
+def test_a_folder_that_is_there_is_not_moved(w):
+    assert w.call("MoveDirectory", str(A), str(A)) and (A / "INFO").exists()
+    assert w.said.log == ["dir_utils.cpp skip move directory, due to source equals to destination [$A]"]
+
+
+def check(w, files, prefixes=[""], cert_id="c"):
+    """The folder of p/web is whole: these files of this certificate, for a user games:60, and no other."""
+    names = {
+        "p": "drwxr-xr-x root root",
+        "p/web": "drwxr-xr-x root root",
+        "p/web/info": "-rw-r--r-- root root",
+    }
+    assert w.tree(P) == {**names, **{f"p/web/{name}": "-r-------- games games" for name in files}}
+    for name in files:
+        assert (P / "p/web" / name).read_bytes() == (A / cert_id / name).read_bytes(), name
+    paths = {"cert": "cert.pem", "key": "privkey.pem", "chain": "fullchain.pem"}
+    certs = [{key: f"{P}/p/web/{prefix}{name}" for key, name in paths.items()} for prefix in prefixes]
+    assert w.json(P / "p/web/info") == {"subscriber": "p", "service": "web", "certs": certs}
+
+
+@pytest.mark.parametrize("multiple, renew, prefixes", [
+    ({}, "RSA", ""), ({"multiple_cert": False}, "RSA", ""), (MANY, "", ""),
+    (MANY, "RSA", "RSA-"), (MANY, "ECC/RSA", "ECC- RSA-"), (MANY, "RSA/RSA", "RSA- RSA-"),
+])  # fmt: skip
+def test_gives_what_the_mode_asks_for(w, multiple, renew, prefixes):
+    w.crt("c", "RSA-")
+    w.crt("c", "ECC-")
+    (A / "c/renew.json").write_text(json.dumps({"key_types": renew}))
+    w.sh("cd c; echo 1 > chain.pem; echo 2 > opal-ca-cert.pem; mkdir -p $P/p/web.temp/x $P/p/web/y")
+    w.define("p", {"service": "web", "display_name": "d", **multiple}, owner="games")
+    w.ok("opalcrtregister p")
+    check(
+        w, [prefix + name for prefix in prefixes.split() for name in PLAIN] or ALL, prefixes.split() or [""]
+    )
+
+
+def test_parses_key_types(w):
+    assert not w.call("DeployMultipleCrt", "c", service("web")) and not w.tree(P)
+    assert w.said.log == ["utils.cpp Empty key types, Failed to setup multiple mode"]
+    texts = "", "RSA/", "ECC/RSA", " RSA\t/\n ECC\v", "rsa", "/", "E CC/", "DSA/ECC", "RSA/RSA"
+    types = "", "RSA", "ECC RSA", *["RSA ECC"] * 4, "ECC", "RSA RSA", "", ""
+    for renew, right in zip([json.dumps({"key_types": text}) for text in texts] + ["[]", "{"], types):
+        (A / "c/renew.json").write_text(renew)
+        assert w.call("GetCrtKeyTypes", "c") == right.split(), renew
+
+
+@pytest.mark.parametrize("scene, cp, trail", [
+    ("sed -i s/games/nobody-knows/ $D/p.cfg", "", "Failed to OPALUserGetUGID [nobody-knows].[0x2A00 "),
+    ("mkdir /tmp/certificate_p_web.lock", "", "utils.cpp Failed to lock [/tmp/certificate_p_web.lock]"),
+    ("touch $P/p/web.temp", "", f"Failed to create {TEMP}\nutils.cpp Failed to clean {TEMP}\n"),
+    ("mkdir $P/p/web.bak;" + MOUNTED + "$P/p/web.bak", "", f"utils.cpp Failed to move {TEMP} to $P/p/web\n"),
+    ("rm c/fullchain.pem; mkdir c/fullchain.pem", "", "Failed to copy [$A/c/fullchain.pem].[0x"),
+    ("mkfifo c/chain.pem", "", "Failed to copy [$A/c/chain.pem].[0x"),
+    ("", "exit 1", "Failed to copy [$A/c/cert.pem].[0x0601 "),
+    # A copy that was not made, or is none, is never published.
+    ("", 'case $2 in *[!v]key.pem|*[!y].pem) exec $REAL "$@"; esac', CHMOD + "privkey.pem]"),
+    *[("", f"{make} $3", CHMOD + "cert.pem]") for make in ("head -c 99 $2 >", "ln -s /etc/passwd", "mkfifo")],
+    ("", 'mkdir -p ${3%/*}/info.new/x; exec $REAL "$@"', "write info to service certificate folder [21]"),
+])  # fmt: skip
+def test_the_old_folder_stays_when_a_step_fails(w, scene, cp, trail):
+    w.define("p", "web", owner="games")
+    w.sh(f"mkdir -p $P/p/web; echo old > $P/p/web/file; {scene}")
+    w.replace("/bin/cp", cp or 'exec $REAL "$@"')
+    copies = ["utils.cpp Failed to copy cert files from $A/c to $P/p/web.temp\n"] * (".pem" in trail)
+    w.fails("opalcrtregister p", FAILED, trail, *copies, "Failed to set cert [c] for [{", timeout=10)
+    left = "old\nweb\n" + "web.bak\n" * ("web.bak" in scene) + "644\n"
+    assert w.sh("cat $P/p/web/*; ls $P/p; stat -c %a /etc/passwd") == left
+
+
+# What another process does to the certificate between two copies. Half of each must not be published.
+@pytest.mark.parametrize("between, files", [
+    ("for i in $B/*; do cat $i > $C/${i##*/}; done", ALL),
+    ("for i in $B/*; do $REAL $i $C/new; mv $C/new $C/${i##*/}; done", ALL),
+    ("touch $C/.mending; (sleep 0.2; $REAL $B/* $C; rm $C/.mending) &", ALL),
+    ("touch $C/.mending; rm $C/*chain*; (sleep 0.2; $REAL $B/[!c]* $B/cert* $C; rm $C/.m*) &", [*PLAIN, ALL[4]]),
+])  # fmt: skip
+def test_a_certificate_that_changes_while_it_is_copied_is_copied_again(w, between, files):
+    w.crt("b")
+    w.sh("for i in c b; do echo $i | tee $i/chain.pem > $i/opal-ca-cert.pem; done")
+    once = f"mkdir {ROW}/once && {{ C={A}/c B={A}/b; {between}\n}}"
+    w.replace("/bin/cp", f'$REAL "$@"; case $2 in */privkey.pem) {once};; esac; exit 0')
+    w.define("p", "web", owner="games")
+    w.ok("opalcrtregister p")
+    check(w, files, cert_id="b")
+
+
+@pytest.mark.slow
+def test_a_certificate_that_never_stands_still_is_given_up(w):
+    w.replace("/bin/cp", f'touch {A}/c/cert.pem; exec $REAL "$@"')
+    w.define("p", "web")
+    w.fails("opalcrtregister p", FAILED, "utils.cpp Failed to copy cert files from")
+    assert not (P / "p/web").exists()
+
+
+def test_a_copied_key_is_at_no_moment_readable_for_others(w):
+    w.replace("/bin/cp", f'$REAL "$@"; stat -c %a $3 >> {ROW}/modes')
+    w.define("p", "web")
+    w.ok("chmod 0666 c/*; umask 0; opalcrtregister p")
+    assert set((ROW / "modes").read_text().split()) == {"600"}
+
+
+# What must be on the disk before what: the order of the calls is all that can be seen of it here.
+def test_syncs_before_it_removes_or_renames(w):
+    w.sh("touch c/chain.pem c/opal-ca-cert.pem; mkdir -p $P/p/web; touch $P/p/web/1")
+    w.define("p", "web")
+    w.ok("ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0 strace -f -qq -y -s 300 -e signal=none "
+         f"-e trace=fsync,execve,?rename,?renameat,?renameat2 -o {ROW}/trace opalcrtregister p")  # fmt: skip
+    files, commands = r"fsync\(\d+<\S*certificate/(p|p/web\S*)>", r'execve.*"(?:(-arp)"|-rf", "\S*p/(\S*)")'
+    found = re.findall(rf'{files}|{commands}|(rename)\w*\(.*/web\.temp", ', (ROW / "trace").read_text())
+    staged = " ".join(["p", *(f"temp/{name}" for name in ALL), "temp/info.new temp"])
+    seen = " ".join(next(filter(None, each)).removeprefix("p/web.") for each in found)
+    assert seen == f"{staged} web.bak -arp bak/1 bak p web rename p web.bak"
+
+
+# When the new folder may not be on the disk, the backup is what is sure to be.
+def test_the_backup_stays_until_the_new_folder_is_on_the_disk(w):
+    w.sh("mkdir -p $P/p/web; touch $P/p/web/old")
+    w.define("p", "web")
+    trail = "Failed to move $P/p/web.temp to $P/p/web [5]", "Failed to set cert [c] for [{"
+    w.fails("opalcrtregister p", FAILED, *trail, inject=f"fsync:error=EIO:when=3 -P {P}/p")
+    assert w.sh("ls $P/p; ls $P/p/web.bak") == "web\nweb.bak\nold\n"

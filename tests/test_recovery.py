@@ -1,0 +1,205 @@
+# Certificates that lack files: who mends them, what a mend that fails or is cut off leaves, and who is told.
+import fcntl
+import re
+import time
+
+import pytest
+from conftest import A, CALL, P, ROW, service
+
+FAILED = "Failed to DeployDefCrt for p"
+REAL = "utils.cpp Path not match, maybe bugs or attacked\nutils.cpp Folder not exits [$A/c]\n"
+LACKS = "utils.cpp Lack of necessary files in cert dir [$A/c]"
+START = "utils.cpp c is incomplete, start recovering"
+BUS = "utils.cpp Failed to send notification for certificate broken"
+MARK = A / "c/.mending"
+WHOLE = f"""set -e; export SSL_CERT_FILE=/dev/null; cmp cert.pem fullchain.pem
+openssl verify -CAfile $(ls opal-ca-cert.pem || echo cert.pem) cert.pem
+openssl x509 -in cert.pem -noout -pubkey > {ROW}/key; openssl pkey -in privkey.pem -pubout | cmp - {ROW}/key"""
+
+
+# RSA keys and the certificates of all authorities take most of a mend's time. A row's own cases come first.
+@pytest.fixture(autouse=True)
+def quick(w):
+    make = "genrsa*) shift 4; set -- ecparam -name prime256v1 -genkey -noout -out $1;; esac"
+    script = 'export SSL_CERT_FILE=/dev/null; case "$*" in %s {}; exec $REAL "$@"'.format(make)
+    w.ssl = lambda own="": w.replace("/usr/bin/openssl", script % own)
+    w.ssl()
+
+
+def mended(w, cert_id="c"):
+    """It is a whole new set, marked as broken and no more as being mended."""
+    assert w.json(f"{cert_id}/cert_info") == {"is_broken": True} and not (A / cert_id / ".mending").exists()
+    return w.sh(f"cd {cert_id}; {WHOLE}")
+
+
+@pytest.mark.parametrize("name", ["cert.pem", "privkey.pem", "fullchain.pem", "ECC-privkey.pem"])
+def test_mends_what_lacks_a_file_and_leaves_the_complete_alone(w, name):
+    (A / "c/renew.json").write_text('{"key_types": "RSA/ECC"}')
+    w.crt("c", "RSA-")
+    w.crt("c", "ECC-")
+    w.sh(
+        f"""cd c; echo '{{"is_broken": false, "more": 1}}' > cert_info; echo kept > 0; mv {name} {ROW}/lost"""
+    )
+    for _ in range(1 + (name[3] == "-")):  # Those of key types are missed and not made.
+        assert w.call("CheckAndRecoverCrt", "c") and w.said.log == [LACKS, START, BUS] and mended(w)
+    before = w.sh(f"[ -e c/{name} ] || cp {ROW}/lost c/{name}; cat c/*; ls -l --full-time c .")
+    assert w.call("CheckAndRecoverCrt", "c") and not w.said.log
+    assert w.sh("cat c/*; ls -l --full-time c .") == before and before.startswith("kept")
+
+
+@pytest.mark.parametrize("scene, trail", [
+    ("mv c /usr/opal/x; ln -s /usr/opal/x c", REAL), ("rm -r c", REAL), ("touch c/.mending", LACKS),
+    ("rm c/fullchain.pem; ln -s fullchain.pem c/fullchain.pem", LACKS),
+    (f"rm c/cert.pem; ln -s {'0' * 256} c/cert.pem", LACKS),
+    ("rm c/cert.pem; mkdir -p c/.mending.new/x", LACKS),  # A mark that cannot be written stops nothing.
+], ids=lambda scene: scene[:20])  # fmt: skip
+def test_mends_what_is_no_real_folder_or_not_whole(w, scene, trail):
+    w.sh(scene)
+    assert w.call("CheckAndRecoverCrt", "c") and w.said.logged(trail, START) and mended(w)
+
+
+def test_ids_that_info_does_not_know_are_refused(w):
+    ids = "unlisted", "number", "", "..", "c/", "x/../c", "none"
+    w.write(info={"c": {}, **dict.fromkeys(ids[2:6], {}), "number": 5})
+    w.sh("mkdir unlisted; rm c/cert.pem")
+    for cert_id in ids:
+        assert not w.call("CheckAndRecoverCrt", cert_id)
+        assert w.said.log == [f"utils.cpp Invalid cert id: [{cert_id}]"]
+    assert w.sh("ls unlisted c") == "c:\nfullchain.pem\nprivkey.pem\n\nunlisted:\n"
+
+
+# What cannot be looked at is not missing: the key beside it may be good.
+@pytest.mark.parametrize("call, path, trail", [
+    ("readlink", "/usr", "Failed to get realpath [5]"),
+    ("?newfstatat,?stat", f"{A}/c/privkey.pem", LACKS), ("?newfstatat,?stat", MARK, LACKS),
+])  # fmt: skip
+def test_nothing_is_generated_on_an_error_of_the_disk(w, call, path, trail):
+    w.define("p", "web")
+    before = w.tree(A / "c", content=True)
+    trail = trail, "utils.cpp Failed to recover certificate for [c]"
+    w.fails("opalcrtregister p", FAILED, *trail, inject=f"{call}:error=EIO -P {path}")
+    assert w.tree(A / "c", content=True) == before
+
+
+RUN, ASK = "Error when execute", "Create CSR failed, command"
+CA, SET = "Generate CA key & crt failed", "Failed to generate cert set"
+FAILS = [
+    ("*", [RUN, "genCAKey() failed", CA]), ("req*ca.cfg*", [ASK, "genCACsr() failed", CA]),
+    ("*-signkey*", [RUN, "genCACrt() failed", CA]), ("*-signkey*", ["Root certificate and key is not matching", CA]),
+    ("*c/privkey.pem*2048*", [RUN, "Failed to generate key", SET]), ("*server.cfg*", [ASK, "Failed to generate csr", SET]),
+    ("*CAserial*", [RUN, "Failed to generate cert", SET]), ("*CAserial*", ["cert and key is not matching.", SET]),
+    ("/bin/cp", ["Failed to copy crt to chain crt.", SET]), ("/bin/mkdir", ["Failed to mkdir -p [$A/c] (5)"]),
+]  # fmt: skip
+
+
+# Each program that a mend runs fails. Nothing is removed, and what then looks whole keeps its mark.
+@pytest.mark.parametrize("scene, program, trail", [*(("rm c/cert.pem", *each) for each in FAILS),
+                                                   ("touch c/.mending", *FAILS[0])])  # fmt: skip
+def test_a_failed_mend_removes_nothing(w, scene, program, trail):
+    w.sh(f"cp c/cert.pem other; {scene}; echo old | tee c/opal-ca-cert.pem > c/opal-ca-privkey.pem")
+    before = set(w.tree(A / "c")) - {".mending"}
+    action = f"cp {A}/other ${{11}}" if "matching" in trail[0] else "exit 1"
+    w.replace(program, action) if program[0] == "/" else w.ssl(f"{program}) {action}; exit;;")
+    w.define("p", "web")
+    end = "\nutils.cpp Failed to generate default certificate to recover for [c]\n"
+    trail = [START, "\nmkcert.cpp ".join(["", *trail]), end]
+    w.fails("opalcrtregister p", FAILED, *trail, "utils.cpp Failed to recover certificate for [c]")
+    assert before <= set(w.tree(A / "c")) and MARK.exists() == (A / "c/cert.pem").exists()
+
+
+def test_a_certificate_whose_cert_info_cannot_be_written_is_complete(w):
+    w.sh("rm c/cert.pem; mkdir -p c/cert_info.new/x")
+    assert not w.call("CheckAndRecoverCrt", "c") and w.said.logged(
+        "utils.cpp Failed to write cert info [21]\n"
+    )
+    assert w.call("CheckAndRecoverCrt", "c") and not w.said.log and not MARK.exists()
+
+
+def test_a_mend_that_was_killed_is_made_again_by_the_registration_that_needs_it(w):
+    w.crt("x")
+    w.write(info={"c": {"services": []}, "x": {"services": [service("web")]}})
+    w.replace("/bin/cp", "kill -9 $PPID")
+    w.sh(f"""rm x/cert.pem; {CALL} CheckAndRecoverCrt '["x"]'; ls x/cert.pem x/fullchain.pem x/.mending""")
+    w.replace("/bin/cp", 'exec $REAL "$@"')
+    w.define("p", "web")
+    w.ok("opalcrtregister p; cmp x/cert.pem $P/p/web/cert.pem", "x is incomplete, start recovering", BUS)
+    assert mended(w, "x") and not (A / "c/cert_info").exists()
+
+
+def start_beside_a_mend(w, *names):
+    """Registrations that wait for somebody else's mend, until the function is called."""
+    lock = w.hold("/tmp/opal_cert_recover.lock")
+    for name in names:
+        w.define(name, "web", "mail")
+    children = [w.start(f"opalcrtregister {name}") for name in names]
+    time.sleep(0.3)
+    assert not any(child.poll() for child in children)
+
+    def end():
+        fcntl.flock(lock, fcntl.LOCK_UN)
+        assert {(child.communicate()[0], child.returncode) for child in children} == {(b"", 0)}
+        mends = w.log.take().count(START)
+        w.sh(f"for i in $P/*/*/; do cd $i; {WHOLE}; done")
+        return mends
+
+    return end
+
+
+def test_who_meets_a_mend_waits_for_it_and_does_not_mend(w):
+    MARK.touch()
+    end, before = start_beside_a_mend(w, "p"), w.tree(A / "c", content=True)
+    MARK.unlink()
+    assert end() == 0 and w.tree(A / "c", content=True).items() <= before.items()
+
+
+# All find it at once; then each copies while another mends.
+def test_many_at_once_mend_once_for_each_that_found_it_and_nobody_fails(w):
+    w.sh("rm c/fullchain.pem")
+    assert 1 <= start_beside_a_mend(w, "p", "q", "r")() <= 3 and mended(w)
+
+
+# What openssl and cp write is the certificate's own: nothing else changes, and no key is readable on the way.
+@pytest.mark.parametrize("link", ["ln -s", "ln"])
+def test_a_link_is_replaced_and_what_it_leads_to_stays(w, link):
+    names = "cert.pem fullchain.pem opal-ca-cert.pem opal-ca-privkey.pem privkey.pem cert_info"
+    w.sh(
+        f"cd c; rm *; for i in {names}; do echo $i > /usr/opal/$i; {link} /usr/opal/$i; done; touch .mending"
+    )
+    before = w.sh("cd /usr/opal; tail -v *.pem cert_info; stat -c %a%U *.pem cert_info")
+    assert w.call("CheckAndRecoverCrt", "c") and mended(w)
+    assert w.sh("cd /usr/opal; tail -v *.pem cert_info; stat -c %a%U *.pem cert_info") == before
+    assert set(w.sh("stat -c '%F %h %a' c/*.pem").splitlines()) == {"regular file 1 400"}
+
+
+def test_a_key_that_stands_there_is_roots_before_it_is_written(w):
+    w.sh("rm c/cert.pem; chmod 0644 c/privkey.pem; chown opalweb:opalweb c/privkey.pem")
+    w.ssl(f"genrsa*c/privkey.pem*) stat -c %a%U $5 > {ROW}/seen; exit 1;;")
+    assert not w.call("CheckAndRecoverCrt", "c") and (ROW / "seen").read_text() == "600root\n"
+
+
+def test_syncs_the_set_before_its_mark_goes(w):
+    w.sh("rm c/privkey.pem")
+    w.define("p")
+    w.ok("ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0 strace -f -qq -y -s 300 -e signal=none -e trace="
+         f"fsync,execve,?rename,?renameat,?renameat2,?unlink,?unlinkat -o {ROW}/trace opalcrtregister p")  # fmt: skip
+    syncs, renames = (
+        r"fsync\(.*/(c|c/.*|\.mkcert\.serial\S*)>",
+        r'unlink\w*\(.*/(\.mending)"|rename.*, .*"\S*/c(/.*)"',
+    )
+    found = re.findall(rf'{syncs}|{renames}|"(genrsa|emit)",', (ROW / "trace").read_text())
+    made = ".mkcert.serial.new opal-ca-privkey.pem opal-ca-cert.pem privkey.pem cert.pem fullchain.pem .mkcert.serial c"
+    order = f".mending.new /.mending c genrsa genrsa {made} cert_info.new /cert_info c emit .mending c"
+    assert " ".join(next(filter(None, each)).removeprefix("c/") for each in found) == order
+
+
+# The listener is the system bus's own; the signal is what an administrator would see.
+def test_tells_the_system_bus(w):
+    heard, match = ROW / "heard", "type='signal',interface='org.opal.Notification'"
+    w.sh("rm c/cert.pem; mkdir -p /run/dbus; dbus-daemon --system --fork --nopidfile --nosyslog")
+    w.start(f'exec busctl --system monitor --match="{match}" > {heard} 2>&1')
+    wait = f"for i in $(seq 200); do grep -q %s {heard} && exit; %s sleep 0.02; done; exit 1"
+    w.sh(wait % ("Ready", "busctl --system emit / org.opal.Notification Ready;"))
+    assert w.call("CheckAndRecoverCrt", "c") and w.said.log == [LACKS, START]
+    w.sh(wait % ("certificate_broken", ""))
+    signal = r"Path=/org/opal/Notification +Interface=org.opal.Notification +Member=Event"
+    assert len(re.findall(rf'{signal}|STRING "certificate_broken"', heard.read_text())) == 2
