@@ -27,7 +27,6 @@ PLAIN = pytest.mark.skipif(
     pytest.param("prlimit --nofile=6 -- opalcrtregister p", DEPLOY, "Broken [$A/INFO].", marks=PLAIN),
     ("ln -s $A/x $P/p/web.temp; ln -s $A/x $P/p/web.bak; opalcrtregister p", "", ""),
     ("rm -r $P/p/web; ln -s $A/x $P/p/web; opalcrtregister p", "", ""),
-    ("rm -r $P/p/web; echo > $P/p/web; opalcrtregister p", "", ""),
     ("ln -f x/f $P/p/web/cert.pem; ln x/f $P/p/web/more; opalcrtregister p", "", ""),
     ("ln -s x/f SERVICES.new; ln x/f INFO.temp; opalcrtregister p", "", ""),
     ("mkfifo $P/p/web.temp; opalcrtregister p", DEPLOY, "Failed to clean $P/p/web.temp"),

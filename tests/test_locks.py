@@ -1,9 +1,7 @@
 # The four kinds of lock file: when each is held, how long it is waited for, and what is planted in its place.
 import errno
-import fcntl
 import json
 import os
-import shlex
 import time
 
 import pytest
@@ -54,38 +52,29 @@ def test_waits_for_whoever_holds_the_lock(w, command, lock, shared, left, record
     assert holder and w.books() == left
 
 
+DEPLOY = f"{CALL} DeployDefCrt '%s'"
+# fmt: off
+WAITS = [
+    (10, "opalcrtunregister q", f"opalcrtregister.cpp Lock list file [{INFO}] failed"),
+    (30, DEPLOY % json.dumps([[service("web", "q")], 3, ""]), f"utils.cpp Lock list file [{INFO}] failed"),
+    (30, f"{CALL} CheckAndRecoverCrt '[\"d\"]'", f"utils.cpp Failed to lock file [{RECOVER}]"),
+    (60, DEPLOY % json.dumps([[service("web", "p")], 3, ""]), f"utils.cpp Failed to lock [{WEB}]"),
+    (60, "opalcrtregister p", f"opalcrtregister.cpp Failed to lock [{SERVICES}]"),
+]
+# fmt: on
+
+
 @pytest.mark.slow
 def test_is_waited_for_no_longer_than_its_time(w):
-    waits, lines, q = [], [], service("web", "q")
-    w.books({"c": {"services": []}, "d": {"services": []}, "e": {"services": [q]}})
-    for name in "psu":
-        w.define(name, "web")
-
-    def start(seconds, command, line):
-        lines.append(line)
-        waits.append((time.monotonic(), seconds, w.start(command)))
-
-    def end(count):  # Those that end first are the first.
-        for begin, seconds, child in waits[:count]:
-            child.wait(seconds + 5)
-            assert seconds <= time.monotonic() - begin < seconds + 3, child.args
-        del waits[:count]
-
-    info, *_ = w.hold(INFO, shared=True), w.hold(WEB), w.hold(RECOVER)
-    start(10, "opalcrtunregister q", f"opalcrtregister.cpp Lock list file [{INFO}] failed")
-    start(30, "opalcrtregister u", f"utils.cpp Lock list file [{INFO}] failed")
-    start(30, f"{CALL} CheckAndRecoverCrt '[\"d\"]'", f"utils.cpp Failed to lock file [{RECOVER}]")
-    start(60, "opalcrtregister p", f"utils.cpp Failed to lock [{WEB}]")
-    time.sleep(1)
-    w.hold(SERVICES)
-    start(60, "opalcrtregister s", f"opalcrtregister.cpp Failed to lock [{SERVICES}]")
-    end(3)
-    fcntl.flock(info, fcntl.LOCK_EX | fcntl.LOCK_NB)
-    start(
-        30, f"{CALL} GetServiceCrtId {shlex.quote(json.dumps([q, '']))}", f"utils.cpp Failed to lock [{INFO}]"
-    )
-    end(3)
-    assert {*lines} <= {*w.log.take()} and not w.json("INFO")["c"]["services"]
+    w.books({"c": {"services": []}, "d": {"services": []}})
+    w.define("p", "web")
+    for path in (INFO, RECOVER, WEB, SERVICES):
+        w.hold(path, shared=True)
+    begin = time.monotonic()
+    for child, (seconds, command, _) in zip([w.start(command) for _, command, _ in WAITS], WAITS):
+        child.wait(seconds + 5)
+        assert seconds <= time.monotonic() - begin < seconds + 3, command
+    assert {line for *_, line in WAITS} <= {*w.log.take()} and w.books() == {"c": [], "d": [], "list": []}
 
 
 def lock(w, path, seconds=0):
@@ -129,7 +118,7 @@ def test_a_lock_file_that_was_removed_meanwhile_guards_nothing(w):
 def test_a_lock_that_cannot_be_released_is_only_logged(w):
     w.sh("rm c/cert.pem")
     w.define("p", "web")
-    front, store = "opalcrtregister.cpp Failed to unlock [%s]\n", "utils.cpp Failed to unlock %s\n"
-    lines = [front % SERVICES, store % RECOVER, store % INFO, store % WEB, store % INFO]
-    w.ok("opalcrtregister p", *lines, inject="flock:error=EIO:when=2+2")
+    lines = [f"utils.cpp Failed to unlock {path}\n" for path in (RECOVER, INFO, WEB, INFO)]
+    front = "opalcrtregister.cpp Failed to unlock [%s]\n"
+    w.ok("opalcrtregister p", front % SERVICES, *lines, inject="flock:error=EIO:when=2+2")
     w.ok("opalcrtunregister p", front % SERVICES, front % INFO, inject="flock:error=EIO:when=3+1")
