@@ -43,22 +43,23 @@ def test_does_what_each_action_says_with_no_lock_held(engine, action, old, given
 def test_refuses_wrong_parameters_before_it_does_anything(engine):
     before, web = engine.tree("/usr/opal", content=True), [service("web")]
     action = ["utils.cpp Wrong rgCRTActionInfo.", "utils.cpp Invalid params (action)"]
-    invalid, id = (
-        "utils.cpp Invalid params (cert_id/services)",
-        "utils.cpp Invalid cert id: [../_archive/new]",
-    )
+    invalid, id = "utils.cpp Invalid params (cert_id/services)", "utils.cpp Invalid cert id: [../new]"
     wrong = [("new", web, -1, action), ("new", web, 5, action), ("new", {}, 0, [invalid])]
-    for *arguments, number, log in [*wrong, ("../_archive/new", web, 0, [id, invalid])]:
+    for *arguments, number, log in [*wrong, ("../new", web, 0, [id, invalid])]:
         assert not engine.call("SetCrtForServices", *arguments, "", number) and engine.said.log == log
     assert engine.tree("/usr/opal", content=True) == before and not engine.tree(P)
     engine.ok("ls /tmp/*.lock $ROW/systemctl 2>/dev/null || :")
 
 
 def test_goes_on_after_a_service_that_fails_and_tells_of_each(engine):
-    services = [service("web", owner="none"), 5, service("../../q"), service("x.temp"), service("late")]
+    base, i18n = service("x"), service("x", display_name_i18n="x")
+    lacks = [{key: base[key] for key in base if key != left} for left in ("display_name", "owner", "isPkg")]
+    bad = [*({**i18n, key: ""} for key in i18n), 5, service("../../q"), service("x.temp"), *lacks]
+    services = [service("web", owner="none"), *bad, {**i18n, "service": "late"}]
     assert not engine.call("SetCrtForServices", "new", services, "", 3)
-    lines = ["Failed to set cert [old] for [{", *["utils.cpp service object is error.\n"] * 3]
-    assert engine.said.logged("Failed to OPALUserGetUGID [none].[0x2A00", *lines)
+    lines = "UserGetUGID [none].[0x2A00", "Failed to set cert [old] for [{", "Lack of necesary key. [owner]"
+    assert engine.said.logged(*lines, "utils.cpp service object is error.\n")
+    assert "\n".join(engine.said.log).count("service object is error") == len(bad)
     assert engine.books() == {"list": [], "new": ["q/web", "p/late"], "old": ["p/web"]}
     engine.sh("touch $D/p")  # Not executable. The other one is not tried.
     assert not engine.call("SetCrtForServices", "new", services[-1:], "", 2)
@@ -73,18 +74,9 @@ def test_leaves_info_alone_where_an_entry_is_broken(engine, broken):
     before = (A / "INFO").read_text()
     assert not engine.call("SetCrtForServices", "new", [service("web")], "old", 0)
     engine.said.logged(
-        "utils.cpp Broken [$A/INFO][old].[0x", "Failed to update cert info for [{", "}] from old to new\n"
+        "Broken [$A/INFO][old].[0x", "Failed to update cert info for [{", "}] from old to new\n"
     )
     assert (A / "INFO").read_text() == before and engine.sh("cat $ROW/hooks") == ""
-
-
-def test_a_service_object_has_each_required_member_and_no_empty_one(w):
-    right = service("web", display_name_i18n="x")
-    for key in right:
-        lacks = w.call("IsServiceObjValid", {each: right[each] for each in right if each != key})
-        log = [] if key == "display_name_i18n" else [f"utils.cpp Lack of necesary key. [{key}]"]
-        assert (lacks, w.said.log) == (not log, log)
-        assert not w.call("IsServiceObjValid", {**right, key: ""}) and not w.said.log
 
 
 def test_a_list_is_built_anew_also_of_its_own_element(w):

@@ -87,9 +87,9 @@ def lock(w, path, seconds=0):
 
 def test_a_planted_lock_file_is_neither_taken_nor_waited_for(w):
     w.sh(
-        f"""cd /tmp; touch victim open theirs {INFO}; ln -s victim link; ln -s none dangling; mkfifo fifo; mkdir dir
-        ln open more; chown opalmail theirs {INFO}; chmod 0 theirs"""
+        f"cd /tmp; touch victim open theirs {INFO}; chown opalmail theirs {INFO}; chmod 0 theirs; ln open more"
     )
+    w.sh("cd /tmp; ln -s victim link; ln -s none dangling; mkfifo fifo; mkdir dir")
     before = w.tree("/tmp", content=True)
     errors = dict(link="ELOOP", dangling="ELOOP", fifo="EINVAL", dir="EISDIR", open="EPERM")
     for name, error in {**errors, "none/x": "ENOENT"}.items():

@@ -17,13 +17,11 @@ def test_reports_every_service_of_every_certificate(w):
     listed = {"c": [{"service": "web", "subscriber": "p"}], "x": [], "b": [one, two]}
     w.books({id: {"services": services} for id, services in listed.items()})
     w.sh("{ echo text; cat c/cert.pem b/cert.pem; } > x; mv x c/cert.pem; chmod 0444 */cert.pem")
-    report = (
-        f'[{{"checksum":"{b}","service":"one","subscriber":"ü"}},{{"checksum":"{b}","service":[1],"subscriber":null}},'
-        f'{{"checksum":"{c}","service":"web","subscriber":"p"}}]\n'
-    )
+    report = [(b, '"one"', '"ü"'), (b, "[1]", "null"), (c, '"web"', '"p"')]
+    text = ",".join('{"checksum":"%s","service":%s,"subscriber":%s}' % each for each in report)
     before = w.tree("/usr/opal", content=True)
     for by in ("OPENSSL_CONF=/etc/passwd", "setpriv --reuid=opalmail --clear-groups"):
-        w.ok(f"{by} opalcrtchecksum any thing; ls /tmp", out=report)
+        w.ok(f"{by} opalcrtchecksum any thing; ls /tmp", out=f"[{text}]\n")
     assert w.tree("/usr/opal", content=True) == before
     w.books(info="{}")
     w.ok("opalcrtchecksum", out="[]\n")
