@@ -21,7 +21,7 @@ def test_reports_every_service_of_every_certificate(w):
     text = ",".join('{"checksum":"%s","service":%s,"subscriber":%s}' % each for each in report)
     before = w.tree("/usr/opal", content=True)
     for by in ("OPENSSL_CONF=/etc/passwd", "setpriv --reuid=opalmail --clear-groups"):
-        w.ok(f"{by} opalcrtchecksum any thing; ls /tmp", out=f"[{text}]\n")
+        w.ok(f"{by} opalcrtchecksum any thing; ls /tmp/*.lock 2>&- || :", out=f"[{text}]\n")
     assert w.tree("/usr/opal", content=True) == before
     w.books(info="{}")
     w.ok("opalcrtchecksum", out="[]\n")
