@@ -1,13 +1,11 @@
 # The four kinds of lock file: when each is held, how long it is waited for, and what is planted in its place.
 import errno
-import fcntl
 import json
 import os
-import shlex
 import time
 
 import pytest
-from conftest import CALL, ROW, service
+from conftest import A, CALL, ROW, service
 
 INFO, SERVICES = "/tmp/opalcertificate_info.lock", "/tmp/opal_cert_register_services.lock"
 RECOVER, WEB = "/tmp/opal_cert_recover.lock", "/tmp/certificate_p_web.lock"
@@ -26,7 +24,7 @@ def test_each_step_holds_its_lock_and_no_other_in_both_kinds(w):
             (line[1], line[3], inodes[inode]) for line in lines if (inode := line[-3].split(":")[2]) in inodes
         ]
         assert sorted(held) == [(kind, "WRITE", path) for kind in ("FLOCK", "OFDLCK") if path]
-    assert {*w.tree("/tmp").values()} == {"-rw------- root root"}
+    assert w.sh("stat -c '%A %U' /tmp/*.lock | sort -u") == "-rw------- root\n"
 
 
 # By either kind of lock. What its holder changes meanwhile is neither lost nor overlooked.
@@ -47,45 +45,36 @@ def test_waits_for_whoever_holds_the_lock(w, command, lock, shared, left, record
     child = w.start(command)
     time.sleep(0.2)
     assert child.poll() is None
-    w.write(services=[service("new", "n")] if lock == SERVICES else None)
-    w.write({"c": {"services": []}, "n": {"services": [service("web")]}} if lock == INFO else None)
+    w.books(services=[service("new", "n")] if lock == SERVICES else None)
+    w.books({"c": {"services": []}, "n": {"services": [service("web")]}} if lock == INFO else None)
     os.close(w.locks.pop())
     child.wait(5)
     assert holder and w.books() == left
 
 
+DEPLOY = f"{CALL} DeployDefCrt '%s'"
+# fmt: off
+WAITS = [
+    (10, "opalcrtunregister q", f"opalcrtregister.cpp Lock list file [{INFO}] failed"),
+    (30, DEPLOY % json.dumps([[service("web", "q")], 3, ""]), f"utils.cpp Lock list file [{INFO}] failed"),
+    (30, f"{CALL} CheckAndRecoverCrt '[\"d\"]'", f"utils.cpp Failed to lock file [{RECOVER}]"),
+    (60, DEPLOY % json.dumps([[service("web", "p")], 3, ""]), f"utils.cpp Failed to lock [{WEB}]"),
+    (60, "opalcrtregister p", f"opalcrtregister.cpp Failed to lock [{SERVICES}]"),
+]
+# fmt: on
+
+
 @pytest.mark.slow
 def test_is_waited_for_no_longer_than_its_time(w):
-    waits, lines, q = [], [], service("web", "q")
-    w.write({"c": {"services": []}, "d": {"services": []}, "e": {"services": [q]}})
-    for name in "psu":
-        w.define(name, "web")
-
-    def start(seconds, command, line):
-        lines.append(line)
-        waits.append((time.monotonic(), seconds, w.start(command)))
-
-    def end(count):  # Those that end first are the first.
-        for begin, seconds, child in waits[:count]:
-            child.wait(seconds + 5)
-            assert seconds <= time.monotonic() - begin < seconds + 3, child.args
-        del waits[:count]
-
-    info, *_ = w.hold(INFO, shared=True), w.hold(WEB), w.hold(RECOVER)
-    start(10, "opalcrtunregister q", f"opalcrtregister.cpp Lock list file [{INFO}] failed")
-    start(30, "opalcrtregister u", f"utils.cpp Lock list file [{INFO}] failed")
-    start(30, f"{CALL} CheckAndRecoverCrt '[\"d\"]'", f"utils.cpp Failed to lock file [{RECOVER}]")
-    start(60, "opalcrtregister p", f"utils.cpp Failed to lock [{WEB}]")
-    time.sleep(1)
-    w.hold(SERVICES)
-    start(60, "opalcrtregister s", f"opalcrtregister.cpp Failed to lock [{SERVICES}]")
-    end(3)
-    fcntl.flock(info, fcntl.LOCK_EX | fcntl.LOCK_NB)
-    start(
-        30, f"{CALL} GetServiceCrtId {shlex.quote(json.dumps([q, '']))}", f"utils.cpp Failed to lock [{INFO}]"
-    )
-    end(3)
-    assert {*lines} <= {*w.log.take()} and not w.json("INFO")["c"]["services"]
+    w.books({"c": {"services": []}, "d": {"services": []}})
+    w.define("p", "web")
+    for path in (INFO, RECOVER, WEB, SERVICES):
+        w.hold(path, shared=True)
+    begin = time.monotonic()
+    for child, (seconds, command, _) in zip([w.start(command) for _, command, _ in WAITS], WAITS):
+        child.wait(seconds + 5)
+        assert seconds <= time.monotonic() - begin < seconds + 3, command
+    assert {line for *_, line in WAITS} <= {*w.log.take()} and w.books() == {"c": [], "d": [], "list": []}
 
 
 def lock(w, path, seconds=0):
@@ -97,19 +86,17 @@ def lock(w, path, seconds=0):
 
 
 def test_a_planted_lock_file_is_neither_taken_nor_waited_for(w):
-    w.sh(
-        f"""cd /tmp; touch victim open theirs {INFO}; ln -s victim link; ln -s none dangling; mkfifo fifo; mkdir dir
-        ln open more; chown opalmail theirs {INFO}; chmod 0 theirs"""
-    )
-    before = w.tree("/tmp", content=True)
+    w.sh(f"touch victim open theirs {INFO}; chown opalmail theirs {INFO}; chmod 0 theirs; ln open more")
+    w.sh("ln -s victim link; ln -s none dangling; mkfifo fifo; mkdir dir")
+    before = w.tree(A, content=True)
     errors = dict(link="ELOOP", dangling="ELOOP", fifo="EINVAL", dir="EISDIR", open="EPERM")
     for name, error in {**errors, "none/x": "ENOENT"}.items():
-        assert lock(w, f"/tmp/{name}", 9) == error
-    assert w.tree("/tmp", content=True) == before
+        assert lock(w, f"{A}/{name}", 9) == error
+    assert w.tree(A, content=True) == before
     # Another user's file becomes root's: its owner could rename it while it is locked, and lock the next one.
-    assert lock(w, "/tmp/theirs") is None and w.tree("/tmp")["theirs"] == "-rw------- root root"
-    w.hold("/tmp/theirs", shared=True)
-    assert lock(w, "/tmp/theirs") == "ETIMEDOUT" and w.answer["state"] == 0x0400
+    assert lock(w, f"{A}/theirs") is None and w.tree(A)["theirs"] == "-rw------- root root"
+    w.hold(A / "theirs", shared=True)
+    assert lock(w, f"{A}/theirs") == "ETIMEDOUT" and w.answer["state"] == 0x0400
     # With fs.protected_regular the kernel refuses root another user's file in /tmp when O_CREAT is asked for.
     w.run("opalcrtunregister p", inject="openat:delay_enter=0")
     opened = [line for line in (ROW / "strace").read_text().splitlines() if INFO in line]
@@ -129,7 +116,7 @@ def test_a_lock_file_that_was_removed_meanwhile_guards_nothing(w):
 def test_a_lock_that_cannot_be_released_is_only_logged(w):
     w.sh("rm c/cert.pem")
     w.define("p", "web")
-    front, store = "opalcrtregister.cpp Failed to unlock [%s]\n", "utils.cpp Failed to unlock %s\n"
-    lines = [front % SERVICES, store % RECOVER, store % INFO, store % WEB, store % INFO]
-    w.ok("opalcrtregister p", *lines, inject="flock:error=EIO:when=2+2")
+    lines = [f"utils.cpp Failed to unlock {path}\n" for path in (RECOVER, INFO, WEB, INFO)]
+    front = "opalcrtregister.cpp Failed to unlock [%s]\n"
+    w.ok("opalcrtregister p", front % SERVICES, *lines, inject="flock:error=EIO:when=2+2")
     w.ok("opalcrtunregister p", front % SERVICES, front % INFO, inject="flock:error=EIO:when=3+1")
