@@ -27,20 +27,25 @@ def change_certificate(w):
     w.define("p", "a")
 
 
-# Two others that the administrator gives: one to take the place of c, and n, which p/a gets.
+# The stranger gets a certificate n; what is to take the place of c lies ready.
 def bring_certificates(w):
     register(w, "a")
     w.crt("n")
-    w.write(info={**w.json("INFO"), "n": {"services": []}})
+    entry = w.json("INFO")["c"]
+    ours = [each for each in entry["services"] if each["subscriber"] == "p"]
+    strangers = [each for each in entry["services"] if each not in ours]
+    w.write(info={"c": {**entry, "services": ours}, "n": {"services": strangers}})
     w.sh("cp n/cert.pem $S/cert.pem; cp n/privkey.pem $S/key.pem")
 
 
 def make_it_due(w):
-    register(w, "a")
+    bring_certificates(w)
     new = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN"
-    w.sh(f"""cd c; umask 077; {new}=CA -keyout opal-ca-privkey.pem -out opal-ca-cert.pem; rm -f [cpf]*.pem
+    w.sh(
+        f"""cd c; rm *; umask 077; {new}=CA -keyout opal-ca-privkey.pem -out opal-ca-cert.pem
         {new}=kestrel -days 9 -CA opal-ca-cert.pem -CAkey opal-ca-privkey.pem -keyout privkey.pem -out cert.pem
-        cp cert.pem fullchain.pem; cd ..; opalcrt deploy""")
+        cp cert.pem fullchain.pem; opalcrt deploy c"""
+    )
 
 
 RUNS = {
@@ -49,7 +54,13 @@ RUNS = {
     "again": (change_certificate, "opalcrtregister p", "a"),
     "unregister-one": (lambda w: register(w, "a", "b"), "opalcrtunregister p a", "a", False),
     "unregister-all": (lambda w: register(w, "a", "b"), "opalcrtunregister p", "a b", False),
-    "install": (bring_certificates, f"opalcrt install c --key {S}/key.pem --cert {S}/cert.pem", "a", True, "exchanged"),
+    "install": (
+        bring_certificates,
+        f"opalcrt install c --key {S}/key.pem --cert {S}/cert.pem",
+        "a",
+        True,
+        "exchanged",
+    ),
     "renew": (make_it_due, "opalcrt renew", "a", True, "exchanged"),
     "assign": (bring_certificates, "opalcrt assign n p a", "a"),
 }

@@ -79,7 +79,6 @@ void AddRenew(CLI::App &app, RenewOptions &options, Verb &verb)
     command
         ->add_option("--name", options.names,
                      "A host name or address that it is for, instead of the old ones")
-        ->expected(1)
         ->allow_extra_args(false);
     command->add_flag("--check", options.onlyCheck, "Only tell, with status 1, that it is due");
     command->add_flag("--json", options.asJson, kJsonText);
