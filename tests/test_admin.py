@@ -5,41 +5,25 @@ from pathlib import Path
 import pytest
 from conftest import A, D, P, ROW, S
 
-# A root, a CA below it, and what they have signed: NAME.pem and NAME.key. The fields: name, issuer, first and last day
-# from now, key.
-MAKE = """
-echo "[ca]\ndefault_ca=d\n[d]\ndatabase=index\nnew_certs_dir=.\ndefault_md=sha256\npolicy=p\nrand_serial=yes\nunique_subject=no
-copy_extensions=copy\n[p]\ncommonName=supplied\n[req]\ndistinguished_name=n\n[n]" >cfg
-: >index
+# A root, a CA below it (mid), and what they sign, as NAME.pem and NAME.key: name, issuer, first and last day, kind.
+MAKE = r"""
+printf '[ca]\ndefault_ca=d\n[d]\ndatabase=index\nnew_certs_dir=.\ndefault_md=sha256\npolicy=p\nrand_serial=yes\n' >cfg
+printf 'copy_extensions=copy\n[p]\ncommonName=supplied\n[req]\ndistinguished_name=n\n[n]\n' >>cfg; : >index
 day() { date -u -d "$1 days" +%Y%m%d%H%M%SZ; }
-while read -r name issuer from to key; do
-    type=CA:false; case $name in root|mid) type=critical,CA:true;; esac
-    openssl req -new -config cfg -newkey ${key%%_*} -pkeyopt $key -nodes -keyout $name.key -out csr -subj "/CN=$name" \
-        -addext subjectAltName=DNS:kestrel -addext basicConstraints=$type
-    sign="-cert $issuer.pem -keyfile $issuer.key"; [ $name != $issuer ] || sign="-selfsign -keyfile $name.key"
-    openssl ca -batch -notext -config cfg $sign -startdate $(day $from) -enddate $(day $to) -in csr -out $name.pem
-done <<-LIST
-	root root -9 999 ec_paramgen_curve:P-256
-	mid root -9 999 ec_paramgen_curve:P-256
-	good root -9 99 ec_paramgen_curve:P-256
-	leaf mid -9 99 ec_paramgen_curve:P-256
-	rsa mid -9 99 rsa_keygen_bits:2048
-	ended root -9 -1 ec_paramgen_curve:P-256
-	future root 1 99 ec_paramgen_curve:P-256
-	soon root -9 9 ec_paramgen_curve:P-256
-	other other -9 99 ec_paramgen_curve:P-256
-LIST
-openssl pkey -aes128 -passout pass:x -in leaf.key -out locked.key
-openssl genpkey -algorithm ed25519 -out ed.key
-openssl x509 -in leaf.pem -outform DER -out der; head -c 300 leaf.pem >cut; head -c 1048577 /dev/zero >big
-cat leaf.key other.key >two; printf %s "$(cat leaf.pem)" >bare; cat root.pem mid.pem leaf.pem >reversed
-cat root.pem leaf.key leaf.pem mid.pem >all; sed 's/$/\\r/' all >dos
-"""
-PUT = """put() { for f in cert fullchain; do cat $ROW/$1.pem >${2-c}/$f.pem; done; cat $ROW/$1.key >${2-c}/privkey.pem; }
-edit() { jq -c "$2" $1 >$ROW/book; cat $ROW/book >$1; }
-"""
-
-
+make() { sign="-cert $2.pem -keyfile $2.key"; [ $1 != $2 ] || sign="-selfsign -keyfile $1.key"
+    openssl req -new -config cfg -newkey ${6-ec} -pkeyopt ${7-ec_paramgen_curve:P-256} -nodes -keyout $1.key -out csr \
+        -subj /CN=$1 -addext subjectAltName=DNS:kestrel -addext basicConstraints=CA:${5-false}
+    openssl ca -batch -notext -config cfg $sign -startdate $(day $3) -enddate $(day $4) -in csr -out $1.pem; }
+make root root -9 999 true; make mid root -9 999 true; make good root -9 99; make leaf mid -9 99
+make rsa mid -9 99 false rsa rsa_keygen_bits:2048; make ended root -9 -1; make future root 1 99; make soon root -9 9
+make other other -9 99; openssl pkey -aes128 -passout pass:x -in leaf.key -out locked.key
+openssl genpkey -algorithm ed25519 -out ed.key; openssl x509 -in leaf.pem -outform DER -out der
+head -c 300 leaf.pem >cut; head -c 1048577 /dev/zero >big; cat leaf.key other.key >two
+printf %s "$(cat leaf.pem)" >bare; cat root.pem mid.pem leaf.pem >reversed
+cat root.pem leaf.key leaf.pem mid.pem >all; sed 's/$/\r/' all >dos"""
+PUT = """put() { for f in cert fullchain; do cat $ROW/$1.pem >${2-c}/$f.pem; done
+    cat $ROW/$1.key >${2-c}/privkey.pem; }
+edit() { jq -c "$2" $1 >$ROW/book; cat $ROW/book >$1; }\n"""
 DONE = "p/web: has c, and its hook has run\np/mail: has c, and its hook has run\n"
 
 
@@ -55,9 +39,9 @@ def certificates():
 def store(w):
     for name, content in certificates().items():
         (ROW / name).write_bytes(content)
-    w.sh(f"{PUT} put good; cp $ROW/root.pem c/opal-ca-cert.pem")
+    w.sh(f"{PUT} put good; cp $ROW/root.pem c/opal-ca-cert.pem; echo 0 >$ROW/end")
     w.define("p", {"service": "web", "display_name": "The web", "multiple_cert": True}, "mail")
-    w.sh("opalcrtregister p; echo 0 >$ROW/end")
+    w.sh("opalcrtregister p")
     w.replace("/usr/bin/systemctl", "echo $* >>/run/row/ran")
     (D / "p").write_text("#!/bin/sh\necho hook $1 >>/run/row/ran; exit $(cat /run/row/end)\n")
     (D / "p").chmod(0o755)
@@ -76,19 +60,16 @@ def stores(w):
 
 
 def codes(report):
-    parts = [
-        report,
-        *report["certificates"],
-        *(each for crt in report["certificates"] for each in crt["services"]),
-    ]
-    return sorted((finding["severity"], finding["code"]) for part in parts for finding in part["findings"])
+    certificates = report.get("certificates", [])
+    parts = [report, *certificates, *(service for crt in certificates for service in crt["services"])]
+    return sorted((each["severity"], each["code"]) for part in parts for each in part["findings"])
 
 
 def status(w, arguments=""):
     before, command = every_bit(), f"opalcrt status {arguments}"
     said = w.run(f"{command} >$ROW/text & {command} --json; s=$?; wait $!; exit $s")
-    assert every_bit() == before and not said.log
-    assert said.out.startswith('{"format":1,"') and said.out.count("\n") == 1
+    assert every_bit() == before and not said.log and said.out.count("\n") == 1
+    assert said.out.startswith('{"format":1,"')
     return said.status, json.loads(said.out), (ROW / "text").read_text()
 
 
@@ -100,59 +81,36 @@ def test_status_tells_what_there_is(store):
     day = 'date -u -d "$(openssl x509 -in c/cert.pem -noout -%sdate | cut -d= -f2)" +%%FT%%TZ;'
     look = "openssl x509 -in c/cert.pem -outform DER | sha256sum | cut -c-64"
     begin, end, sha256 = store.sh(day % "start" + day % "end" + look).split()
+    names = dict(id="c", default=True, self_made=True, subject="CN=good", names=["kestrel"], sha256=sha256)
     same = {"subscriber": "p", "state": "current", "findings": []}
     services = [{**same, "service": name, "folder": f"{P}/p/{name}"} for name in ("web", "mail")]
-    facts = {
-        "id": "c",
-        "default": True,
-        "self_made": True,
-        "subject": "CN=good",
-        "names": ["kestrel"],
-        "findings": [],
-    }
-    assert crt == {**facts, "not_before": begin, "not_after": end, "sha256": sha256, "services": services}
+    assert crt == {**names, "not_before": begin, "not_after": end, "findings": [], "services": services}
     assert text == "ok: 1 certificates, 2 services\nc: default, self-made, CN=good, for kestrel, ends " + (
         f"{end}, 98 days left\n  p/web: current, {P}/p/web\n  p/mail: current, {P}/p/mail\n"
     )
     assert status(store, "--days 100 c")[0] == 1 and status(store, "c")[0] == 0
 
 
-CRITICAL = """expired not-yet-valid key-mismatch incomplete unreadable chain-mismatch copy-missing copy-mismatch copy-exposed
-    default-unusable book-broken""".split()
 # fmt: off
-FAULTS = [
-    ("put ended", "expired old-copy old-copy"),
-    ("put future", "not-yet-valid old-copy old-copy"),
-    ("put soon", "expires-soon old-copy old-copy"),
-    ("cat $ROW/other.key >c/privkey.pem", "key-mismatch old-copy old-copy"),
-    ("rm c/privkey.pem", "incomplete old-copy old-copy"),
-    ("rm -r c", "default-unusable incomplete old-copy old-copy"),
-    ("echo x >c/cert.pem", "unreadable old-copy old-copy"),
-    ("rm c/cert.pem; mkfifo c/cert.pem", "unreadable old-copy old-copy"),
-    ("cat $ROW/locked.key >c/privkey.pem", "unreadable old-copy old-copy"),
-    ("printf %s \"$(cat c/cert.pem)\" | cat - $ROW/root.pem >c/fullchain.pem", "unreadable old-copy old-copy"),
-    ("cat $ROW/other.pem >c/fullchain.pem", "chain-mismatch old-copy old-copy"),
-    ("rm $P/p/web/privkey.pem", "copy-missing"),
-    ("rm $P/p/web/info", "copy-missing"),
-    ("rm -r $P/p/web", "copy-missing"),
-    ("cat $ROW/other.key >$P/p/web/privkey.pem", "copy-mismatch old-copy"),
-    ("put other $P/p/web", "old-copy"),
-    ("put ended $P/p/web", "expired old-copy"),
-    ("chmod 0440 $P/p/web/privkey.pem", "copy-exposed"),
-    ("chown opalmail $P/p/web/privkey.pem", "copy-exposed"),
-    ("echo z >DEFAULT", "default-unusable"),
-    ("rm DEFAULT", "default-unusable"),
-    ("edit INFO '.c.services += [5]'", "book-broken"),
-    ("edit INFO '.d = 5'", "book-broken"),
-    ("rm SERVICES", "book-broken"),
-    ("echo { >INFO", "book-broken default-unusable not-in-info not-in-info orphan-folder orphan-folder orphan-folder"),
-    ("echo '{\"is_broken\": true}' >c/cert_info", "mended"),
-    ("touch c/.mending", "mend-unfinished"),
+CRITICAL = """expired not-yet-valid key-mismatch incomplete unreadable chain-mismatch copy-missing copy-mismatch
+    copy-exposed default-unusable book-broken""".split()
+FAULTS = [  # The services' copies are old where the archive's folder was changed.
+    ("put ended", "expired/"), ("put future", "not-yet-valid/"), ("put soon", "expires-soon/"),
+    ("cat $ROW/other.key >c/privkey.pem", "key-mismatch/"), ("rm c/privkey.pem", "incomplete/"),
+    ("echo x >c/cert.pem", "unreadable/"), ("rm c/cert.pem; mkfifo c/cert.pem", "unreadable/"),
+    ("cat $ROW/locked.key >c/privkey.pem", "unreadable/"), ("rm -r c", "default-unusable incomplete/"),
+    ('printf %s "$(cat c/cert.pem)" | cat - $ROW/root.pem >c/fullchain.pem', "unreadable/"),
+    ("cat $ROW/other.pem >c/fullchain.pem", "chain-mismatch/"), ("rm $P/p/web/privkey.pem", "copy-missing"),
+    ("rm -r $P/p/web", "copy-missing"), ("cat $ROW/other.key >$P/p/web/privkey.pem", "copy-mismatch old-copy"),
+    ("put other $P/p/web", "old-copy"), ("put ended $P/p/web", "expired old-copy"),
+    ("chmod 0440 $P/p/web/privkey.pem", "copy-exposed"), ("chown opalmail $P/p/web/privkey.pem", "copy-exposed"),
+    ("echo z >DEFAULT", "default-unusable"), ("rm DEFAULT", "default-unusable"), ("rm SERVICES", "book-broken"),
+    ("edit INFO '.c.services += [5]'", "book-broken"), ("edit INFO '.d = 5'", "book-broken"),
+    ("echo { >INFO", "book-broken default-unusable" + " not-in-info" * 2 + " orphan-folder" * 3),
+    ("echo '{\"is_broken\": true}' >c/cert_info", "mended"), ("touch c/.mending", "mend-unfinished"),
     ("cp -a c d; edit INFO '.d.services = [.c.services[0]]'", "listed-twice listed-twice"),
-    ("edit SERVICES '.[:1]'", "not-in-services"),
-    ("edit SERVICES '. + [.[0] | .service = \"x\"]'", "not-in-info"),
-    ("mkdir .c.new $P/p/old", "orphan-folder orphan-folder"),
-    ("mv c cc; ln -s cc c", "mended-for-ever orphan-folder"),
+    ("edit SERVICES '.[:1]'", "not-in-services"), ("mv c cc; ln -s cc c", "mended-for-ever orphan-folder"),
+    ("edit SERVICES '. + [.[0] | .service = \"x\"]'", "not-in-info"), ("mkdir .c.new $P/p/old", "orphan-folder " * 2),
     ("echo '{\"key_types\": \"ECC\"}' >c/renew.json", "mended-for-ever old-copy"),
 ]
 # fmt: on
@@ -162,80 +120,65 @@ FAULTS = [
 def test_status_finds(store, fault, found):
     store.sh(f"{PUT} set -e; {fault}")
     ended, report, text = status(store)
-    right = sorted(("critical" if code in CRITICAL else "warning", code) for code in found.split())
-    assert sorted(codes(report)) == right and ended == (2 if right[0][0] == "critical" else 1)
+    found = found.replace("/", " old-copy old-copy").split()
+    right = sorted(("critical" if code in CRITICAL else "warning", code) for code in found)
+    assert codes(report) == right and ended == (2 if right[0][0] == "critical" else 1)
     assert report["worst"] == right[0][0] == text.split(":")[0]
     assert all(f"{severity} {code}: " in text for severity, code in right)
-    for each in [each for crt in report["certificates"] for each in crt["services"]]:
-        states = [finding["code"] for finding in each["findings"] if "copy" in finding["code"]]
-        assert each["state"] in states if states else each["state"] == "current"
+    for service in [each for crt in report["certificates"] for each in crt["services"]]:
+        states = [each["code"] for each in service["findings"] if "copy" in each["code"]] or ["current"]
+        assert service["state"] in states
 
 
 def test_status_is_json_whatever_the_books_hold(store):
-    entry = b'{"services": [{"subscriber": "\xff", "service": "\x1b[2J"}, {"subscriber": "p\xff\x1b", "service": "x"}]}'
-    (A / "INFO").write_bytes(b'{"c": {"services": []}, "\xff": %s, "x\xe9": {}}' % entry)
+    services = b'[{"subscriber": "\xff", "service": "\x1b["}, {"subscriber": "p\xff\x1b", "service": "x"}]'
+    (A / "INFO").write_bytes(b'{"c": {"services": []}, "\xff": {"services": %s}, "x\xe9": {}}' % services)
     ended, report, text = status(store)
     assert ended == 2 and len(report["certificates"]) == 3 and "\x1b" not in text
 
 
 # fmt: off
-@pytest.mark.parametrize("scene, command, ended, text", [
-    ("", "opalcrt status nobody", 3, "opalcrt: $A/INFO lists no certificate nobody\n"),
-    ("rm INFO", "opalcrt status", 3, "opalcrt: cannot read $A/INFO: No such file or directory\n"),
-    ("", "setpriv --reuid=opalweb --clear-groups opalcrt status", 3, "opalcrt: only root can read the keys\n"),
-    ("", "setpriv --reuid=opalweb --clear-groups opalcrt default c", 1, "opalcrt: only root can do this\n"),
-    ("", "opalcrt status >/dev/full", 3, ""), ("", "opalcrt default", 0, "c\n"),
-    ("", "opalcrt --help | grep -c '^  [a-z]'", 0, "7\n"), ("", "opalcrt --version | grep -c '^opalcrt [0-9]'", 0, "1\n"),
-    *[("", f"opalcrt {usage} 2>&1 | head -c0; opalcrt {usage} >/dev/null 2>&1", 64, "") for usage in (
-        "", "nothing", "status --days -1", "install", "install c --key x", "install c --key x --cert x --cert y",
-        "assign c", "renew --days x", "deploy c d", "init c", "default c d")],
+AS_WEB = "setpriv --reuid=opalweb --clear-groups opalcrt"
+@pytest.mark.parametrize("command, ended, out", [
+    ("opalcrt status x", 3, "opalcrt: $A/INFO lists no certificate x\n"), ("opalcrt status >/dev/full", 3, ""),
+    ("rm INFO; opalcrt status", 3, "opalcrt: cannot read $A/INFO: No such file or directory\n"),
+    (f"{AS_WEB} status", 3, "opalcrt: only root can read the keys\n"), ("opalcrt default", 0, "c\n"),
+    (f"{AS_WEB} default c", 1, "opalcrt: only root can do this\n"), ("opalcrt --help | grep -c '^  [a-z]'", 0, "7\n"),
+    *[(f"opalcrt {usage} >/dev/null 2>&1", 64, "") for usage in (
+        "", "nothing", "status --days -1", "install c --key x", "install c --key x --cert x --cert y", "assign c",
+        "renew --days x", "deploy c d", "init c", "default c d")],
 ])
 # fmt: on
-def test_the_command_line(store, scene, command, ended, text):
-    said = store.run(f"{scene}\n{command}")
-    assert (said.status, said.out.replace(str(A), "$A")) == (ended, text)
+def test_the_command_line(store, command, ended, out):
+    said = store.run(command)
+    assert (said.status, said.out.replace(str(A), "$A")) == (ended, out)
 
 
-LEAF = "--key leaf.key --cert leaf.pem --chain mid.pem"
 # fmt: off
-REFUSALS = [
-    ("c --key no --cert none", "unreadable unreadable"),
-    ("c --key big --cert /dev/null --chain ended.pem", "unreadable unreadable"),
-    ("c --key leaf.pem --cert leaf.key", "no-pem no-pem"),
-    ("c --key two --cert cut --chain der", "no-pem no-pem no-pem"),
-    ("c --key locked.key --cert leaf.pem --chain mid.pem", "key-encrypted"),
-    ("c --key ed.key --cert leaf.pem", "key-type"),
+LEAF = "--key leaf.key --cert leaf.pem --chain mid.pem"
+SCENES = {"folder-exists": "mkdir d", "id-too-long": "echo 0123456789abcdef >DEFAULT", "book-broken": "echo >INFO"}
+@pytest.mark.parametrize("arguments, wrong", [
+    ("c --key no --cert none", "unreadable unreadable"), ("c --key leaf.pem --cert leaf.key", "no-pem no-pem"),
+    ("c --key big --cert /dev/null --chain ended.pem", "unreadable unreadable"), (f"x {LEAF}", "no-such-id"),
+    ("c --key two --cert cut --chain der", "no-pem no-pem no-pem"), (f"c --new {LEAF}", "in-info"),
+    ("c --key locked.key --cert leaf.pem", "key-encrypted"), ("c --key ed.key --cert leaf.pem", "key-type"),
     ("c --key leaf.key --cert leaf.pem --key other.key --cert other.pem", "key-type"),
-    ("c --key other.key --cert leaf.pem --chain mid.pem", "key-mismatch"),
-    ("c --key ended.key --cert ended.pem --chain root.pem", "expired"),
-    ("c --key future.key --cert future.pem --chain root.pem", "not-yet-valid"),
-    ("c --key leaf.key --cert leaf.pem --chain root.pem", "chain-broken"),
-    ("c --key leaf.key --cert leaf.pem --chain mid.pem --chain other.pem", "chain-broken"),
-    ("x --key ended.key --cert ended.pem --chain other.pem", "no-such-id expired chain-broken"),
-    (f"x {LEAF}", "no-such-id"), (f"c --new {LEAF}", "in-info"), (f"d --new {LEAF}", "folder-exists"),
-    *[(f"{id} --new {LEAF}", "bad-id") for id in ("../c", "a/b", ".x", "''", "INFO", "DEFAULT.new", "'a\nb'", "0" * 251)],
+    ("c --key other.key --cert leaf.pem --chain mid.pem", "key-mismatch"), (f"d --new {LEAF}", "folder-exists"),
+    ("c --key ended.key --cert ended.pem", "expired"), ("c --key future.key --cert future.pem", "not-yet-valid"),
+    ("c --key leaf.key --cert leaf.pem --chain root.pem", "chain-broken"), (f"c {LEAF}", "book-broken"),
+    ("x --key ended.key --cert ended.pem --chain other.pem", "chain-broken expired no-such-id"),
     (f"0123456789abcdef {LEAF}", "id-too-long no-such-id"),
-    (f"c {LEAF}", "book-broken"),
-]
+    *[(f"'{id}' --new {LEAF}", "bad-id") for id in ("../c", "a/b", ".x", "", "INFO", "DEFAULT.new", "a\nb", "0" * 251)],
+])
 # fmt: on
-
-
-SCENES = {
-    "folder-exists": "mkdir d",
-    "id-too-long": "echo 0123456789abcdef >DEFAULT",
-    "book-broken": "echo >INFO",
-}
-
-
-@pytest.mark.parametrize("arguments, wrong", REFUSALS)
 def test_install_refuses(store, arguments, wrong):
     store.sh(SCENES.get(wrong.split()[0], ""))
     before, install = stores(store), f"opalcrt install {arguments}"
     said = store.run(f"cd $ROW; {install} --check 2>first; {install} --json 2>lines")
     critical = [each for each in json.loads(said.out)["findings"] if each["severity"] == "critical"]
-    assert said.status == 1 and sorted(each["code"] for each in critical) == sorted(wrong.split())
+    assert said.status == 1 and sorted(each["code"] for each in critical) == wrong.split()
     lines = (ROW / "lines").read_text()
-    assert all(f": {each['text'].translate({10: '?'})}\n" in lines for each in critical)
+    assert all(f": {each['text']}\n".replace("a\nb", "a?b") in lines for each in critical)
     assert lines == (ROW / "first").read_text() and stores(store) == before
 
 
@@ -243,13 +186,9 @@ def test_install_refuses(store, arguments, wrong):
 def served(folder, prefix=""):
     server = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     server.load_cert_chain(f"{folder}/{prefix}fullchain.pem", f"{folder}/{prefix}privkey.pem")
-    client, there, back = (
-        ssl.create_default_context(cafile=ROW / "root.pem"),
-        ssl.MemoryBIO(),
-        ssl.MemoryBIO(),
-    )
-    asking = client.wrap_bio(back, there, server_hostname="kestrel")
-    for end in (asking, server.wrap_bio(there, back, server_side=True), asking):
+    client, to, back = ssl.create_default_context(cafile=ROW / "root.pem"), ssl.MemoryBIO(), ssl.MemoryBIO()
+    asking = client.wrap_bio(back, to, server_hostname="kestrel")
+    for end in (asking, server.wrap_bio(to, back, server_side=True), asking):
         try:
             end.do_handshake()
         except ssl.SSLWantReadError:
@@ -259,14 +198,14 @@ def served(folder, prefix=""):
 
 # fmt: off
 TWO = "--key rsa.key --cert rsa.pem --chain mid.pem --key leaf.key --cert bare"
-@pytest.mark.parametrize("files, used, chain", [
-    (LEAF, {"": "leaf"}, "mid"), ("--key leaf.key --cert bare --chain mid.pem", {"": "leaf"}, "mid"),
-    ("--key leaf.key --cert reversed", {"": "leaf"}, "mid root"), ("--key all --cert all", {"": "leaf"}, "mid root"),
-    ("--key dos --cert dos", {"": "leaf"}, "mid root"), (TWO, {"RSA-": "rsa", "ECC-": "leaf"}, "mid"),
+@pytest.mark.parametrize("files, chain", [
+    (LEAF, "mid"), ("--key leaf.key --cert bare --chain mid.pem", "mid"), (TWO, "mid"),
+    ("--key leaf.key --cert reversed", "mid root"), ("--key all --cert all", "mid root"),
+    ("--key dos --cert dos", "mid root"),
 ])
 # fmt: on
-def test_install_takes(store, files, used, chain):
-    before = every_bit()
+def test_install_takes(store, files, chain):
+    before, used = every_bit(), {"RSA-": "rsa", "ECC-": "leaf"} if files == TWO else {"": "leaf"}
     assert store.run(f"cd $ROW; opalcrt install c {files} --check").out.endswith("c: can be installed\n")
     assert every_bit() == before
     said = store.run(f"cd $ROW; opalcrt install c {files}; cat ran; ls -d $A/.c* 2>/dev/null")
@@ -287,7 +226,7 @@ def test_install_warns_and_installs(store):
     store.crt("c")  # whose name is c
     said = store.run("cd $ROW; opalcrt install c --key soon.key --cert soon.pem --json")
     right = [("warning", code) for code in ("chain-unknown", "expires-soon", "name-lost")]
-    assert said.status == 0 and codes({**json.loads(said.out), "certificates": []}) == right
+    assert said.status == 0 and codes(json.loads(said.out) | {"services": []}) == right
 
 
 def test_install_makes_a_new_certificate_and_ends_what_was_cut_off(store):
@@ -297,13 +236,10 @@ def test_install_makes_a_new_certificate_and_ends_what_was_cut_off(store):
         assert sorted(os.listdir(A)) == ["DEFAULT", "INFO", "SERVICES", "c", "n"]
 
 
-@pytest.mark.parametrize(
-    "error, text", [("EINVAL", "exchanges no folders in one step"), ("EIO", "cannot replace")]
-)
-def test_install_is_refused_where_the_folders_cannot_be_exchanged(store, error, text):
-    before, files = stores(store), "--key $ROW/leaf.key --cert $ROW/leaf.pem"
-    said = store.run(f"opalcrt install c {files}", inject=f"renameat2:error={error}")
-    assert said.status == 1 and text in said.out and stores(store) == before
+def test_install_is_refused_where_folders_cannot_be_exchanged(store):
+    before, install = stores(store), "opalcrt install c --key $ROW/leaf.key --cert $ROW/leaf.pem"
+    said = store.run(install, inject="renameat2:error=EINVAL")
+    assert said.status == 1 and "exchanges no folders in one step" in said.out and stores(store) == before
 
 
 @pytest.mark.parametrize(
@@ -315,11 +251,8 @@ def test_a_failed_roll_out_is_told(store, verb):
     assert json.loads(said.out)["services"] == [{**same, "service": each} for each in ("web", "mail")]
     owner = "edit $A/INFO '.c.services[0].owner = \"nobody-knows\"'"
     again = store.run(f"cd $ROW; {PUT} {owner}; echo 0 >end; opalcrt {verb}")
-    assert (
-        said.status == again.status == 3
-        and "p/web: failed;" in again.out
-        and DONE.split("\n")[1] in again.out
-    )
+    assert said.status == again.status == 3 and "p/web: failed;" in again.out
+    assert DONE.split("\n")[1] in again.out
 
 
 def test_deploy_copies_again_what_info_lists(store):
@@ -328,13 +261,10 @@ def test_deploy_copies_again_what_info_lists(store):
     )
     store.sh(f"{PUT} edit INFO '.d.services = [.c.services[1]]'; cp INFO SERVICES $ROW")
     store.ok("opalcrt deploy d; ls $P/p", out="done\nweb\n")  # c lists mail first.
-    store.ok("opalcrt deploy; for book in INFO SERVICES; do cmp $book $ROW/$book; done", out=f"{DONE}done\n")
-    store.sh(f"cmp c/cert.pem $P/p/mail/cert.pem; {PUT} edit INFO '.d.services = [] | .c.services |= .[:1]'")
-    assert codes(status(store)[1]) == [("warning", "not-in-info"), ("warning", "orphan-folder")]
-    store.sh(
-        f"{PUT} edit INFO '.d.services = [.c.services[0] | .service = \"x\"]'; rm d/cert.pem; : >$ROW/ran"
-    )
-    before, ran = stores(store), "hook web\nreload opalrelayd\n"
+    store.ok("opalcrt deploy; cmp INFO $ROW/INFO; cmp c/cert.pem $P/p/mail/cert.pem", out=f"{DONE}done\n")
+    store.sh(f"{PUT} edit INFO '.d.services[0].service = \"x\"'; rm d/cert.pem; : >$ROW/ran")
+    assert [each["state"] for each in status(store, "c")[1]["certificates"][0]["services"]] == ["current"] * 2
+    before, ran = stores(store), "hook web\nhook mail\nreload opalrelayd\n"
     for command, ended, wanted in [("deploy x", 1, ""), ("deploy d", 1, ""), ("deploy", 3, ran)]:
         assert store.run(f"opalcrt {command}").status == ended and (ROW / "ran").read_text() == wanted
     assert stores(store) == before
@@ -369,9 +299,8 @@ def test_default_is_what_a_registration_can_use(store):
     ("", "c --days 100 --check", 1, "c: due\n"), ("", "--name nas --check", 1, "c: due\n"),
     ("put other", "", 0, "c: left alone, it is not"), ("rm c/opal-ca-cert.pem", "--days 400", 0, "c: left alone, it"),
     ("", "x", 1, 'opalcrt: there is no certificate "x"'), (": >DEFAULT", "", 1, "opalcrt: there is no certificate"),
-    ("rm c/cert.pem", "", 1, "opalcrt: the certificate c cannot be read"),
+    ("", "--name " + "a." * 32 + "b", 1, "opalcrt: the first"), ("rm c/cert.pem", "", 1, "opalcrt: the certificate c"),
     *[("", f"--name ok --name '{name}'", 1, f'opalcrt: "{name}" is neither') for name in ("a b", "a;b", "-a", "a/b")],
-    ("", "--name " + "a." * 32 + "bc", 1, "opalcrt: the first name must have 1 to 64"),
 ])
 # fmt: on
 def test_renew_leaves_alone(store, scene, arguments, ended, text):
@@ -381,22 +310,15 @@ def test_renew_leaves_alone(store, scene, arguments, ended, text):
 
 
 @pytest.mark.slow
-@pytest.mark.parametrize(
-    "scene, names", [("put soon", ["kestrel"]), ("put good", ["nas.example", "192.0.2.7"])]
-)
+@pytest.mark.parametrize("scene, names", [("soon", ["kestrel"]), ("good", ["nas.example", "192.0.2.7"])])
 def test_renew_makes_a_new_set_and_gives_it_to_all(store, scene, names):
-    store.sh(f"{PUT} {scene}; touch c/left-over")
-    given = " ".join(f"--name {name}" for name in names if scene == "put good")
+    store.sh(f"{PUT} put {scene}; touch c/left-over")
+    given = " ".join(f"--name {name}" for name in names if scene == "good")
     store.ok(f"opalcrt renew {given}", out=f"c: renewed, for {', '.join(names)}\n{DONE}c: done\n")
     store.sh("cmp c/cert.pem $P/p/mail/cert.pem; openssl verify -CAfile c/opal-ca-cert.pem $P/p/web/cert.pem")
     ended, report, _ = status(store)
     (crt,) = report["certificates"]
-    assert (
-        ended == 0
-        and crt["names"] == names
-        and crt["subject"].endswith(f"CN={names[0]}")
-        and crt["self_made"]
-    )
+    assert (ended, crt["names"], crt["self_made"]) == (0, names, True) and crt["subject"].endswith(names[0])
     assert 365 < crt["seconds_left"] / 86400 <= 366 and not {"left-over", "cert_info"} & {
         *os.listdir(A / "c")
     }
