@@ -74,22 +74,19 @@ bool IsUsableCrt(const std::string &cert_id, const Json::Value &info)
                   " lacks files or is being mended; see opalcrt status, or install it anew");
 }
 
-bool PrintDefault()
+int Default(const Options &options)
 {
-    const std::string cert_id = ReadDefaultId();
+    const std::string &cert_id = options.id;
+    const std::string old_id = ReadDefaultId();
     if (cert_id.empty()) {
-        return Refuse(std::string(kDefaultPath) + " names no certificate; set one with opalcrt default ID");
+        Say(old_id.empty(), old_id);
+        return old_id.empty() ? Refuse(std::string(kDefaultPath) + " names none; set one: opalcrt default ID")
+                              : kDone;
     }
-    Say(false, cert_id);
-    return true;
-}
-
-bool SetDefault(const std::string &cert_id)
-{
     const RecoverLock lock;
     Json::Value info;
     if (!lock || !ReadInfo(info) || !IsUsableCrt(cert_id, info)) {
-        return false;
+        return kRefused;
     }
     if (cert_id.size() > kLongestDefaultId || cert_id.find('\n') != std::string::npos) {
         return Refuse(cert_id + " cannot be the default certificate: its id has more than 15 bytes");
@@ -98,7 +95,7 @@ bool SetDefault(const std::string &cert_id)
         return RefuseCall(std::string("cannot write ") + kDefaultPath);
     }
     Say(false, cert_id + ": the certificate of new services");
-    return true;
+    return kDone;
 }
 
 }  // namespace opalcrt

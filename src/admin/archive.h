@@ -36,9 +36,4 @@ bool ReadInfo(Json::Value &info);
 // Whether INFO lists the certificate and its folder is complete, as it is, without a mend. False, told.
 bool IsUsableCrt(const std::string &cert_id, const Json::Value &info);
 
-// `opalcrt default`: prints the id of the certificate that new services get; or makes it another one, if a registration
-// could use it. False, told.
-bool PrintDefault();
-bool SetDefault(const std::string &cert_id);
-
 }  // namespace opalcrt

@@ -9,6 +9,7 @@
 #include <regex>
 #include <string_view>
 
+#include "admin/report.h"
 #include "platform/string_list.h"
 
 namespace opalcrt {
@@ -168,6 +169,20 @@ std::string ToTimeText(time_t time)
     char text[32] = {};
     strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&time, &parts));
     return text;
+}
+
+void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings)
+{
+    const time_t now = time(nullptr);
+    const time_t begin = ToTime(X509_get0_notBefore(&crt));
+    const time_t end = ToTime(X509_get0_notAfter(&crt));
+    if (end < now) {
+        Add(findings, "expired", what + " has ended: " + ToTimeText(end));
+    } else if (begin > now) {
+        Add(findings, "not-yet-valid", what + " begins " + ToTimeText(begin) + "; is the clock right?");
+    } else if (end - now < days * kDaySeconds) {
+        Add(findings, "expires-soon", what + " ends soon: " + ToTimeText(end));
+    }
 }
 
 // OpenSSL keeps what it has worked out of a certificate inside it, so these of its functions take no const.

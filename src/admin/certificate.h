@@ -1,6 +1,7 @@
 // Certificates, keys and chains as PEM, and what they say. Nothing here logs or asks for a password.
 #pragma once
 
+#include <json/value.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
@@ -41,6 +42,9 @@ constexpr time_t kDaySeconds = 24L * 60 * 60;
 
 // RFC 3339, in UTC.
 std::string ToTimeText(time_t time);
+
+// Adds to `findings` (admin/report.h) that it has ended, has not begun, or has less than so many days left.
+void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings);
 
 // Whether the issuer's name and key made this signature.
 bool IsSignedBy(const X509 &crt, const X509 &issuer);

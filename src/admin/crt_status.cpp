@@ -22,18 +22,6 @@ namespace opalcrt {
 
 namespace {
 
-void AddTimeFinding(const std::string &file, const X509 &crt, const StoreFacts &facts, Json::Value &findings)
-{
-    const CrtFacts times = DescribeCrt(crt);
-    if (times.notAfter < facts.now) {
-        AddFinding(findings, "expired", file + " has ended: " + ToTimeText(times.notAfter));
-    } else if (times.notBefore > facts.now) {
-        AddFinding(findings, "not-yet-valid", file + " has not begun: " + ToTimeText(times.notBefore));
-    } else if (times.notAfter - facts.now < facts.days * kDaySeconds) {
-        AddFinding(findings, "expires-soon", file + " ends soon: " + ToTimeText(times.notAfter));
-    }
-}
-
 // What is wrong with one certificate of the archive's folder, its key and its chain. Answers the certificate.
 UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, const StoreFacts &facts,
                                Json::Value &findings)
@@ -41,7 +29,7 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, co
     const auto text = [&](const char *name) -> const std::string & {
         const FileLook &file = folder.File(prefix + name);
         if (file.error != 0 && file.error != ENOENT) {
-            AddFinding(findings, "unreadable", prefix + name + ": " + strerror(file.error));
+            Add(findings, "unreadable", prefix + name + ": " + strerror(file.error));
         }
         return file.text;
     };
@@ -50,27 +38,27 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, co
     const UniqueOpenSSL<EVP_PKEY> key = FirstKey(text("privkey.pem"));
     const std::string &chain = text("fullchain.pem");
     if (crt == nullptr && isThere("cert.pem")) {
-        AddFinding(findings, "unreadable", prefix + "cert.pem holds no certificate");
+        Add(findings, "unreadable", prefix + "cert.pem holds no certificate");
     }
     if (key == nullptr && isThere("privkey.pem")) {
-        AddFinding(findings, "unreadable", prefix + "privkey.pem holds no key without a password");
+        Add(findings, "unreadable", prefix + "privkey.pem holds no key without a password");
     }
     if (chain.find("----------BEGIN") != std::string::npos) {
-        AddFinding(findings, "unreadable",
-                   prefix + "fullchain.pem has two blocks on one line, as no server reads it");
+        Add(findings, "unreadable",
+            prefix + "fullchain.pem has two blocks on one line, as no server reads it");
     }
     if (crt == nullptr) {
         return nullptr;
     }
     if (key != nullptr && !IsKeyOf(*key, *crt)) {
-        AddFinding(findings, "key-mismatch", prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
+        Add(findings, "key-mismatch", prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
     }
-    AddTimeFinding(prefix + "cert.pem", *crt, facts, findings);
+    AddTimeFinding(prefix + "cert.pem", *crt, facts.days, findings);
     if (isThere("fullchain.pem") && !chain.starts_with(text("cert.pem"))) {
         const UniqueOpenSSL<X509> first = FirstCrt(chain);
         if (first == nullptr || X509_cmp(first.get(), crt.get()) != 0) {
-            AddFinding(findings, "chain-mismatch",
-                       prefix + "fullchain.pem does not begin with " + prefix + "cert.pem");
+            Add(findings, "chain-mismatch",
+                prefix + "fullchain.pem does not begin with " + prefix + "cert.pem");
         }
     }
     return crt;
@@ -82,26 +70,23 @@ void LookAtCrtFolder(const std::string &path, FolderLook &folder, const std::vec
 {
     std::error_code error;
     if (const auto real = std::filesystem::canonical(path, error); !error && real != path) {
-        AddFinding(findings, "mended-for-ever",
-                   path + " is a link: every registration makes a new certificate");
+        Add(findings, "mended-for-ever", path + " is a link: every registration makes a new certificate");
     }
     if (const std::string missing = folder.ListMissingFiles(""); !missing.empty()) {
-        AddFinding(findings, "incomplete",
-                   path + " lacks " + missing + ": a registration makes a new certificate");
+        Add(findings, "incomplete", path + " lacks " + missing + ": a registration makes a new certificate");
     }
     for (const std::string &prefix : prefixes) {
         if (const std::string missing = folder.ListMissingFiles(prefix); !missing.empty()) {
-            AddFinding(
-                findings, "mended-for-ever",
+            Add(findings, "mended-for-ever",
                 path + " lacks " + missing + ", of renew.json: every registration makes a new certificate");
         }
     }
     if (folder.File(".mending").error == 0) {
-        AddFinding(findings, "mend-unfinished", path + " is being mended, or that was cut off");
+        Add(findings, "mend-unfinished", path + " is being mended, or that was cut off");
     }
     Json::Value crtInfo;
     if (fromFile(path + "/cert_info", crtInfo) && GetBool(crtInfo, "is_broken")) {
-        AddFinding(findings, "mended", "it had lost files, and a generated one has taken its place");
+        Add(findings, "mended", "it had lost files, and a generated one has taken its place");
     }
 }
 
@@ -126,7 +111,7 @@ std::vector<std::string> LookAtCopy(FolderLook &copy, FolderLook &archive, const
                                     const std::string &owner, const StoreFacts &facts, Json::Value &findings)
 {
     if (const std::string missing = copy.ListMissingFiles(prefix); !missing.empty()) {
-        AddFinding(findings, "copy-missing", missing);
+        Add(findings, "copy-missing", missing);
         return {};
     }
     const FileLook &keyFile = copy.File(prefix + "privkey.pem");
@@ -136,8 +121,7 @@ std::vector<std::string> LookAtCopy(FolderLook &copy, FolderLook &archive, const
         char found[64];
         snprintf(found, sizeof(found), "mode %04o and user %u", keyFile.info.st_mode & 07777,
                  keyFile.info.st_uid);
-        AddFinding(findings, "copy-exposed",
-                   prefix + "privkey.pem has " + found + " instead of 0400 and " + owner);
+        Add(findings, "copy-exposed", prefix + "privkey.pem has " + found + " instead of 0400 and " + owner);
     }
 
     std::vector<std::string> names = {prefix + "cert.pem", prefix + "privkey.pem", prefix + "fullchain.pem"};
@@ -155,10 +139,9 @@ std::vector<std::string> LookAtCopy(FolderLook &copy, FolderLook &archive, const
         const UniqueOpenSSL<X509> crt = FirstCrt(copy.File(prefix + "cert.pem").text);
         const UniqueOpenSSL<EVP_PKEY> key = FirstKey(keyFile.text);
         if (crt == nullptr || key == nullptr || !IsKeyOf(*key, *crt)) {
-            AddFinding(findings, "copy-mismatch",
-                       prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
+            Add(findings, "copy-mismatch", prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
         } else {
-            AddTimeFinding("the service's " + prefix + "cert.pem", *crt, facts, findings);
+            AddTimeFinding("the service's " + prefix + "cert.pem", *crt, facts.days, findings);
         }
     }
     return differing;
@@ -189,14 +172,14 @@ Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
         }
     }
     if (used.empty()) {
-        AddFinding(findings, "copy-missing", path + "/info, which names the files, is missing or broken");
+        Add(findings, "copy-missing", path + "/info, which names the files, is missing or broken");
     } else if (used != (GetBool(element, "multiple_cert") && !typePrefixes.empty()
                             ? typePrefixes
                             : std::vector{std::string()})) {
         differing.emplace_back("the key types");
     }
     if (!differing.empty()) {
-        AddFinding(findings, "old-copy", "differs from the archive: " + Join(differing));
+        Add(findings, "old-copy", "differs from the archive: " + Join(differing));
     }
     for (const Json::Value &finding : findings) {
         const std::string code = finding["code"].asString();
@@ -205,11 +188,10 @@ Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
         }
     }
     if (facts.listed[name] > 1) {
-        AddFinding(findings, "listed-twice",
-                   "INFO lists it " + std::to_string(facts.listed[name]) + " times");
+        Add(findings, "listed-twice", "INFO lists it " + std::to_string(facts.listed[name]) + " times");
     }
     if (facts.knowsRegistered && !facts.registered.contains(name)) {
-        AddFinding(findings, "not-in-services", "SERVICES does not list it");
+        Add(findings, "not-in-services", "SERVICES does not list it");
     }
     return service;
 }
@@ -249,7 +231,7 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
     Json::Value &findings = crt["findings"];
     const Json::Value &services = GetMember(entry, "services");
     if (!services.isArray() || !IsPlainFolderName(cert_id)) {
-        AddFinding(findings, "book-broken", "INFO has an entry that is none of a certificate: " + cert_id);
+        Add(findings, "book-broken", "INFO has an entry that is none of a certificate: " + cert_id);
         return crt;
     }
 
@@ -271,8 +253,7 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
         if (IsService(element)) {
             crt["services"].append(LookAtService(element, folder, prefixes, facts));
         } else {
-            AddFinding(findings, "book-broken",
-                       "INFO lists something that is no service: " + ToLogText(element));
+            Add(findings, "book-broken", "INFO lists something that is no service: " + ToLogText(element));
         }
     }
     return crt;

@@ -26,7 +26,7 @@ struct StoreFacts {
 // Whether an element of a book names a service that can have a folder.
 bool IsService(const Json::Value &element);
 
-// The certificate's part of the report (admin/status.h). Without `not_after` where no certificate could be read.
+// The certificate's part of the report (admin/verbs.h). Without `not_after` where no certificate could be read.
 Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, StoreFacts &facts);
 
 }  // namespace opalcrt

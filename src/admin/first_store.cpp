@@ -1,5 +1,3 @@
-#include "admin/first_store.h"
-
 #include <json/value.h>
 #include <sys/random.h>
 #include <unistd.h>
@@ -96,11 +94,11 @@ bool MakeArchive(const std::string &cert_id)
 
 }  // namespace
 
-bool InitStore()
+int Init(const Options &)
 {
     const RecoverLock lock;
     if (!lock || !std::all_of(std::begin(kFolders), std::end(kFolders), MakeFolder) || !MakeSerialFile()) {
-        return false;
+        return kRefused;
     }
     std::error_code error;
     const bool isEmpty = std::filesystem::is_empty(kArchive, error);
@@ -110,18 +108,18 @@ bool InitStore()
     }
     if (!error && !isEmpty) {
         Say(false, std::string(kArchive) + ": left as it is");
-        return true;
+        return kDone;
     }
     const std::string cert_id = RandomDigits(8);
     if (!MakeArchive(cert_id)) {
-        return false;
+        return kRefused;
     }
     // rename(2) takes the place of an empty folder, and of nothing else.
     if (rename(kNewArchive, kArchive) != 0 || !SyncParent(kArchive)) {
         return RefuseCall(std::string("cannot move ") + kNewArchive + " to " + kArchive);
     }
     Say(false, std::string(kArchive) + ": made, with the certificate " + cert_id);
-    return true;
+    return kDone;
 }
 
 }  // namespace opalcrt

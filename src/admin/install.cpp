@@ -1,12 +1,12 @@
-#include "admin/install.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <regex>
 
 #include "admin/archive.h"
+#include "admin/install_plan.h"
 #include "admin/report.h"
 #include "admin/roll_out.h"
 #include "admin/store_look.h"
@@ -21,13 +21,6 @@ namespace opalcrt {
 
 namespace {
 
-// The books and their temporary files have the names that begin so.
-bool IsNameOfBook(const std::string &id)
-{
-    const std::string stem = id.substr(0, id.find('.'));
-    return stem == "INFO" || stem == "SERVICES" || stem == "DEFAULT";
-}
-
 // What a cut-off run of the same command has left: only its entry in INFO is missing.
 bool IsMadeAlready(const std::string &folder, const InstallFiles &files)
 {
@@ -36,29 +29,28 @@ bool IsMadeAlready(const std::string &folder, const InstallFiles &files)
     });
 }
 
-void CheckId(const InstallOptions &options, const InstallFiles &files, Json::Value &findings)
+void CheckId(const Options &options, const InstallFiles &files, Json::Value &findings)
 {
     const std::string &id = options.id;
     const std::string folder = GetCrtFolderPath(id);
     const std::string defaultText = LookAtFile(AT_FDCWD, kDefaultPath).text;
     Json::Value info;
+    // The books and their temporary files have names that begin so.
+    const bool isBook = std::regex_match(id, std::regex("(INFO|SERVICES|DEFAULT)(\\..*)?"));
     if (!IsPlainFolderName("." + id + ".new") || id.empty() || id.starts_with('.') || ToShownText(id) != id ||
-        IsNameOfBook(id)) {
-        AddFinding(findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
+        isBook) {
+        Add(findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
     } else if (!ReadInfo(info)) {
-        AddFinding(findings, "book-broken",
-                   std::string("without ") + kInfoPath + " nothing can be installed");
+        Add(findings, "book-broken", std::string("without ") + kInfoPath + " nothing can be installed");
     } else if (!options.isNew && !GetMember(info, id.c_str()).isObject()) {
-        AddFinding(findings, "no-such-id", "there is no certificate " + id + "; with --new it is made");
+        Add(findings, "no-such-id", "there is no certificate " + id + "; with --new it is made");
     } else if (options.isNew && info.isMember(id)) {
-        AddFinding(findings, "in-info",
-                   "there is a certificate " + id + " already; it is replaced without --new");
+        Add(findings, "in-info", "there is a certificate " + id + " already; it is replaced without --new");
     } else if (options.isNew && Exists(folder) && !IsMadeAlready(folder, files)) {
-        AddFinding(findings, "folder-exists",
-                   folder + " is there, though INFO does not list it; move it away");
+        Add(findings, "folder-exists", folder + " is there, though INFO does not list it; move it away");
     }
     if (id.size() > kLongestDefaultId && defaultText.substr(0, defaultText.find('\n')) == id) {
-        AddFinding(findings, "id-too-long", id + " would be the default certificate: at most 15 bytes");
+        Add(findings, "id-too-long", id + " would be the default certificate: at most 15 bytes");
     }
 }
 
@@ -101,7 +93,7 @@ bool AddToInfo(const std::string &cert_id)
 }
 
 // The exit status of all that is done under the recovery lock.
-int PutIntoArchive(const InstallOptions &options, const InstallFiles &files)
+int PutIntoArchive(const Options &options, const InstallFiles &files)
 {
     const RecoverLock lock;
     Json::Value findings(Json::arrayValue);
@@ -115,7 +107,7 @@ int PutIntoArchive(const InstallOptions &options, const InstallFiles &files)
 
 }  // namespace
 
-int Install(const InstallOptions &options)
+int Install(const Options &options)
 {
     Json::Value report(Json::objectValue);
     report["id"] = options.id;
@@ -135,7 +127,7 @@ int Install(const InstallOptions &options)
         return End(report, options.asJson, status, status == kRefused ? "refused" : "not in INFO");
     }
     Say(options.asJson, options.id + ": in the archive");
-    return RollOutCrt(options.id, report, options.asJson);
+    return RollOutCrt(options, report);
 }
 
 }  // namespace opalcrt

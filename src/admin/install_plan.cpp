@@ -1,12 +1,12 @@
+#include "admin/install_plan.h"
+
 #include <fcntl.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
 #include "admin/certificate.h"
-#include "admin/install.h"
 #include "admin/report.h"
 #include "admin/store_look.h"
 #include "common/json_file.h"
@@ -16,8 +16,6 @@
 namespace opalcrt {
 
 namespace {
-
-constexpr time_t kEndsSoonSeconds = 30 * kDaySeconds;
 
 // A key, and its certificate and those that sign it, each by the next one.
 struct KeyPair {
@@ -33,15 +31,15 @@ PemContent ReadPem(const std::string &path, bool wantsKey, Json::Value &findings
     PemContent content = ParsePem(file.text);
     if (file.error != 0) {
         const char *cause = file.error == EINVAL ? "it is no regular file" : strerror(file.error);
-        AddFinding(findings, "unreadable", path + " cannot be read (at most 1 MiB): " + cause);
+        Add(findings, "unreadable", path + " cannot be read (at most 1 MiB): " + cause);
     } else if (content.isBroken) {
-        AddFinding(findings, "no-pem", path + " is damaged: a block in it cannot be read; get it anew");
+        Add(findings, "no-pem", path + " is damaged: a block in it cannot be read; get it anew");
     } else if (wantsKey && content.hasEncryptedKey) {
-        AddFinding(findings, "key-encrypted",
-                   path + " has a password; take it off: openssl pkey -in " + path + " -out NEWFILE");
+        Add(findings, "key-encrypted",
+            path + " has a password; take it off: openssl pkey -in " + path + " -out NEWFILE");
     } else if (wantsKey ? content.keys.size() != 1 : content.crts.empty()) {
         const std::string wanted = wantsKey ? "one private key" : "a certificate";
-        AddFinding(findings, "no-pem", path + " does not hold " + wanted + " in PEM");
+        Add(findings, "no-pem", path + " does not hold " + wanted + " in PEM");
     }
     return content;
 }
@@ -57,17 +55,16 @@ std::vector<KeyPair> ReadKeys(const std::vector<std::string> &paths, Json::Value
         const int id = EVP_PKEY_get_base_id(content.keys.front().get());
         const KeyType type = id == EVP_PKEY_EC ? KeyType::ECC : KeyType::RSA;
         if (id != EVP_PKEY_RSA && id != EVP_PKEY_EC) {
-            AddFinding(findings, "key-type", path + " holds neither an RSA nor an EC key");
+            Add(findings, "key-type", path + " holds neither an RSA nor an EC key");
         } else if (!pairs.empty() && pairs.front().type == type) {
-            AddFinding(findings, "key-type",
-                       path + " holds a second key of one type; two are an RSA and an EC key");
+            Add(findings, "key-type", path + " holds a second key of one type; two are an RSA and an EC key");
         }
         pairs.push_back({std::move(content.keys.front()), type, path, {}});
     }
     return pairs;
 }
 
-std::vector<UniqueOpenSSL<X509>> ReadCrts(const InstallOptions &options, Json::Value &findings)
+std::vector<UniqueOpenSSL<X509>> ReadCrts(const Options &options, Json::Value &findings)
 {
     std::vector<std::string> paths = options.crtFiles;
     paths.insert(paths.end(), options.chainFiles.begin(), options.chainFiles.end());
@@ -96,22 +93,6 @@ std::vector<const X509 *> OrderChain(const EVP_PKEY &key, const std::vector<Uniq
     return chain;
 }
 
-void CheckTimes(const X509 &crt, Json::Value &findings)
-{
-    const CrtFacts facts = DescribeCrt(crt);
-    const time_t now = time(nullptr);
-    const std::string what = "the certificate of " + facts.subject;
-    if (facts.notAfter < now) {
-        AddFinding(findings, "expired",
-                   what + " has ended: " + ToTimeText(facts.notAfter) + "; get another one");
-    } else if (facts.notBefore > now) {
-        AddFinding(findings, "not-yet-valid",
-                   what + " begins " + ToTimeText(facts.notBefore) + "; is the clock right?");
-    } else if (facts.notAfter - now < kEndsSoonSeconds) {
-        AddFinding(findings, "expires-soon", what + " ends soon: " + ToTimeText(facts.notAfter));
-    }
-}
-
 void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpenSSL<X509>> &crts,
                  Json::Value &findings)
 {
@@ -119,22 +100,22 @@ void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpen
     for (const KeyPair &pair : pairs) {
         used.insert(used.end(), pair.crts.begin(), pair.crts.end());
         if (pair.crts.empty()) {
-            AddFinding(findings, "key-mismatch",
-                       "the key in " + pair.keyFile + " fits none of the certificates given");
+            Add(findings, "key-mismatch",
+                "the key in " + pair.keyFile + " fits none of the certificates given");
         } else if (!IsSignedBy(*pair.crts.back(), *pair.crts.back()) &&
                    !IsIssuerWellKnown(*pair.crts.back())) {
-            AddFinding(findings, "chain-unknown",
-                       "the chain of " + DescribeCrt(*pair.crts.front()).subject +
-                           " reaches no root that is known here; is a --chain missing?");
+            Add(findings, "chain-unknown",
+                "the chain of " + DescribeCrt(*pair.crts.front()).subject +
+                    " reaches no root that is known here; is a --chain missing?");
         }
     }
     for (const UniqueOpenSSL<X509> &crt : crts) {
         if (std::find(used.begin(), used.end(), crt.get()) != used.end()) {
-            CheckTimes(*crt, findings);
+            AddTimeFinding("the certificate of " + DescribeCrt(*crt).subject, *crt, 30, findings);
         } else if (!used.empty()) {
-            AddFinding(findings, "chain-broken",
-                       "the certificate of " + DescribeCrt(*crt).subject +
-                           " signed none of the others; leave it out");
+            Add(findings, "chain-broken",
+                "the certificate of " + DescribeCrt(*crt).subject +
+                    " signed none of the others; leave it out");
         }
     }
 }
@@ -145,8 +126,7 @@ void WarnOfLostNames(const std::string &id, const X509 &crt, Json::Value &findin
     const std::vector<std::string> names = DescribeCrt(crt).names;
     for (const std::string &name : old != nullptr ? DescribeCrt(*old).names : names) {
         if (std::find(names.begin(), names.end(), name) == names.end()) {
-            AddFinding(findings, "name-lost",
-                       "the new certificate is not for " + name + ", as the old one is");
+            Add(findings, "name-lost", "the new certificate is not for " + name + ", as the old one is");
         }
     }
 }
@@ -168,7 +148,7 @@ void AddFiles(const KeyPair &pair, const std::string &prefix, InstallFiles &file
 
 }  // namespace
 
-InstallFiles PlanInstall(const InstallOptions &options, Json::Value &findings)
+InstallFiles PlanInstall(const Options &options, Json::Value &findings)
 {
     std::vector<KeyPair> pairs = ReadKeys(options.keyFiles, findings);
     const std::vector<UniqueOpenSSL<X509>> crts = ReadCrts(options, findings);

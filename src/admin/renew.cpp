@@ -1,5 +1,3 @@
-#include "admin/renew.h"
-
 #include <algorithm>
 #include <ctime>
 #include <optional>
@@ -22,7 +20,7 @@ namespace {
 
 constexpr size_t kLongestCommonName = 64;  // RFC 5280, A.1
 
-bool LookAtOld(const RenewOptions &options, Json::Value &info, Json::Value &crt)
+bool LookAtOld(const Options &options, Json::Value &info, Json::Value &crt)
 {
     const std::string &id = options.id;
     if (!ReadInfo(info)) {
@@ -39,7 +37,7 @@ bool LookAtOld(const RenewOptions &options, Json::Value &info, Json::Value &crt)
            Refuse("the certificate " + id + " cannot be read; see opalcrt status");
 }
 
-bool IsDue(const RenewOptions &options, const Json::Value &crt)
+bool IsDue(const Options &options, const Json::Value &crt)
 {
     return crt["seconds_left"].asInt64() < options.days * kDaySeconds ||
            std::any_of(options.names.begin(), options.names.end(), [&crt](const std::string &name) {
@@ -48,7 +46,7 @@ bool IsDue(const RenewOptions &options, const Json::Value &crt)
 }
 
 // The names of the new one: those given, or the old one's.
-bool ListNewNames(const RenewOptions &options, const Json::Value &crt, std::vector<std::string> &names)
+bool ListNewNames(const Options &options, const Json::Value &crt, std::vector<std::string> &names)
 {
     names = options.names;
     for (Json::ArrayIndex at = 0; options.names.empty() && at < crt["names"].size(); ++at) {
@@ -82,13 +80,13 @@ bool MakeNewSet(const std::string &cert_id, const std::vector<std::string> &name
 
 // A run before this one may have ended between the exchange and the last service. What a mend has made is given to
 // nobody who has something better.
-int RollOutRest(const RenewOptions &options, const Json::Value &info, const Json::Value &crt,
+int RollOutRest(const Options &options, const Json::Value &info, const Json::Value &crt,
                 const Json::Value &report)
 {
     Json::Value rest(Json::arrayValue);
     const bool isMended = std::any_of(crt["findings"].begin(), crt["findings"].end(),
                                       [](const Json::Value &finding) { return finding["code"] == "mended"; });
-    const std::map<std::string, Json::Value> services = ListServices(info);
+    const ServicesByCrt services = ListServices(info);
     for (const Json::Value &service : services.at(options.id)) {
         const auto isBehind = [&service](const Json::Value &looked) {
             return NameOf(looked) == NameOf(service) && looked["state"] != "current";
@@ -98,14 +96,15 @@ int RollOutRest(const RenewOptions &options, const Json::Value &info, const Json
         }
     }
     return rest.empty() ? End(report, options.asJson, kDone, "not due")
-                        : RollOut({{options.id, rest}}, report, options.asJson);
+                        : RollOut({{options.id, rest}}, "", report, options.asJson);
 }
 
 }  // namespace
 
-int Renew(RenewOptions options)
+int Renew(const Options &given)
 {
-    options.id = options.id.empty() ? ReadDefaultId() : options.id;
+    Options options = given;
+    options.id = given.id.empty() ? ReadDefaultId() : given.id;
     Json::Value report(Json::objectValue);
     report["id"] = options.id;
     Json::Value info;
@@ -136,7 +135,7 @@ int Renew(RenewOptions options)
         return RollOutRest(options, info, crt, report);
     }
     Say(options.asJson, options.id + ": renewed, for " + Join(names));
-    return RollOutCrt(options.id, report, options.asJson);
+    return RollOutCrt(options, report);
 }
 
 }  // namespace opalcrt

@@ -71,7 +71,7 @@ std::string Join(const std::vector<std::string> &texts)
     return joined;
 }
 
-void AddFinding(Json::Value &findings, const char *code, const std::string &text)
+void Add(Json::Value &findings, const char *code, const std::string &text)
 {
     const bool isWarning = std::any_of(std::begin(kWarnings), std::end(kWarnings),
                                        [code](const char *known) { return strcmp(known, code) == 0; });

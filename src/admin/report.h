@@ -6,13 +6,9 @@
 #include <string>
 #include <vector>
 
-namespace opalcrt {
+#include "admin/verbs.h"
 
-// The verbs' exit statuses; `status` has those of a monitoring plugin (admin/status.h).
-constexpr int kDone = 0;
-constexpr int kRefused = 1;        // or failed; nothing was changed
-constexpr int kPartlyChanged = 3;  // changed, but not to the end
-constexpr int kWrongUsage = 64;
+namespace opalcrt {
 
 // What Refuse answers, and with it the function that refuses.
 struct Refused {
@@ -37,7 +33,7 @@ std::string ToShownText(std::string text);
 std::string Join(const std::vector<std::string> &texts);
 
 // Appends {"code", "severity", "text"} to the array `findings`. The code has its severity in the table of report.cpp.
-void AddFinding(Json::Value &findings, const char *code, const std::string &text);
+void Add(Json::Value &findings, const char *code, const std::string &text);
 
 // A line for each finding.
 std::string ToLines(const Json::Value &findings, const std::string &indentation);

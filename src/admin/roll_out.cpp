@@ -1,6 +1,5 @@
 #include "admin/roll_out.h"
 
-#include <functional>
 #include <set>
 
 #include "admin/archive.h"
@@ -19,75 +18,44 @@ namespace {
 constexpr int kActionAssign = 0;
 constexpr int kActionDeploy = 2;
 
-// Tells of each service what the engine tells.
-class Teller {
-public:
-    Teller(Json::Value &report, bool asJson) : services_(report["services"]), asJson_(asJson)
-    {
-        services_ = Json::Value(Json::arrayValue);
-    }
-    void operator()(const Json::Value &serviceObj, const ServiceOutcome &outcome)
-    {
-        const std::string hook = std::to_string(outcome.hookEnded);
-        std::string result = "has " + outcome.cert_id;
-        if (!outcome.isDone) {
-            result = "failed; the system log says why";
-        } else if (outcome.hookEnded > 0) {
-            result += ", but its hook ended with status " + hook;
-        } else if (outcome.hookEnded == 0) {
-            result += ", and its hook has run";
-        }
-        const bool isDone = outcome.isDone && outcome.hookEnded <= 0;
-        allDone = allDone && isDone;
-        Json::Value service(Json::objectValue);
-        service["subscriber"] = GetString(serviceObj, "subscriber");
-        service["service"] = GetString(serviceObj, "service");
-        service["certificate"] = outcome.cert_id;
-        service["result"] = !outcome.isDone ? "failed" : isDone ? "done" : "hook-failed";
-        if (outcome.hookEnded >= 0) {
-            service["hook_status"] = outcome.hookEnded;
-        }
-        Say(asJson_, service["subscriber"].asString() + "/" + service["service"].asString() + ": " + result);
-        services_.append(std::move(service));
-    }
-    bool allDone = true;
-
-private:
-    Json::Value &services_;
-    bool asJson_;
-};
-
-int EndRollOut(const Teller &teller, bool anyRefused, const Json::Value &report, bool asJson)
+// Adds to the report, and says, what the engine tells of a service. Whether all of it is done.
+bool Tell(const Json::Value &serviceObj, const ServiceOutcome &outcome, Json::Value &services, bool asJson)
 {
-    if (anyRefused && report["services"].empty()) {
-        return End(report, asJson, kRefused, "refused");
+    const bool isDone = outcome.isDone && outcome.hookEnded <= 0;
+    Json::Value service(Json::objectValue);
+    service["subscriber"] = GetString(serviceObj, "subscriber");
+    service["service"] = GetString(serviceObj, "service");
+    service["certificate"] = outcome.cert_id;
+    service["result"] = isDone ? "done" : outcome.isDone ? "hook-failed" : "failed";
+    if (outcome.hookEnded >= 0) {
+        service["hook_status"] = outcome.hookEnded;
     }
-    ReloadRelayDaemon();
-    return teller.allDone && !anyRefused ? End(report, asJson, kDone, "done")
-                                         : End(report, asJson, kPartlyChanged, "not all is done");
+    Say(asJson,
+        service["subscriber"].asString() + "/" + service["service"].asString() +
+            (outcome.isDone ? ": has " + outcome.cert_id : ": failed; the system log says why") +
+            (outcome.hookEnded < 0 ? "" : "; its hook ended with " + std::to_string(outcome.hookEnded)));
+    services.append(std::move(service));
+    return isDone;
 }
 
 // Takes the services, which have the certificate now, from INFO's other entries.
-bool ListOnce(const std::string &cert_id, const std::map<std::string, Json::Value> &services)
+bool ListOnce(const std::string &cert_id, const Json::Value &services)
 {
     const ScopedLock lock(kInfoLock, kLockExclusive, kInfoLockSeconds, UnlockLine::kStore);
     Json::Value info;
+    bool hasChanged = false;
     if (!lock.IsHeld() || !TakeCrtInfo(info) || !info.isObject()) {
         return Refuse(std::string("cannot lock or read ") + kInfoPath + "; run the same command again");
     }
-    bool hasChanged = false;
-    for (auto entry = info.begin(); entry != info.end(); ++entry) {
-        if (entry.name() == cert_id || !GetMember(*entry, "services").isArray()) {
-            continue;
-        }
-        Json::Value &list = (*entry)["services"];
-        const Json::ArrayIndex size = list.size();
-        for (const auto &[old_id, moved] : services) {
-            for (const Json::Value &service : moved) {
+    for (const std::string &other : info.getMemberNames()) {
+        if (other != cert_id && GetMember(info[other], "services").isArray()) {
+            Json::Value &list = info[other]["services"];
+            const Json::ArrayIndex size = list.size();
+            for (const Json::Value &service : services) {
                 UpdateServiceList(list, service, true);
             }
+            hasChanged = hasChanged || list.size() != size;
         }
-        hasChanged = hasChanged || list.size() != size;
     }
     return !hasChanged || WriteCrtInfo(std::move(info)) ||
            Refuse(std::string("cannot write ") + kInfoPath + "; run the same command again");
@@ -95,10 +63,10 @@ bool ListOnce(const std::string &cert_id, const std::map<std::string, Json::Valu
 
 }  // namespace
 
-std::map<std::string, Json::Value> ListServices(const Json::Value &info)
+ServicesByCrt ListServices(const Json::Value &info)
 {
     std::set<ServiceName> seen;
-    std::map<std::string, Json::Value> services;
+    ServicesByCrt services;
     for (auto entry = info.begin(); entry != info.end(); ++entry) {
         Json::Value &list = services[entry.name()] = Json::Value(Json::arrayValue);
         const Json::Value &listed = GetMember(*entry, "services");
@@ -111,72 +79,77 @@ std::map<std::string, Json::Value> ListServices(const Json::Value &info)
     return services;
 }
 
-int RollOut(const std::map<std::string, Json::Value> &services, Json::Value report, bool asJson)
+int RollOut(const ServicesByCrt &services, const std::string &cert_id, Json::Value report, bool asJson)
 {
     Json::Value info;
     if (!ReadInfo(info)) {
         return End(report, asJson, kRefused, "refused");
     }
-    Teller teller(report, asJson);
-    bool anyRefused = false;
-    for (const auto &[cert_id, list] : services) {
-        if (list.empty()) {
-            continue;
-        }
+    report["services"] = Json::Value(Json::arrayValue);
+    Json::Value moved(Json::arrayValue);
+    bool allDone = true;
+    for (const auto &[old_id, list] : services) {
+        const std::string &new_id = cert_id.empty() ? old_id : cert_id;
+        const int action = cert_id.empty() ? kActionDeploy : kActionAssign;
         // Asked for here, since the engine would mend it: nobody wants a new key in place of a bought one.
-        const bool isUsable = IsUsableCrt(cert_id, info);
-        anyRefused = anyRefused || !isUsable;
-        if (isUsable) {
-            teller.allDone = SetCrtForServices(cert_id, list, "", kActionDeploy, std::ref(teller), false) &&
-                             teller.allDone;
+        if (!list.empty() && !IsUsableCrt(new_id, info)) {
+            allDone = false;
+        } else if (!list.empty()) {
+            const auto tell = [&](const Json::Value &serviceObj, const ServiceOutcome &outcome) {
+                allDone = Tell(serviceObj, outcome, report["services"], asJson) && allDone;
+                if (outcome.isDone) {
+                    moved.append(serviceObj);
+                }
+            };
+            allDone = SetCrtForServices(new_id, list, old_id, action, tell, false) && allDone;
         }
     }
-    return EndRollOut(teller, anyRefused, report, asJson);
-}
-
-int RollOutCrt(const std::string &cert_id, Json::Value report, bool asJson)
-{
-    Json::Value info;
-    if (!ReadInfo(info) || (!cert_id.empty() && !IsUsableCrt(cert_id, info))) {
+    if (!allDone && report["services"].empty()) {
         return End(report, asJson, kRefused, "refused");
     }
-    std::map<std::string, Json::Value> services = ListServices(info);
-    if (!cert_id.empty()) {
-        services = {{cert_id, services[cert_id]}};
-    }
-    return RollOut(services, report, asJson);
+    allDone = (cert_id.empty() || ListOnce(cert_id, moved)) && allDone;
+    ReloadRelayDaemon();
+    return allDone ? End(report, asJson, kDone, "done")
+                   : End(report, asJson, kPartlyChanged, "not all is done");
 }
 
-int Assign(const std::string &cert_id, const std::string &subscriber, const std::string &service, bool asJson)
+int RollOutCrt(const Options &options, const Json::Value &report)
+{
+    Json::Value info;
+    if (!ReadInfo(info) || (!options.id.empty() && !IsUsableCrt(options.id, info))) {
+        return End(report, options.asJson, kRefused, "refused");
+    }
+    ServicesByCrt services = ListServices(info);
+    if (!options.id.empty()) {
+        services = {{options.id, services[options.id]}};
+    }
+    return RollOut(services, "", report, options.asJson);
+}
+
+int Deploy(const Options &options) { return RollOutCrt(options, Json::objectValue); }
+
+int Assign(const Options &options)
 {
     Json::Value report(Json::objectValue);
-    report["id"] = cert_id;
+    report["id"] = options.id;
     Json::Value info;
-    if (!ReadInfo(info) || !IsUsableCrt(cert_id, info)) {
-        return End(report, asJson, kRefused, "refused");
+    if (!ReadInfo(info) || !IsUsableCrt(options.id, info)) {
+        return End(report, options.asJson, kRefused, "refused");
     }
-    std::map<std::string, Json::Value> moved;
+    ServicesByCrt moved;
     for (const auto &[old_id, list] : ListServices(info)) {
-        for (const Json::Value &listed : list) {
-            if (MatchService(listed, subscriber, service)) {
-                moved[old_id].append(listed);
+        for (const Json::Value &service : list) {
+            if (MatchService(service, options.subscriber, options.service)) {
+                moved[old_id].append(service);
             }
         }
     }
     if (moved.empty()) {
-        Refuse("INFO lists no service " + subscriber + "/" + (service.empty() ? "*" : service) +
+        Refuse("INFO lists no service " + options.service + " of " + options.subscriber +
                "; register it first, opalcrt status lists them");
-        return End(report, asJson, kRefused, "refused");
+        return End(report, options.asJson, kRefused, "refused");
     }
-
-    Teller teller(report, asJson);
-    for (const auto &[old_id, list] : moved) {
-        teller.allDone = SetCrtForServices(cert_id, list, old_id, kActionAssign, std::ref(teller), false) &&
-                         teller.allDone;
-    }
-    // A service that failed still has what INFO says.
-    teller.allDone = teller.allDone && ListOnce(cert_id, moved);
-    return EndRollOut(teller, false, report, asJson);
+    return RollOut(moved, options.id, report, options.asJson);
 }
 
 }  // namespace opalcrt

@@ -1,11 +1,10 @@
-#include "admin/status.h"
-
 #include <glob.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <thread>
@@ -25,24 +24,26 @@ namespace opalcrt {
 
 namespace {
 
+// A registration makes folders before INFO lists its services.
+constexpr time_t kRegistrationSeconds = 60;
+
 // `services` is kept by the caller as long as the facts: they name what stands in it.
 void LookAtServicesBook(const Json::Value &services, StoreFacts &facts, Json::Value &findings)
 {
     facts.knowsRegistered = services.isArray();
     if (!facts.knowsRegistered) {
-        AddFinding(
-            findings, "book-broken",
+        Add(findings, "book-broken",
             std::string("nothing can be registered: ") + kServicesPath + " is missing or no JSON array");
         return;
     }
     for (const Json::Value &element : services) {
         if (!IsService(element)) {
-            AddFinding(findings, "book-broken",
-                       "SERVICES lists something that is no service: " + ToLogText(element));
+            Add(findings, "book-broken",
+                "SERVICES lists something that is no service: " + ToLogText(element));
         } else if (!facts.listed.contains(NameOf(element))) {
-            AddFinding(findings, "not-in-info",
-                       GetString(element, "subscriber") + "/" + GetString(element, "service") +
-                           " is registered, but not listed in INFO");
+            Add(findings, "not-in-info",
+                GetString(element, "subscriber") + "/" + GetString(element, "service") +
+                    " is registered, but not listed in INFO");
         }
         facts.registered.insert(NameOf(element));
     }
@@ -59,8 +60,8 @@ void LookAtDefault(const Json::Value &info, const std::string &id, Json::Value &
         why = " names " + id + ", which has no folder in the archive";
     }
     if (!why.empty()) {
-        AddFinding(findings, "default-unusable",
-                   std::string("no new service can be registered: ") + kDefaultPath + why);
+        Add(findings, "default-unusable",
+            std::string("no new service can be registered: ") + kDefaultPath + why);
     }
 }
 
@@ -72,22 +73,25 @@ void LookForOrphans(const StoreFacts &facts, Json::Value &findings)
     for (size_t at = 0; at < found.gl_pathc; ++at) {
         std::string path = found.gl_pathv[at];
         path.pop_back();
-        if (!facts.folders.contains(path)) {
-            AddFinding(findings, "orphan-folder", path + " belongs to nothing that INFO lists");
+        struct stat info = {};
+        const bool hasStood =
+            lstat(path.c_str(), &info) == 0 && std::abs(facts.now - info.st_mtime) > kRegistrationSeconds;
+        if (hasStood && !facts.folders.contains(path)) {
+            Add(findings, "orphan-folder", path + " belongs to nothing that INFO lists");
         }
     }
     globfree(&found);
 }
 
 // False, told, when there is nothing to be looked at.
-bool LookAtInfo(const StatusOptions &options, Json::Value &info, Json::Value &findings)
+bool LookAtInfo(const Options &options, Json::Value &info, Json::Value &findings)
 {
     if (!fromFile(kInfoPath, info) && errno != EBADMSG && errno != EFBIG) {
         Complain(std::string("cannot read ") + kInfoPath + ": " + strerror(errno));
         return false;
     }
     if (!info.isObject()) {
-        AddFinding(findings, "book-broken", std::string(kInfoPath) + " is no JSON object");
+        Add(findings, "book-broken", std::string(kInfoPath) + " is no JSON object");
         info = Json::Value(Json::objectValue);
     }
     for (const std::string &id : options.ids) {
@@ -100,7 +104,7 @@ bool LookAtInfo(const StatusOptions &options, Json::Value &info, Json::Value &fi
 }
 
 // Everything once. False, told, when it could not look.
-bool LookOnce(const StatusOptions &options, Json::Value &report)
+bool LookOnce(const Options &options, Json::Value &report)
 {
     report = Json::Value(Json::objectValue);
     report["certificates"] = report["findings"] = Json::Value(Json::arrayValue);
@@ -171,7 +175,7 @@ std::string ToReportText(const Json::Value &report)
 
 }  // namespace
 
-int Status(const StatusOptions &options)
+int Status(const Options &options)
 {
     // Registrations come into SERVICES first and into INFO last, and replace folders between: what seems wrong is
     // looked at again, and once more while the books change.

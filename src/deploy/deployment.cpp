@@ -95,10 +95,18 @@ bool DeployCrt(const std::string &cert_id, const Json::Value &serviceObj, const 
 
 bool DeployServiceCrt(const std::string &cert_id, const Json::Value &serviceObj)
 {
-    if (GetBool(serviceObj, "multiple_cert") && HasCrtKeyTypes(cert_id)) {
-        return DeployMultipleCrt(cert_id, serviceObj);
+    if (!GetBool(serviceObj, "multiple_cert")) {
+        return DeploySingleCrt(cert_id, serviceObj);
     }
-    return DeploySingleCrt(cert_id, serviceObj);
+    for (;;) {
+        const std::vector<KeyType> types = GetCrtKeyTypes(cert_id);
+        const bool isDone =
+            types.empty() ? DeploySingleCrt(cert_id, serviceObj) : DeployMultipleCrt(cert_id, serviceObj);
+        // A certificate with other key types may have taken its place meanwhile.
+        if (isDone || types == GetCrtKeyTypes(cert_id)) {
+            return isDone;
+        }
+    }
 }
 
 bool DeploySingleCrt(const std::string &cert_id, const Json::Value &serviceObj)
