@@ -358,7 +358,11 @@ class Torture:
         call, disk, unusual = hit[0], look(), [line for line in log if line not in self.usual]
         wrong = self.after_stop(disk, kind == "kill", call.program == "rm")
         wrong += self.after_success(disk) if status == 0 else []
-        if kind != "kill" and (status not in (0, 1) or status == 1 and not unusual):
+        # opalcrt alone tells by 3 that it has begun; its 1 is that nothing has changed.
+        is_admin = self.text.startswith("opalcrt ")
+        if is_admin and status == 1 and content(disk, CERTIFICATE) != content(self.old, CERTIFICATE):
+            wrong.append("answered 1, but the certificate is another one")
+        if kind != "kill" and (status not in (0, 1, 3 if is_admin else 0) or status == 1 and not unusual):
             wrong.append("did not fail with a line in the log")
         of_mark = any("/.mending" in text for text in (call.path, self.calls[point - 1].path, *unusual))
         if "sync" in call.name and status == 0 and not of_mark:  # A mend does not depend on its mark.

@@ -4,7 +4,7 @@ import collections, concurrent.futures, datetime, json, os, pathlib, random, thr
 
 import pytest
 import steps
-from conftest import A, D, P
+from conftest import A, D, P, S
 
 RESULTS, DAY = pathlib.Path(__file__).parent.parent / "build/steps", datetime.date.today().toordinal()
 
@@ -27,12 +27,42 @@ def change_certificate(w):
     w.define("p", "a")
 
 
+# The stranger gets a certificate n; what is to take the place of c lies ready.
+def bring_certificates(w):
+    register(w, "a")
+    w.crt("n")
+    entry = w.json("INFO")["c"]
+    ours = [each for each in entry["services"] if each["subscriber"] == "p"]
+    strangers = [each for each in entry["services"] if each not in ours]
+    w.write(info={"c": {**entry, "services": ours}, "n": {"services": strangers}})
+    w.sh("cp n/cert.pem $S/cert.pem; cp n/privkey.pem $S/key.pem")
+
+
+def make_it_due(w):
+    bring_certificates(w)
+    new = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN"
+    w.sh(
+        f"""cd c; rm *; umask 077; {new}=CA -keyout opal-ca-privkey.pem -out opal-ca-cert.pem
+        {new}=kestrel -days 9 -CA opal-ca-cert.pem -CAkey opal-ca-privkey.pem -keyout privkey.pem -out cert.pem
+        cp cert.pem fullchain.pem; opalcrt deploy c"""
+    )
+
+
 RUNS = {
     "mend": (lose_chain, "opalcrtregister p", "a", True, "mended"),
     "first": (lambda w: w.define("p", "a", "b"), "opalcrtregister p", "a b"),
     "again": (change_certificate, "opalcrtregister p", "a"),
     "unregister-one": (lambda w: register(w, "a", "b"), "opalcrtunregister p a", "a", False),
     "unregister-all": (lambda w: register(w, "a", "b"), "opalcrtunregister p", "a b", False),
+    "install": (
+        bring_certificates,
+        f"opalcrt install c --key {S}/key.pem --cert {S}/cert.pem",
+        "a",
+        True,
+        "exchanged",
+    ),
+    "renew": (make_it_due, "opalcrt renew", "a", True, "exchanged"),
+    "assign": (bring_certificates, "opalcrt assign n p a", "a"),
 }
 KINDS = ("EACCES", "EIO", "EMFILE", "ENOMEM", "ENOSPC", "cut", "kill")
 

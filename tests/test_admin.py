@@ -1,0 +1,344 @@
+# The administrator's command: what status finds, what install refuses and takes, and the other verbs.
+import functools, json, os, ssl, subprocess, tempfile
+from pathlib import Path
+
+import pytest
+from conftest import A, D, P, ROW, S
+
+# A root, a CA below it (mid), and what they sign, as NAME.pem and NAME.key: name, issuer, first and last day, kind.
+MAKE = r"""
+printf '[ca]\ndefault_ca=d\n[d]\ndatabase=index\nnew_certs_dir=.\ndefault_md=sha256\npolicy=p\nrand_serial=yes\n' >cfg
+printf 'copy_extensions=copy\n[p]\ncommonName=supplied\n[req]\ndistinguished_name=n\n[n]\n' >>cfg; : >index
+day() { date -u -d "$1 days" +%Y%m%d%H%M%SZ; }
+make() { sign="-cert $2.pem -keyfile $2.key"; [ $1 != $2 ] || sign="-selfsign -keyfile $1.key"
+    openssl req -new -config cfg -newkey ${6-ec} -pkeyopt ${7-ec_paramgen_curve:P-256} -nodes -keyout $1.key -out csr \
+        -subj /CN=$1 -addext subjectAltName=DNS:kestrel -addext basicConstraints=CA:${5-false}
+    openssl ca -batch -notext -config cfg $sign -startdate $(day $3) -enddate $(day $4) -in csr -out $1.pem; }
+make root root -9 999 true; make mid root -9 999 true; make good root -9 99; make leaf mid -9 99
+make rsa mid -9 99 false rsa rsa_keygen_bits:2048; make ended root -9 -1; make future root 1 99; make soon root -9 9
+make other other -9 99; openssl pkey -aes128 -passout pass:x -in leaf.key -out locked.key
+openssl genpkey -algorithm ed25519 -out ed.key; openssl x509 -in leaf.pem -outform DER -out der
+head -c 300 leaf.pem >cut; head -c 1048577 /dev/zero >big; cat leaf.key other.key >two
+printf %s "$(cat leaf.pem)" >bare; cat root.pem mid.pem leaf.pem >reversed
+cat root.pem leaf.key leaf.pem mid.pem >all; sed 's/$/\r/' all >dos"""
+PUT = """put() { for f in cert fullchain; do cat $ROW/$1.pem >${2-c}/$f.pem; done
+    cat $ROW/$1.key >${2-c}/privkey.pem; }
+edit() { jq -c "$2" $1 >$ROW/book; cat $ROW/book >$1; }\n"""
+DONE = "p/web: has c, and its hook has run\np/mail: has c, and its hook has run\n"
+
+
+@functools.cache  # once for each worker
+def certificates():
+    with tempfile.TemporaryDirectory() as folder:
+        subprocess.run(["sh", "-ec", MAKE], cwd=folder, check=True, capture_output=True)
+        return {path.name: path.read_bytes() for path in Path(folder).iterdir()}
+
+
+# A healthy store: the self-made certificate c has two services of p, whose hook ends with what $ROW/end says.
+@pytest.fixture
+def store(w):
+    for name, content in certificates().items():
+        (ROW / name).write_bytes(content)
+    w.sh(f"{PUT} put good; cp $ROW/root.pem c/opal-ca-cert.pem; echo 0 >$ROW/end")
+    w.define("p", {"service": "web", "display_name": "The web", "multiple_cert": True}, "mail")
+    w.sh("opalcrtregister p")
+    w.replace("/usr/bin/systemctl", "echo $* >>/run/row/ran")
+    (D / "p").write_text("#!/bin/sh\necho hook $1 >>/run/row/ran; exit $(cat /run/row/end)\n")
+    (D / "p").chmod(0o755)
+    return w
+
+
+# Everything that a look could change, but the time of the last look; and what an administrator cares about.
+def every_bit():
+    paths = [path for top in (S, P, D, "/tmp") for path in (Path(top), *Path(top).rglob("*"))]
+    looks = {str(path): path.lstat() for path in paths}
+    return {path: (*look[:7], look.st_mtime_ns, look.st_ctime_ns) for path, look in looks.items()}
+
+
+def stores(w):
+    return [w.tree(top, content=True) for top in (S, P)]
+
+
+def codes(report):
+    certificates = report.get("certificates", [])
+    parts = [report, *certificates, *(service for crt in certificates for service in crt["services"])]
+    return sorted((each["severity"], each["code"]) for part in parts for each in part["findings"])
+
+
+def status(w, arguments=""):
+    before, command = every_bit(), f"opalcrt status {arguments}"
+    said = w.run(f"{command} >$ROW/text & {command} --json; s=$?; wait $!; exit $s")
+    assert every_bit() == before and not said.log and said.out.count("\n") == 1
+    assert said.out.startswith('{"format":1,"')
+    return said.status, json.loads(said.out), (ROW / "text").read_text()
+
+
+def test_status_tells_what_there_is(store):
+    ended, report, text = status(store)
+    (crt,) = report.pop("certificates")
+    assert ended == 0 and report == {"format": 1, "worst": "ok", "findings": []}
+    assert 98.9 * 86400 < crt.pop("seconds_left") <= 99 * 86400
+    day = 'date -u -d "$(openssl x509 -in c/cert.pem -noout -%sdate | cut -d= -f2)" +%%FT%%TZ;'
+    look = "openssl x509 -in c/cert.pem -outform DER | sha256sum | cut -c-64"
+    begin, end, sha256 = store.sh(day % "start" + day % "end" + look).split()
+    names = dict(id="c", default=True, self_made=True, subject="CN=good", names=["kestrel"], sha256=sha256)
+    same = {"subscriber": "p", "state": "current", "findings": []}
+    services = [{**same, "service": name, "folder": f"{P}/p/{name}"} for name in ("web", "mail")]
+    assert crt == {**names, "not_before": begin, "not_after": end, "findings": [], "services": services}
+    assert text == "ok: 1 certificates, 2 services\nc: default, self-made, CN=good, for kestrel, ends " + (
+        f"{end}, 98 days left\n  p/web: current, {P}/p/web\n  p/mail: current, {P}/p/mail\n"
+    )
+    assert status(store, "--days 100 c")[0] == 1 and status(store, "c")[0] == 0
+
+
+# fmt: off
+CRITICAL = """expired not-yet-valid key-mismatch incomplete unreadable chain-mismatch copy-missing copy-mismatch
+    copy-exposed default-unusable book-broken""".split()
+FAULTS = [  # The services' copies are old where the archive's folder was changed.
+    ("put ended", "expired/"), ("put future", "not-yet-valid/"), ("put soon", "expires-soon/"),
+    ("cat $ROW/other.key >c/privkey.pem", "key-mismatch/"), ("rm c/privkey.pem", "incomplete/"),
+    ("echo x >c/cert.pem", "unreadable/"), ("rm c/cert.pem; mkfifo c/cert.pem", "unreadable/"),
+    ("cat $ROW/locked.key >c/privkey.pem", "unreadable/"), ("rm -r c", "default-unusable incomplete/"),
+    ('printf %s "$(cat c/cert.pem)" | cat - $ROW/root.pem >c/fullchain.pem', "unreadable/"),
+    ("cat $ROW/other.pem >c/fullchain.pem", "chain-mismatch/"), ("rm $P/p/web/privkey.pem", "copy-missing"),
+    ("rm -r $P/p/web", "copy-missing"), ("cat $ROW/other.key >$P/p/web/privkey.pem", "copy-mismatch old-copy"),
+    ("put other $P/p/web", "old-copy"), ("put ended $P/p/web", "expired old-copy"),
+    ("chmod 0440 $P/p/web/privkey.pem", "copy-exposed"), ("chown opalmail $P/p/web/privkey.pem", "copy-exposed"),
+    ("echo z >DEFAULT", "default-unusable"), ("rm DEFAULT", "default-unusable"), ("rm SERVICES", "book-broken"),
+    ("edit INFO '.c.services += [5]'", "book-broken"), ("edit INFO '.d = 5'", "book-broken"),
+    ("echo { >INFO", "book-broken default-unusable" + " not-in-info" * 2 + " orphan-folder" * 3),
+    ("echo '{\"is_broken\": true}' >c/cert_info", "mended"), ("touch c/.mending", "mend-unfinished"),
+    ("cp -a c d; edit INFO '.d.services = [.c.services[0]]'", "listed-twice listed-twice"),
+    ("edit SERVICES '.[:1]'", "not-in-services"), ("mv c cc; ln -s cc c", "mended-for-ever orphan-folder"),
+    ("edit SERVICES '. + [.[0] | .service = \"x\"]'", "not-in-info"), ("mkdir .c.new $P/p/old", "orphan-folder " * 2),
+    ("echo '{\"key_types\": \"ECC\"}' >c/renew.json", "mended-for-ever old-copy"),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize("fault, found", FAULTS)
+def test_status_finds(store, fault, found):
+    store.sh(f"{PUT} set -e; {fault}")
+    ended, report, text = status(store)
+    found = found.replace("/", " old-copy old-copy").split()
+    right = sorted(("critical" if code in CRITICAL else "warning", code) for code in found)
+    assert codes(report) == right and ended == (2 if right[0][0] == "critical" else 1)
+    assert report["worst"] == right[0][0] == text.split(":")[0]
+    assert all(f"{severity} {code}: " in text for severity, code in right)
+    for service in [each for crt in report["certificates"] for each in crt["services"]]:
+        states = [each["code"] for each in service["findings"] if "copy" in each["code"]] or ["current"]
+        assert service["state"] in states
+
+
+def test_status_is_json_whatever_the_books_hold(store):
+    services = b'[{"subscriber": "\xff", "service": "\x1b["}, {"subscriber": "p\xff\x1b", "service": "x"}]'
+    (A / "INFO").write_bytes(b'{"c": {"services": []}, "\xff": {"services": %s}, "x\xe9": {}}' % services)
+    ended, report, text = status(store)
+    assert ended == 2 and len(report["certificates"]) == 3 and "\x1b" not in text
+
+
+# fmt: off
+AS_WEB = "setpriv --reuid=opalweb --clear-groups opalcrt"
+@pytest.mark.parametrize("command, ended, out", [
+    ("opalcrt status x", 3, "opalcrt: $A/INFO lists no certificate x\n"), ("opalcrt status >/dev/full", 3, ""),
+    ("rm INFO; opalcrt status", 3, "opalcrt: cannot read $A/INFO: No such file or directory\n"),
+    (f"{AS_WEB} status", 3, "opalcrt: only root can read the keys\n"), ("opalcrt default", 0, "c\n"),
+    (f"{AS_WEB} default c", 1, "opalcrt: only root can do this\n"), ("opalcrt --help | grep -c '^  [a-z]'", 0, "7\n"),
+    *[(f"opalcrt {usage} >/dev/null 2>&1", 64, "") for usage in (
+        "", "nothing", "status --days -1", "install c --key x", "install c --key x --cert x --cert y", "assign c",
+        "renew --days x", "deploy c d", "init c", "default c d")],
+])
+# fmt: on
+def test_the_command_line(store, command, ended, out):
+    said = store.run(command)
+    assert (said.status, said.out.replace(str(A), "$A")) == (ended, out)
+
+
+# fmt: off
+LEAF = "--key leaf.key --cert leaf.pem --chain mid.pem"
+SCENES = {"folder-exists": "mkdir d", "id-too-long": "echo 0123456789abcdef >DEFAULT", "book-broken": "echo >INFO"}
+@pytest.mark.parametrize("arguments, wrong", [
+    ("c --key no --cert none", "unreadable unreadable"), ("c --key leaf.pem --cert leaf.key", "no-pem no-pem"),
+    ("c --key big --cert /dev/null --chain ended.pem", "unreadable unreadable"), (f"x {LEAF}", "no-such-id"),
+    ("c --key two --cert cut --chain der", "no-pem no-pem no-pem"), (f"c --new {LEAF}", "in-info"),
+    ("c --key locked.key --cert leaf.pem", "key-encrypted"), ("c --key ed.key --cert leaf.pem", "key-type"),
+    ("c --key leaf.key --cert leaf.pem --key other.key --cert other.pem", "key-type"),
+    ("c --key other.key --cert leaf.pem --chain mid.pem", "key-mismatch"), (f"d --new {LEAF}", "folder-exists"),
+    ("c --key ended.key --cert ended.pem", "expired"), ("c --key future.key --cert future.pem", "not-yet-valid"),
+    ("c --key leaf.key --cert leaf.pem --chain root.pem", "chain-broken"), (f"c {LEAF}", "book-broken"),
+    ("x --key ended.key --cert ended.pem --chain other.pem", "chain-broken expired no-such-id"),
+    (f"0123456789abcdef {LEAF}", "id-too-long no-such-id"),
+    *[(f"'{id}' --new {LEAF}", "bad-id") for id in ("../c", "a/b", ".x", "", "INFO", "DEFAULT.new", "a\nb", "0" * 251)],
+])
+# fmt: on
+def test_install_refuses(store, arguments, wrong):
+    store.sh(SCENES.get(wrong.split()[0], ""))
+    before, install = stores(store), f"opalcrt install {arguments}"
+    said = store.run(f"cd $ROW; {install} --check 2>first; {install} --json 2>lines")
+    critical = [each for each in json.loads(said.out)["findings"] if each["severity"] == "critical"]
+    assert said.status == 1 and sorted(each["code"] for each in critical) == wrong.split()
+    lines = (ROW / "lines").read_text()
+    assert all(f": {each['text']}\n".replace("a\nb", "a?b") in lines for each in critical)
+    assert lines == (ROW / "first").read_text() and stores(store) == before
+
+
+# What a client gets that trusts the root and asks for kestrel.
+def served(folder, prefix=""):
+    server = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    server.load_cert_chain(f"{folder}/{prefix}fullchain.pem", f"{folder}/{prefix}privkey.pem")
+    client, to, back = ssl.create_default_context(cafile=ROW / "root.pem"), ssl.MemoryBIO(), ssl.MemoryBIO()
+    asking = client.wrap_bio(back, to, server_hostname="kestrel")
+    for end in (asking, server.wrap_bio(to, back, server_side=True), asking):
+        try:
+            end.do_handshake()
+        except ssl.SSLWantReadError:
+            pass
+    return asking.getpeercert()["subject"][0][0][1]
+
+
+# fmt: off
+TWO = "--key rsa.key --cert rsa.pem --chain mid.pem --key leaf.key --cert bare"
+@pytest.mark.parametrize("files, chain", [
+    (LEAF, "mid"), ("--key leaf.key --cert bare --chain mid.pem", "mid"), (TWO, "mid"),
+    ("--key leaf.key --cert reversed", "mid root"), ("--key all --cert all", "mid root"),
+    ("--key dos --cert dos", "mid root"),
+])
+# fmt: on
+def test_install_takes(store, files, chain):
+    before, used = every_bit(), {"RSA-": "rsa", "ECC-": "leaf"} if files == TWO else {"": "leaf"}
+    assert store.run(f"cd $ROW; opalcrt install c {files} --check").out.endswith("c: can be installed\n")
+    assert every_bit() == before
+    said = store.run(f"cd $ROW; opalcrt install c {files}; cat ran; ls -d $A/.c* 2>/dev/null")
+    assert said.out.split("archive\n")[1] == f"{DONE}c: done\nhook web\nhook mail\nreload opalrelayd\n"
+    for folder in (A / "c", P / "p/web"):
+        assert {prefix: served(folder, prefix) for prefix in used} == used
+    assert served(P / "p/mail") == served(A / "c") == [*used.values()][0]
+    store.sh("openssl verify -CAfile $ROW/root.pem -untrusted c/chain.pem $P/p/web/*cert.pem")
+    assert (A / "c/chain.pem").read_bytes() == b"".join(
+        certificates()[f"{name}.pem"] for name in chain.split()
+    )
+    tree = {path: what for path, what in store.tree(A).items() if path.startswith("c")}
+    assert tree.pop("c") == "drwx------ root root" and {*tree.values()} == {"-r-------- root root"}
+    assert len(tree) == (11 if files == TWO else 4) and status(store)[0] == 0
+
+
+def test_install_warns_and_installs(store):
+    store.crt("c")  # whose name is c
+    said = store.run("cd $ROW; opalcrt install c --key soon.key --cert soon.pem --json")
+    right = [("warning", code) for code in ("chain-unknown", "expires-soon", "name-lost")]
+    assert said.status == 0 and codes(json.loads(said.out) | {"services": []}) == right
+
+
+def test_install_makes_a_new_certificate_and_ends_what_was_cut_off(store):
+    for scene in ("", f"{PUT} edit $A/INFO 'del(.n)'; mkdir $A/.n.new"):
+        store.sh(f"cd $ROW; {scene}\nopalcrt install n --new {LEAF}; cmp $A/n/cert.pem leaf.pem")
+        assert store.json("INFO")["n"] == {"services": []} and store.books()["c"] == store.books()["list"]
+        assert sorted(os.listdir(A)) == ["DEFAULT", "INFO", "SERVICES", "c", "n"]
+
+
+def test_install_is_refused_where_folders_cannot_be_exchanged(store):
+    before, install = stores(store), "opalcrt install c --key $ROW/leaf.key --cert $ROW/leaf.pem"
+    said = store.run(install, inject="renameat2:error=EINVAL")
+    assert said.status == 1 and "exchanges no folders in one step" in said.out and stores(store) == before
+
+
+@pytest.mark.parametrize(
+    "verb", [f"install c {LEAF}", "deploy", "deploy c", "assign c p", "renew --days 400"]
+)
+def test_a_failed_roll_out_is_told(store, verb):
+    said = store.run(f"cd $ROW; echo 7 >end; opalcrt {verb} --json")
+    same = {"certificate": "c", "subscriber": "p", "result": "hook-failed", "hook_status": 7}
+    assert json.loads(said.out)["services"] == [{**same, "service": each} for each in ("web", "mail")]
+    owner = "edit $A/INFO '.c.services[0].owner = \"nobody-knows\"'"
+    again = store.run(f"cd $ROW; {PUT} {owner}; echo 0 >end; opalcrt {verb}")
+    assert said.status == again.status == 3 and "p/web: failed;" in again.out
+    assert DONE.split("\n")[1] in again.out
+
+
+def test_deploy_copies_again_what_info_lists(store):
+    store.sh(
+        f"{PUT} put other $P/p/web; rm -r $P/p/mail; mkdir d; put leaf d; chmod 0640 $P/p/web/privkey.pem"
+    )
+    store.sh(f"{PUT} edit INFO '.d.services = [.c.services[1]]'; cp INFO SERVICES $ROW")
+    store.ok("opalcrt deploy d; ls $P/p", out="done\nweb\n")  # c lists mail first.
+    store.ok("opalcrt deploy; cmp INFO $ROW/INFO; cmp c/cert.pem $P/p/mail/cert.pem", out=f"{DONE}done\n")
+    store.sh(f"{PUT} edit INFO '.d.services[0].service = \"x\"'; rm d/cert.pem; : >$ROW/ran")
+    assert [each["state"] for each in status(store, "c")[1]["certificates"][0]["services"]] == ["current"] * 2
+    before, ran = stores(store), "hook web\nhook mail\nreload opalrelayd\n"
+    for command, ended, wanted in [("deploy x", 1, ""), ("deploy d", 1, ""), ("deploy", 3, ran)]:
+        assert store.run(f"opalcrt {command}").status == ended and (ROW / "ran").read_text() == wanted
+    assert stores(store) == before
+
+
+def test_assign_gives_listed_services_another_certificate(store):
+    store.sh(f"{PUT} mkdir d x e; put leaf d; put other x; put leaf e; rm e/fullchain.pem")
+    store.sh(f"{PUT} edit INFO '.x.services = [.c.services[0]] | .d.services = [] | .e.services = []'")
+    before = stores(store)
+    for wrong in ("nobody p", "d q", "d p api", "../c p", "'' p", "e p"):
+        assert store.run(f"opalcrt assign {wrong}").status == 1 and stores(store) == before
+    store.sh("opalcrt assign d p web; cmp d/cert.pem $P/p/web/cert.pem; cmp c/cert.pem $P/p/mail/cert.pem")
+    assert (ROW / "ran").read_text() == "hook web\nreload opalrelayd\n"
+    assert store.books() == {"list": ["p/web", "p/mail"], "c": ["p/mail"], "d": ["p/web"], "x": [], "e": []}
+    store.sh("opalcrt assign x p")
+    assert store.books()["x"] == ["p/mail", "p/web"] and status(store, "x")[0] == 0
+
+
+def test_default_is_what_a_registration_can_use(store):
+    store.sh(f"{PUT} mkdir n x 0123456789abcdef; put leaf n; put leaf 0123456789abcdef")
+    store.sh(f"{PUT} edit INFO '.n.services = [] | .x.services = [] | .[\"0123456789abcdef\"].services = []'")
+    for wrong in ("x", "z", "''", "0123456789abcdef"):
+        assert store.run(f"opalcrt default {wrong}").status == 1 and (A / "DEFAULT").read_text() == "c\n"
+    store.define("q", "api")
+    store.sh("opalcrt default n; opalcrtregister q; cmp n/cert.pem $P/q/api/cert.pem")
+    assert store.sh("cat DEFAULT; stat -c %a DEFAULT; opalcrt default") == "n\n644\nn\n"
+
+
+# fmt: off
+@pytest.mark.parametrize("scene, arguments, ended, text", [
+    ("", "", 0, "c: not due\n"), ("", "--check", 0, "c: not due\n"), ("put soon", "--check", 1, "c: due\n"),
+    ("", "c --days 100 --check", 1, "c: due\n"), ("", "--name nas --check", 1, "c: due\n"),
+    ("put other", "", 0, "c: left alone, it is not"), ("rm c/opal-ca-cert.pem", "--days 400", 0, "c: left alone, it"),
+    ("", "x", 1, 'opalcrt: there is no certificate "x"'), (": >DEFAULT", "", 1, "opalcrt: there is no certificate"),
+    ("", "--name " + "a." * 32 + "b", 1, "opalcrt: the first"), ("rm c/cert.pem", "", 1, "opalcrt: the certificate c"),
+    *[("", f"--name ok --name '{name}'", 1, f'opalcrt: "{name}" is neither') for name in ("a b", "a;b", "-a", "a/b")],
+])
+# fmt: on
+def test_renew_leaves_alone(store, scene, arguments, ended, text):
+    store.sh(f"{PUT} {scene}")
+    before, said = stores(store), store.run(f"opalcrt renew {arguments}")
+    assert said.status == ended and said.out.startswith(text) and stores(store) == before
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("scene, names", [("soon", ["kestrel"]), ("good", ["nas.example", "192.0.2.7"])])
+def test_renew_makes_a_new_set_and_gives_it_to_all(store, scene, names):
+    store.sh(f"{PUT} put {scene}; touch c/left-over")
+    given = " ".join(f"--name {name}" for name in names if scene == "good")
+    store.ok(f"opalcrt renew {given}", out=f"c: renewed, for {', '.join(names)}\n{DONE}c: done\n")
+    store.sh("cmp c/cert.pem $P/p/mail/cert.pem; openssl verify -CAfile c/opal-ca-cert.pem $P/p/web/cert.pem")
+    ended, report, _ = status(store)
+    (crt,) = report["certificates"]
+    assert (ended, crt["names"], crt["self_made"]) == (0, names, True) and crt["subject"].endswith(names[0])
+    assert 365 < crt["seconds_left"] / 86400 <= 366 and not {"left-over", "cert_info"} & {
+        *os.listdir(A / "c")
+    }
+    store.sh(f"{PUT} put other $P/p/web")  # as a roll-out leaves it that was cut off
+    store.ok("opalcrt renew", out=DONE.split("\n")[0] + "\nc: done\n")
+
+
+@pytest.mark.slow
+def test_init_makes_the_first_store(store):
+    before = stores(store)
+    store.ok("opalcrt init", out=f"{A}: left as it is\n")
+    assert stores(store) == before
+    store.sh("rm -r $A/* $P/p; mkdir -p $S/._archive.new/x")
+    assert store.run("opalcrt init", inject="?rename,?renameat:signal=KILL:when=1").status and not os.listdir(
+        A
+    )
+    store.sh("unshare --uts sh -c 'hostname nas; opalcrt init'")
+    ended, report, _ = status(store)
+    (crt,) = report["certificates"]
+    assert ended == 0 and crt["names"] == ["kestrel", "nas"] and crt["self_made"] and crt["default"]
+    store.define("p", "web")
+    store.sh("cd $A; opalcrtregister p; cmp */cert.pem $P/p/web/cert.pem")
+    assert store.books() == {"list": ["p/web"], crt["id"]: ["p/web"]} and os.listdir(S) == ["_archive"]
