@@ -16,7 +16,7 @@ def hook(w, folder, end="exit 7"):
 def engine(w):
     w.crt("new")
     w.crt("old")
-    w.books({"new": {"services": [service("web", "q")]}, "old": {"services": [service("web")], "desc": 1}})
+    w.write({"new": {"services": [service("web", "q")]}, "old": {"services": [service("web")], "desc": 1}})
     w.replace("/usr/bin/systemctl", "echo $* >> /run/row/systemctl")
     hook(w, PACKAGE[1])
     return w
@@ -70,7 +70,7 @@ def test_goes_on_after_a_service_that_fails_and_tells_of_each(engine):
 
 @pytest.mark.parametrize("broken", ["{}", '{"services": {}}', "7"])
 def test_leaves_info_alone_where_an_entry_is_broken(engine, broken):
-    engine.books(info=f'{{"new": {{"services": []}}, "old": {broken}}}')
+    engine.write(info=f'{{"new": {{"services": []}}, "old": {broken}}}')
     before = (A / "INFO").read_text()
     assert not engine.call("SetCrtForServices", "new", [service("web")], "old", 0)
     engine.said.logged(

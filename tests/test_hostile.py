@@ -48,7 +48,7 @@ def test_odd_callers_and_planted_things_harm_nobody_else(w, command, out, line):
 @PLAIN
 @pytest.mark.parametrize("command", ["opalcrtregister p", "opalcrtchecksum"])
 def test_a_limit_on_memory_is_a_failure_too(w, command):
-    w.books({"c": {"services": [service("s", "q")] * 5000}})
+    w.write({"c": {"services": [service("s", "q")] * 5000}})
     ends, limit = [], 3500
     while ends[-2:] != [0, 0] and limit < 60000:
         limit += 500

@@ -45,8 +45,8 @@ def test_waits_for_whoever_holds_the_lock(w, command, lock, shared, left, record
     child = w.start(command)
     time.sleep(0.2)
     assert child.poll() is None
-    w.books(services=[service("new", "n")] if lock == SERVICES else None)
-    w.books({"c": {"services": []}, "n": {"services": [service("web")]}} if lock == INFO else None)
+    w.write(services=[service("new", "n")] if lock == SERVICES else None)
+    w.write({"c": {"services": []}, "n": {"services": [service("web")]}} if lock == INFO else None)
     os.close(w.locks.pop())
     child.wait(5)
     assert holder and w.books() == left
@@ -66,7 +66,7 @@ WAITS = [
 
 @pytest.mark.slow
 def test_is_waited_for_no_longer_than_its_time(w):
-    w.books({"c": {"services": []}, "d": {"services": []}})
+    w.write({"c": {"services": []}, "d": {"services": []}})
     w.define("p", "web")
     for path in (INFO, RECOVER, WEB, SERVICES):
         w.hold(path, shared=True)

@@ -15,7 +15,7 @@ WEB, MAIL, SYSTEM = service("web"), service("mail"), service("web", "s", owner="
 def scene(w):
     w.sh("cd $P; mkdir -p p/web p/web.temp p/mail $S/s/web.temp $S/s/web $S/s2/web $A/a/key; >p/web.bak")
     both = {"a": {"desc": 1, "services": [SYSTEM, WEB]}, "b": {"services": [MAIL]}}
-    w.books({**both, "c": 5, "d": {"services": {}}}, [WEB, "stranger", SYSTEM, MAIL])
+    w.write({**both, "c": 5, "d": {"services": {}}}, [WEB, "stranger", SYSTEM, MAIL])
     return w
 
 
@@ -75,7 +75,7 @@ LINKS = """mkdir -p /usr/opal/precious/web/key $S/_archive_/web; cd $S; ln -s /u
 def test_removes_neither_the_archive_nor_what_a_link_leads_to(scene):
     scene.sh(LINKS)
     bad = service("web", "s/../_archive", isPkg=False)
-    scene.books({"a": {"services": [bad]}}, [bad])
+    scene.write({"a": {"services": [bad]}}, [bad])
     before = scene.tree("/usr/opal")
     for arguments in re.split(r"\s\s+", REFUSED):
         name = arguments.replace("''", "").replace(" ", "/")
