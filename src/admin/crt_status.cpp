@@ -26,27 +26,22 @@ namespace {
 UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, const StoreFacts &facts,
                                Json::Value &findings)
 {
-    const auto text = [&](const char *name) -> const std::string & {
-        const FileLook &file = folder.File(prefix + name);
-        if (file.error != 0 && file.error != ENOENT) {
-            Add(findings, "unreadable", prefix + name + ": " + strerror(file.error));
+    const FileLook &crtFile = folder.File(prefix + "cert.pem");
+    const FileLook &keyFile = folder.File(prefix + "privkey.pem");
+    const FileLook &chainFile = folder.File(prefix + "fullchain.pem");
+    UniqueOpenSSL<X509> crt = FirstCrt(crtFile.text);
+    const UniqueOpenSSL<EVP_PKEY> key = FirstKey(keyFile.text);
+    const UniqueOpenSSL<X509> first =
+        chainFile.text.starts_with(crtFile.text) ? nullptr : FirstCrt(chainFile.text);
+    const auto tell = [&](const FileLook &file, const char *name, bool isGood, const char *fault) {
+        if (file.error == 0 ? !isGood : file.error != ENOENT) {
+            Add(findings, "unreadable", prefix + name + (file.error == 0 ? fault : strerror(file.error)));
         }
-        return file.text;
     };
-    const auto isThere = [&](const char *name) { return folder.File(prefix + name).error == 0; };
-    UniqueOpenSSL<X509> crt = FirstCrt(text("cert.pem"));
-    const UniqueOpenSSL<EVP_PKEY> key = FirstKey(text("privkey.pem"));
-    const std::string &chain = text("fullchain.pem");
-    if (crt == nullptr && isThere("cert.pem")) {
-        Add(findings, "unreadable", prefix + "cert.pem holds no certificate");
-    }
-    if (key == nullptr && isThere("privkey.pem")) {
-        Add(findings, "unreadable", prefix + "privkey.pem holds no key without a password");
-    }
-    if (chain.find("----------BEGIN") != std::string::npos) {
-        Add(findings, "unreadable",
-            prefix + "fullchain.pem has two blocks on one line, as no server reads it");
-    }
+    tell(crtFile, "cert.pem: ", crt != nullptr, "it holds no certificate");
+    tell(keyFile, "privkey.pem: ", key != nullptr, "it holds no key without a password");
+    tell(chainFile, "fullchain.pem: ", chainFile.text.find("----------BEGIN") == std::string::npos,
+         "it has two blocks on one line, as no server reads it");
     if (crt == nullptr) {
         return nullptr;
     }
@@ -54,12 +49,10 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, co
         Add(findings, "key-mismatch", prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
     }
     AddTimeFinding(prefix + "cert.pem", *crt, facts.days, findings);
-    if (isThere("fullchain.pem") && !chain.starts_with(text("cert.pem"))) {
-        const UniqueOpenSSL<X509> first = FirstCrt(chain);
-        if (first == nullptr || X509_cmp(first.get(), crt.get()) != 0) {
-            Add(findings, "chain-mismatch",
-                prefix + "fullchain.pem does not begin with " + prefix + "cert.pem");
-        }
+    // Written in another way, it may be the same certificate.
+    if (chainFile.error == 0 && !chainFile.text.starts_with(crtFile.text) &&
+        (first == nullptr || X509_cmp(first.get(), crt.get()) != 0)) {
+        Add(findings, "chain-mismatch", prefix + "fullchain.pem does not begin with cert.pem");
     }
     return crt;
 }
@@ -191,7 +184,7 @@ Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
     if (facts.listed[name] > 1) {
         Add(findings, "listed-twice", "INFO lists it " + std::to_string(facts.listed[name]) + " times");
     }
-    if (facts.knowsRegistered && !facts.registered.contains(name)) {
+    if (facts.registered && !facts.registered->contains(name)) {
         Add(findings, "not-in-services", "SERVICES does not list it");
     }
     return service;

@@ -5,6 +5,7 @@
 
 #include <ctime>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -18,9 +19,9 @@ struct StoreFacts {
     int days = 30;
     std::string defaultId;
     std::map<ServiceName, int> listed;  // how often INFO lists the service
-    std::set<ServiceName> registered;   // what SERVICES lists
-    bool knowsRegistered = false;       // false: SERVICES could not be read
-    std::set<std::string> folders;      // looked at until now
+    // What SERVICES lists; nothing when it cannot be read.
+    std::optional<std::set<ServiceName>> registered;
+    std::set<std::string> folders;  // looked at until now
 };
 
 // Whether an element of a book names a service that can have a folder.

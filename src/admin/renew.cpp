@@ -63,15 +63,11 @@ bool ListNewNames(const Options &options, const Json::Value &crt, std::vector<st
 
 bool MakeNewSet(const std::string &cert_id, const std::vector<std::string> &names)
 {
-    std::string aliasText;
-    for (const std::string &name : names) {
-        aliasText += (aliasText.empty() ? "" : ";") + name;
-    }
     const std::string fresh = GetNewFolderPath(cert_id);
     if (!MakeNewFolder(cert_id)) {
         return false;
     }
-    if (genNamedCrtSet(fresh, names.front(), aliasText) != 0) {
+    if (genNamedCrtSet(fresh, names.front(), Join(names, ";")) != 0) {
         RemovePath(fresh);
         return Refuse("cannot generate a certificate; the system log says why");
     }

@@ -62,11 +62,11 @@ std::string ToShownText(std::string text)
     return text;
 }
 
-std::string Join(const std::vector<std::string> &texts)
+std::string Join(const std::vector<std::string> &texts, const char *separator)
 {
     std::string joined;
     for (const std::string &text : texts) {
-        joined += (joined.empty() ? "" : ", ") + text;
+        joined += (joined.empty() ? "" : separator) + text;
     }
     return joined;
 }

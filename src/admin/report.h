@@ -29,8 +29,7 @@ void Say(bool asJson, const std::string &text);
 // Text from outside as one line of UTF-8 that no terminal obeys: what is none of it becomes "?".
 std::string ToShownText(std::string text);
 
-// "a, b, c"
-std::string Join(const std::vector<std::string> &texts);
+std::string Join(const std::vector<std::string> &texts, const char *separator = ", ");
 
 // Appends {"code", "severity", "text"} to the array `findings`. The code has its severity in the table of report.cpp.
 void Add(Json::Value &findings, const char *code, const std::string &text);

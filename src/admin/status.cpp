@@ -30,12 +30,12 @@ constexpr time_t kRegistrationSeconds = 60;
 // `services` is kept by the caller as long as the facts: they name what stands in it.
 void LookAtServicesBook(const Json::Value &services, StoreFacts &facts, Json::Value &findings)
 {
-    facts.knowsRegistered = services.isArray();
-    if (!facts.knowsRegistered) {
+    if (!services.isArray()) {
         Add(findings, "book-broken",
             std::string("nothing can be registered: ") + kServicesPath + " is missing or no JSON array");
         return;
     }
+    facts.registered.emplace();
     for (const Json::Value &element : services) {
         if (!IsService(element)) {
             Add(findings, "book-broken",
@@ -45,23 +45,16 @@ void LookAtServicesBook(const Json::Value &services, StoreFacts &facts, Json::Va
                 GetString(element, "subscriber") + "/" + GetString(element, "service") +
                     " is registered, but not listed in INFO");
         }
-        facts.registered.insert(NameOf(element));
+        facts.registered->insert(NameOf(element));
     }
 }
 
 void LookAtDefault(const Json::Value &info, const std::string &id, Json::Value &findings)
 {
-    std::string why;
-    if (id.empty()) {
-        why = " names no certificate";
-    } else if (!IsPlainFolderName(id) || !GetMember(info, id.c_str()).isObject()) {
-        why = " names " + id + ", which INFO does not list";
-    } else if (!Exists(GetCrtFolderPath(id))) {
-        why = " names " + id + ", which has no folder in the archive";
-    }
-    if (!why.empty()) {
+    if (!IsPlainFolderName(id) || !GetMember(info, id.c_str()).isObject() || !Exists(GetCrtFolderPath(id))) {
         Add(findings, "default-unusable",
-            std::string("no new service can be registered: ") + kDefaultPath + why);
+            std::string("no new service can be registered: ") + kDefaultPath + " names \"" + id +
+                "\", which INFO does not list or which has no folder");
     }
 }
 
