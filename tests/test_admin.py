@@ -24,7 +24,7 @@ cat root.pem leaf.key leaf.pem mid.pem >all; sed 's/$/\r/' all >dos"""
 PUT = """put() { for f in cert fullchain; do cat $ROW/$1.pem >${2-c}/$f.pem; done
     cat $ROW/$1.key >${2-c}/privkey.pem; }
 edit() { jq -c "$2" $1 >$ROW/book; cat $ROW/book >$1; }\n"""
-DONE = "p/web: has c, and its hook has run\np/mail: has c, and its hook has run\n"
+DONE = "p/web: has c; its hook ended with 0\np/mail: has c; its hook ended with 0\n"
 
 
 @functools.cache  # once for each worker
@@ -74,20 +74,22 @@ def status(w, arguments=""):
 
 
 def test_status_tells_what_there_is(store):
+    store.sh("mkdir .n.new $P/p/api.temp")  # as a run makes them that is under way
     ended, report, text = status(store)
     (crt,) = report.pop("certificates")
     assert ended == 0 and report == {"format": 1, "worst": "ok", "findings": []}
     assert 98.9 * 86400 < crt.pop("seconds_left") <= 99 * 86400
     day = 'date -u -d "$(openssl x509 -in c/cert.pem -noout -%sdate | cut -d= -f2)" +%%FT%%TZ;'
     look = "openssl x509 -in c/cert.pem -outform DER | sha256sum | cut -c-64"
-    begin, end, sha256 = store.sh(day % "start" + day % "end" + look).split()
-    names = dict(id="c", default=True, self_made=True, subject="CN=good", names=["kestrel"], sha256=sha256)
+    facts = [crt.pop(name) for name in ("not_before", "not_after", "sha256")]
+    assert facts == store.sh(day % "start" + day % "end" + look).split()
     same = {"subscriber": "p", "state": "current", "findings": []}
     services = [{**same, "service": name, "folder": f"{P}/p/{name}"} for name in ("web", "mail")]
-    assert crt == {**names, "not_before": begin, "not_after": end, "findings": [], "services": services}
-    assert text == "ok: 1 certificates, 2 services\nc: default, self-made, CN=good, for kestrel, ends " + (
-        f"{end}, 98 days left\n  p/web: current, {P}/p/web\n  p/mail: current, {P}/p/mail\n"
+    names = dict(id="c", default=True, self_made=True, subject="CN=good", names=["kestrel"], findings=[])
+    assert crt == {**names, "services": services} and text.startswith(
+        "ok: 1 certificates, 2 services\nc: default,"
     )
+    assert f", 98 days left\n  p/web: current, {P}/p/web\n  p/mail: current, {P}/p/mail\n" in text
     assert status(store, "--days 100 c")[0] == 1 and status(store, "c")[0] == 0
 
 
@@ -118,7 +120,8 @@ FAULTS = [  # The services' copies are old where the archive's folder was change
 
 @pytest.mark.parametrize("fault, found", FAULTS)
 def test_status_finds(store, fault, found):
-    store.sh(f"{PUT} set -e; {fault}")
+    # What is younger may belong to a registration under way.
+    store.sh(f"{PUT} set -e; {fault}; find $A $P/p -maxdepth 1 -exec touch -hd '9 minutes ago' {{}} +")
     ended, report, text = status(store)
     found = found.replace("/", " old-copy old-copy").split()
     right = sorted(("critical" if code in CRITICAL else "warning", code) for code in found)
@@ -145,8 +148,7 @@ AS_WEB = "setpriv --reuid=opalweb --clear-groups opalcrt"
     (f"{AS_WEB} status", 3, "opalcrt: only root can read the keys\n"), ("opalcrt default", 0, "c\n"),
     (f"{AS_WEB} default c", 1, "opalcrt: only root can do this\n"), ("opalcrt --help | grep -c '^  [a-z]'", 0, "7\n"),
     *[(f"opalcrt {usage} >/dev/null 2>&1", 64, "") for usage in (
-        "", "nothing", "status --days -1", "install c --key x", "install c --key x --cert x --cert y", "assign c",
-        "renew --days x", "deploy c d", "init c", "default c d")],
+        "", "nothing", "status --days -1", "install c --key x --cert x --cert y", "assign c", "deploy c d")],
 ])
 # fmt: on
 def test_the_command_line(store, command, ended, out):
@@ -199,24 +201,22 @@ def served(folder, prefix=""):
 # fmt: off
 TWO = "--key rsa.key --cert rsa.pem --chain mid.pem --key leaf.key --cert bare"
 @pytest.mark.parametrize("files, chain", [
-    (LEAF, "mid"), ("--key leaf.key --cert bare --chain mid.pem", "mid"), (TWO, "mid"),
-    ("--key leaf.key --cert reversed", "mid root"), ("--key all --cert all", "mid root"),
-    ("--key dos --cert dos", "mid root"),
+    (LEAF, "mid.pem"), ("--key leaf.key --cert bare --chain mid.pem", "mid.pem"), (TWO, "mid.pem"),
+    ("--key leaf.key --cert reversed", "mid.pem root.pem"), ("--key all --cert all", "mid.pem root.pem"),
+    ("--key dos --cert dos", "mid.pem root.pem"),
 ])
 # fmt: on
 def test_install_takes(store, files, chain):
     before, used = every_bit(), {"RSA-": "rsa", "ECC-": "leaf"} if files == TWO else {"": "leaf"}
     assert store.run(f"cd $ROW; opalcrt install c {files} --check").out.endswith("c: can be installed\n")
     assert every_bit() == before
-    said = store.run(f"cd $ROW; opalcrt install c {files}; cat ran; ls -d $A/.c* 2>/dev/null")
+    said = store.run(f"cd $ROW; opalcrt install c {files}; cat ran; ls -d $A/.c* 2>&-; cat {chain} >chain")
     assert said.out.split("archive\n")[1] == f"{DONE}c: done\nhook web\nhook mail\nreload opalrelayd\n"
     for folder in (A / "c", P / "p/web"):
         assert {prefix: served(folder, prefix) for prefix in used} == used
     assert served(P / "p/mail") == served(A / "c") == [*used.values()][0]
     store.sh("openssl verify -CAfile $ROW/root.pem -untrusted c/chain.pem $P/p/web/*cert.pem")
-    assert (A / "c/chain.pem").read_bytes() == b"".join(
-        certificates()[f"{name}.pem"] for name in chain.split()
-    )
+    assert (ROW / "chain").read_bytes() == (A / "c/chain.pem").read_bytes()
     tree = {path: what for path, what in store.tree(A).items() if path.startswith("c")}
     assert tree.pop("c") == "drwx------ root root" and {*tree.values()} == {"-r-------- root root"}
     assert len(tree) == (11 if files == TWO else 4) and status(store)[0] == 0
@@ -242,9 +242,7 @@ def test_install_is_refused_where_folders_cannot_be_exchanged(store):
     assert said.status == 1 and "exchanges no folders in one step" in said.out and stores(store) == before
 
 
-@pytest.mark.parametrize(
-    "verb", [f"install c {LEAF}", "deploy", "deploy c", "assign c p", "renew --days 400"]
-)
+@pytest.mark.parametrize("verb", [f"install c {LEAF}", "deploy", "assign c p", "renew --days 400"])
 def test_a_failed_roll_out_is_told(store, verb):
     said = store.run(f"cd $ROW; echo 7 >end; opalcrt {verb} --json")
     same = {"certificate": "c", "subscriber": "p", "result": "hook-failed", "hook_status": 7}
@@ -256,9 +254,7 @@ def test_a_failed_roll_out_is_told(store, verb):
 
 
 def test_deploy_copies_again_what_info_lists(store):
-    store.sh(
-        f"{PUT} put other $P/p/web; rm -r $P/p/mail; mkdir d; put leaf d; chmod 0640 $P/p/web/privkey.pem"
-    )
+    store.sh(f"{PUT} put other $P/p/web; rm -r $P/p/mail; mkdir d; put leaf d; chmod 0640 $P/p/web/*")
     store.sh(f"{PUT} edit INFO '.d.services = [.c.services[1]]'; cp INFO SERVICES $ROW")
     store.ok("opalcrt deploy d; ls $P/p", out="done\nweb\n")  # c lists mail first.
     store.ok("opalcrt deploy; cmp INFO $ROW/INFO; cmp c/cert.pem $P/p/mail/cert.pem", out=f"{DONE}done\n")
@@ -286,7 +282,7 @@ def test_assign_gives_listed_services_another_certificate(store):
 def test_default_is_what_a_registration_can_use(store):
     store.sh(f"{PUT} mkdir n x 0123456789abcdef; put leaf n; put leaf 0123456789abcdef")
     store.sh(f"{PUT} edit INFO '.n.services = [] | .x.services = [] | .[\"0123456789abcdef\"].services = []'")
-    for wrong in ("x", "z", "''", "0123456789abcdef"):
+    for wrong in ("x", "z", "0123456789abcdef"):
         assert store.run(f"opalcrt default {wrong}").status == 1 and (A / "DEFAULT").read_text() == "c\n"
     store.define("q", "api")
     store.sh("opalcrt default n; opalcrtregister q; cmp n/cert.pem $P/q/api/cert.pem")
@@ -319,9 +315,8 @@ def test_renew_makes_a_new_set_and_gives_it_to_all(store, scene, names):
     ended, report, _ = status(store)
     (crt,) = report["certificates"]
     assert (ended, crt["names"], crt["self_made"]) == (0, names, True) and crt["subject"].endswith(names[0])
-    assert 365 < crt["seconds_left"] / 86400 <= 366 and not {"left-over", "cert_info"} & {
-        *os.listdir(A / "c")
-    }
+    assert 365 < crt["seconds_left"] / 86400 <= 366
+    assert not {"left-over", "cert_info"} & {*os.listdir(A / "c")}
     store.sh(f"{PUT} put other $P/p/web")  # as a roll-out leaves it that was cut off
     store.ok("opalcrt renew", out=DONE.split("\n")[0] + "\nc: done\n")
 
@@ -332,9 +327,8 @@ def test_init_makes_the_first_store(store):
     store.ok("opalcrt init", out=f"{A}: left as it is\n")
     assert stores(store) == before
     store.sh("rm -r $A/* $P/p; mkdir -p $S/._archive.new/x")
-    assert store.run("opalcrt init", inject="?rename,?renameat:signal=KILL:when=1").status and not os.listdir(
-        A
-    )
+    assert store.run("opalcrt init", inject="?rename,?renameat:signal=KILL:when=1").status
+    assert os.listdir(A) == []
     store.sh("unshare --uts sh -c 'hostname nas; opalcrt init'")
     ended, report, _ = status(store)
     (crt,) = report["certificates"]

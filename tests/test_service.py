@@ -1,27 +1,26 @@
-# A real server, nginx, set up from nothing but its info, goes on serving while its certificate is changed twenty times:
-# no connection fails, and each client gets the new certificate soon. nginx runs as the service's owner, and refuses a
+# A real server, nginx, set up from nothing but its info, goes on serving while another certificate is installed twenty
+# times and services are registered and taken back: nothing of that fails, no connection does, and each client gets the
+# new certificate soon. nginx runs as the service's owner, and refuses a
 # certificate without its key.
 import json, signal, socket, ssl, threading, time
 
 import pytest
-from conftest import D, P, ROW, service
+from conftest import A, D, P, ROW
 
 CHANGES, PATIENCE, PORT = 20, 10, 4433
 # What a client offers. The subject of each certificate says its number, and the type of its key.
 OFFERS = {"RSA": "ECDHE-RSA-AES128-GCM-SHA256", "ECC": "ECDHE-ECDSA-AES128-GCM-SHA256", "": None}
 CERTIFICATES = """
-openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=CA -days 2 -keyout $ROW/ca.key -out $ROW/ca.pem
+openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=CA -days 99 -keyout $ROW/ca.key -out $ROW/ca.pem
 for id in $(seq -w 0 20); do
-    mkdir c$id
+    mkdir $ROW/c$id; cd $ROW/c$id
     for type in RSA=rsa_keygen_bits:2048 ECC=ec_paramgen_curve:P-256; do
         option=${type#*=} type=${type%=*}
-        openssl req -x509 -CA $ROW/ca.pem -CAkey $ROW/ca.key -newkey ${option%%_*} -pkeyopt $option -nodes -days 2 \
+        openssl req -x509 -CA $ROW/ca.pem -CAkey $ROW/ca.key -newkey ${option%%_*} -pkeyopt $option -nodes -days 99 \
             -subj /O=$type/CN=c$id -addext subjectAltName=DNS:kestrel -addext basicConstraints=critical,CA:false \
-            -keyout c$id/$type-privkey.pem -out c$id/$type-cert.pem
-        cat c$id/$type-cert.pem $ROW/ca.pem >c$id/$type-fullchain.pem
+            -keyout $type-privkey.pem -out $type-cert.pem
+        cat $type-cert.pem $ROW/ca.pem >$type-fullchain.pem
     done
-    for name in cert privkey fullchain; do cp c$id/RSA-$name.pem c$id/$name.pem; done
-    echo '{"key_types": "ECC/RSA"}' >c$id/renew.json
 done 2>$ROW/errors"""
 NGINX = """worker_processes 2; pid /run/row/nginx.pid; error_log /run/row/nginx.log warn;
 events { worker_connections 256; }
@@ -32,9 +31,27 @@ http {
 }"""
 
 
-def change(w, number):
-    web = service("web", "shop", multiple_cert=True)
-    assert w.call("SetCrtForServices", f"c{number:02}", [web], f"c{number - 1:02}", 0)
+def install(w, number, how=""):
+    pairs = (
+        f"--key $ROW/c{number:02}/{key}-privkey.pem --cert $ROW/c{number:02}/{key}-fullchain.pem"
+        for key in OFFERS
+        if key
+    )
+    w.sh(f"opalcrt install c {how} {' '.join(pairs)}")
+
+
+# Registers and takes back services of another subscriber, again and again.
+class Neighbour(threading.Thread):
+    def __init__(self, w):
+        super().__init__()
+        self.w, self.statuses, self.is_over = w, [], False
+
+    def run(self):
+        while not self.is_over:
+            self.w.define("new", "a", "b")
+            for command in ("opalcrtregister new", "opalcrtunregister new b"):
+                child = self.w.start(command)
+                self.statuses.append((child.communicate()[0], child.returncode))
 
 
 class Client(threading.Thread):
@@ -65,7 +82,8 @@ class Client(threading.Thread):
 @pytest.mark.service
 def test_a_server_serves_while_its_certificate_is_changed_twenty_times(w):
     w.sh(CERTIFICATES)
-    w.write(info={f"c{number:02}": {"services": []} for number in range(CHANGES + 1)}, default="c00")
+    w.sh("rm -r c")
+    install(w, 0)
     w.define("shop", {"service": "web", "display_name": "The web", "multiple_cert": True})
     w.ok("opalcrtregister shop")
     certs = json.loads((P / "shop/web/info").read_text())["certs"]
@@ -77,22 +95,25 @@ def test_a_server_serves_while_its_certificate_is_changed_twenty_times(w):
     nginx = w.start(f"exec {as_owner} nginx -e /run/row/nginx.log -c /run/row/nginx.conf -g 'daemon off;'")
     w.sh("until [ -s $ROW/nginx.pid ]; do sleep 0.05; done")
     clients = [Client(*offer) for offer in OFFERS.items()]
-    for client in clients:
-        client.start()
+    neighbour = Neighbour(w)
+    for thread in (*clients, neighbour):
+        thread.start()
     try:
         for number in range(CHANGES + 1):
             if number > 0:
-                change(w, number)
+                install(w, number)
             end = time.monotonic() + PATIENCE
             while any(client.seen < number for client in clients) and time.monotonic() < end:
                 time.sleep(0.005)
             assert [client.seen for client in clients] == [number] * len(clients)
             time.sleep(0.3)  # in which the old workers end
     finally:
-        for client in clients:
-            client.is_over = True
-            client.join()
+        for thread in (*clients, neighbour):
+            thread.is_over = True
+            thread.join()
+    assert {*neighbour.statuses} == {(b"", 0)} and len(neighbour.statuses) > CHANGES
     assert [client.wrong for client in clients] == [[]] * len(clients)
     nginx.send_signal(signal.SIGQUIT)
     nginx.wait(PATIENCE)
-    assert (ROW / "nginx.log").read_text() == "" and [*w.books().items()].count(("c20", ["shop/web"])) == 1
+    assert (ROW / "nginx.log").read_text() == "" and not (A / "c/cert_info").exists()
+    assert w.sh("opalcrt status").startswith("ok: ") and w.books()["c"][0] == "shop/web"

@@ -27,14 +27,22 @@ RecoverLock::RecoverLock() : lock(kRecoverLock, kLockExclusive, kRecoverLockSeco
 
 std::string GetNewFolderPath(const std::string &cert_id) { return GetCrtFolderPath("." + cert_id + ".new"); }
 
+bool RemoveNewFolder(const std::string &cert_id)
+{
+    // It may be the old folder: if a power cut takes the exchange back, that must still be whole.
+    const std::string fresh = GetNewFolderPath(cert_id);
+    return (SyncPath(kArchive) && RemovePath(fresh)) ||
+           RefuseCall("cannot sync the archive, or remove " + fresh + "; run the same command again");
+}
+
 bool MakeNewFolder(const std::string &cert_id)
 {
     const std::string fresh = GetNewFolderPath(cert_id);
-    return (RemovePath(fresh) && OPALFSMkdirP(fresh.c_str(), nullptr, 0, 0, 0, 0700) == 0) ||
-           RefuseCall("cannot make " + fresh);
+    return RemoveNewFolder(cert_id) &&
+           (OPALFSMkdirP(fresh.c_str(), nullptr, 0, 0, 0, 0700) == 0 || RefuseCall("cannot make " + fresh));
 }
 
-bool ExchangeFolder(const std::string &cert_id)
+int ExchangeFolder(const std::string &cert_id)
 {
     const std::string folder = GetCrtFolderPath(cert_id);
     const std::string fresh = GetNewFolderPath(cert_id);
@@ -44,16 +52,9 @@ bool ExchangeFolder(const std::string &cert_id)
         RefuseCall("cannot replace " + folder +
                    (isUnable ? ": its file system exchanges no folders in one step" : ""));
         RemovePath(fresh);
-        return false;
+        return kRefused;
     }
-    // Whatever fails now, the new folder stands.
-    if (!SyncPath(kArchive)) {
-        RefuseCall(folder + " is replaced, but that may not survive a power cut");
-    }
-    if (!RemovePath(fresh)) {
-        Refuse(folder + " is replaced, but the old one is still there; remove it: " + fresh);
-    }
-    return true;
+    return RemoveNewFolder(cert_id) ? kDone : kPartlyChanged;
 }
 
 bool ReadInfo(Json::Value &info)

@@ -26,9 +26,13 @@ std::string GetNewFolderPath(const std::string &cert_id);
 // Makes it anew, empty and for root alone. False, told.
 bool MakeNewFolder(const std::string &cert_id);
 
+// Removes what a run that was cut off, or could not end its work, has left there. False, told.
+bool RemoveNewFolder(const std::string &cert_id);
+
 // Exchanges it, whose files are on the disk, with the certificate's folder, or moves it there when there is none, and
-// removes the old one. False, told, with the archive as it was.
-bool ExchangeFolder(const std::string &cert_id);
+// removes the old one. The exit status: after kRefused the archive is as it was; after kPartlyChanged the new folder
+// stands, but may not survive a power cut, or the old one is not removed.
+int ExchangeFolder(const std::string &cert_id);
 
 // INFO as it is now. False, told, when it is no JSON object.
 bool ReadInfo(Json::Value &info);

@@ -64,12 +64,12 @@ bool IsAllowed(const Json::Value &findings)
     return isAllowed;
 }
 
-// The folder is root's alone and empty. The files get their mode when they have their content.
+// The folder is root's alone and empty.
 bool WriteFiles(const std::string &folder, const InstallFiles &files)
 {
     for (const auto &[name, text] : files) {
         const std::string path = folder + "/" + name;
-        if (!WriteNewFile(path, text, std::string()) || chmod(path.c_str(), 0400) != 0) {
+        if (!WriteNewFile(path, text, std::string(), 0400)) {
             RefuseCall("cannot write " + path);
             RemovePath(folder);
             return false;
@@ -97,10 +97,11 @@ int PutIntoArchive(const Options &options, const InstallFiles &files)
     Json::Value findings(Json::arrayValue);
     CheckId(options, files, findings);  // Another run may have changed the archive since the first look.
     if (!lock || !IsAllowed(findings) || !MakeNewFolder(options.id) ||
-        !WriteFiles(GetNewFolderPath(options.id), files) || !ExchangeFolder(options.id)) {
+        !WriteFiles(GetNewFolderPath(options.id), files)) {
         return kRefused;
     }
-    return !options.isNew || AddToInfo(options.id) ? kDone : kPartlyChanged;
+    const int status = ExchangeFolder(options.id);
+    return status != kDone || !options.isNew || AddToInfo(options.id) ? status : kPartlyChanged;
 }
 
 }  // namespace
@@ -122,7 +123,7 @@ int Install(const Options &options)
         return End(report, options.asJson, kDone, "can be installed");
     }
     if (const int status = PutIntoArchive(options, files); status != kDone) {
-        return End(report, options.asJson, status, status == kRefused ? "refused" : "not in INFO");
+        return End(report, options.asJson, status, status == kRefused ? "refused" : "not all is done");
     }
     Say(options.asJson, options.id + ": in the archive");
     return RollOutCrt(options, report);

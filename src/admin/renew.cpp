@@ -61,11 +61,11 @@ bool ListNewNames(const Options &options, const Json::Value &crt, std::vector<st
            Refuse("the first name must have 1 to 64 bytes; give others with --name");
 }
 
-bool MakeNewSet(const std::string &cert_id, const std::vector<std::string> &names)
+int MakeNewSet(const std::string &cert_id, const std::vector<std::string> &names)
 {
     const std::string fresh = GetNewFolderPath(cert_id);
     if (!MakeNewFolder(cert_id)) {
-        return false;
+        return kRefused;
     }
     if (genNamedCrtSet(fresh, names.front(), Join(names, ";")) != 0) {
         RemovePath(fresh);
@@ -85,7 +85,8 @@ int RollOutRest(const Options &options, const Json::Value &info, const Json::Val
     const ServicesByCrt services = ListServices(info);
     for (const Json::Value &service : services.at(options.id)) {
         const auto isBehind = [&service](const Json::Value &looked) {
-            return NameOf(looked) == NameOf(service) && looked["state"] != "current";
+            return NameOf(looked) == NameOf(service) &&
+                   (looked["state"] != "current" || Exists(looked["folder"].asString() + ".bak"));
         };
         if (!isMended && std::any_of(crt["services"].begin(), crt["services"].end(), isBehind)) {
             rest.append(service);
@@ -123,8 +124,14 @@ int Renew(const Options &given)
     if (options.onlyCheck) {
         return End(report, options.asJson, isDue ? kRefused : kDone, isDue ? "due" : "not due");
     }
-    if (isDue && !MakeNewSet(options.id, names)) {
-        return End(report, options.asJson, kRefused, "refused");
+    int status = kDone;
+    if (isDue) {
+        status = MakeNewSet(options.id, names);
+    } else if (Exists(GetNewFolderPath(options.id)) && !RemoveNewFolder(options.id)) {
+        status = kRefused;
+    }
+    if (status != kDone) {
+        return End(report, options.asJson, status, status == kRefused ? "refused" : "not all is done");
     }
     lock.reset();
     if (!isDue) {

@@ -17,11 +17,11 @@ namespace opalcrt {
 namespace {
 
 // Gives the open file the mode and owner of the model, or 0644 when there is none.
-bool TakeModeAndOwner(int fd, const std::string &modelPath)
+bool TakeModeAndOwner(int fd, const std::string &modelPath, mode_t mode)
 {
     struct stat model = {};
     if (stat(modelPath.c_str(), &model) != 0) {
-        return errno == ENOENT && fchmod(fd, 0644) == 0;
+        return errno == ENOENT && fchmod(fd, mode) == 0;
     }
     // The owner first: fchown clears set-id bits, and fchmod then sets exactly what the model has.
     return fchown(fd, model.st_uid, model.st_gid) == 0 && fchmod(fd, model.st_mode & 07777) == 0;
@@ -42,14 +42,14 @@ bool WriteAll(int fd, const std::string &text)
     return true;
 }
 
-bool WriteNewFile(const std::string &path, const std::string &text, const std::string &modelPath)
+bool WriteNewFile(const std::string &path, const std::string &text, const std::string &modelPath, mode_t mode)
 {
     // O_EXCL on a name that was just removed: nothing that stands there is ever written through.
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
         return SET_PLATFORM_ERRNO(errno);
     }
     UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (fd.IsOpen() && TakeModeAndOwner(fd.Get(), modelPath) && WriteAll(fd.Get(), text) &&
+    if (fd.IsOpen() && TakeModeAndOwner(fd.Get(), modelPath, mode) && WriteAll(fd.Get(), text) &&
         fsync(fd.Get()) == 0 && fd.Close() == 0) {
         return true;
     }

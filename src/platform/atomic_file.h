@@ -1,15 +1,18 @@
 // Putting files and folders on the disk so that a power cut leaves the old state or the new one.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 namespace opalcrt {
 
 // Makes the file anew with this text and syncs it, but not the folder: for the caller that renames it afterwards.
 // Whatever has this name is removed before, so that no link is followed and no other name changes. Mode and owner are
-// those of `modelPath` where that exists, else 0644 whatever the umask. False with errno and the platform error state
+// those of `modelPath` where that exists, else `mode` whatever the umask. False with errno and the platform error state
 // set; nothing has this name then.
-bool WriteNewFile(const std::string &path, const std::string &text, const std::string &modelPath);
+bool WriteNewFile(const std::string &path, const std::string &text, const std::string &modelPath,
+                  mode_t mode = 0644);
 
 // rename(2) and the sync of the folder it leads to. False with errno and the error state set; when only the sync has
 // failed, the new name stands but may not survive a power cut.
