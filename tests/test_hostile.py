@@ -86,7 +86,7 @@ def test_files_are_the_owners_and_his_groups_and_folders_are_roots(w, owner):
     assert tree.pop("p/web/info") == "-rw-r--r-- root root" and {*tree.values()} == {"-r-------- long 64104"}
 
 
-PROBE = r"""(tr '\0' '\n' < /proc/$$/environ; cd /proc/$$/fd; echo $(readlink 0 1 2) $(ls | grep -vx 10); umask
+PROBE = r"""(tr '\0' '\n' < /proc/$$/environ; cd /proc/$$/fd; echo $(readlink 0 1 2) $(ls | grep -vx -e 10 -e 255); umask
     readlink /proc/$$/cwd; grep -E 'Sig(Blk|Ign)' /proc/self/status; ulimit -t) > /run/row/seen.${0##*/}"""
 SEEN = """PATH=/usr/sbin:/usr/bin:/sbin:/bin\nHOME=/root\nLC_ALL=C\n/dev/null /dev/null /dev/null 0 1 2\n%s\n/
 SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n%s\n"""
@@ -97,7 +97,7 @@ HOOK = f"""{CALL} ReloadService '[{{"subscriber": "p", "service": "web", "isPkg"
 @pytest.mark.parametrize("inject", [None, "close_range:error=EPERM -f"])
 def test_children_get_nothing_of_the_caller(w, inject):
     w.replace("/bin/cp", f'{PROBE}; exec $REAL "$@"')
-    w.sh(f"cat > $D/p <<'END'\n#!/bin/sh\n{PROBE}\nEND\nchmod 0755 $D/p")
+    w.sh(f"cat > $D/p <<'END'\n#!/bin/bash\n{PROBE}\nEND\nchmod 0755 $D/p")
     w.define("p", "web")
     caller = "umask 0777; exec 5</etc/passwd 7>$ROW/x; cd /usr; export X=1; exec env --ignore-signal=HUP --block-signal=TERM"
     for command, name, *seen in (("opalcrtregister p", "cp", "0077", "30"), (HOOK, "p", "0022", "unlimited")):
