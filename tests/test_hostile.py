@@ -106,7 +106,7 @@ def test_children_get_nothing_of_the_caller(w, inject):
     w.replace("/bin/cp", f'{PROBE}; exec $REAL "$@"')
     w.sh(f"cat > $D/p <<'END'\n#!/bin/sh\n{PROBE}\nEND\nchmod 0755 $D/p")
     w.define("p", "web")
-    caller = "umask 0777; exec 5</etc/passwd 7>$ROW/x; cd /usr; export X=1; exec env --ignore-signal=HUP --block-signal=TERM"
+    caller = "umask 0777; exec 5</etc/passwd 7>$ROW/x; cd /usr; export X=1; exec env --ignore-signal=HUP,PIPE,CHLD --block-signal=TERM,USR1"
     for command, name, seen in (
         ("opalcrtregister p", "cp", ("0077", "30")),
         (HOOK, "p", ("0022", "unlimited")),

@@ -7,53 +7,33 @@ from conftest import A, ROW
 
 SSL = Path("/usr/opal/etc/ssl")
 SERIAL, MAC = SSL / ".mkcert.serial", Path("/proc/sys/kernel/opal_mac_address1")
-CSR = """[ req ]
-default_bits                    = 1024
-distinguished_name              = req_DN
-prompt                          = no
-[ req_DN ]
-"""
-CA = """extensions = x509v3
-[ x509v3 ]
-subjectAltName   = email:copy
-basicConstraints = CA:true,pathlen:0
-nsComment        = "mod_ssl generated custom CA certificate"
-nsCertType       = sslCA
-"""
-SERVER = """extensions = x509v3
-[ x509v3 ]
-subjectAltName   = email:copy
-nsComment        = "mod_ssl generated custom server certificate"
-nsCertType       = server
-keyUsage         = critical, digitalSignature, keyEncipherment
-extendedKeyUsage = serverAuth, clientAuth
-"""
-NAMES = 'subjectAltName = "DNS:kestrel, IP:192.168.1.5, IP:fe80::1, DNS:1.2.3.4:80, DNS:*.x"\n'
-KEYS = "countryName stateOrProvinceName localityName 0.organizationName organizationalUnitName commonName emailAddress"
-
-
-@pytest.mark.parametrize(
-    "function, arguments, text",
-    [
-        (
-            "modifyCsrCfg",
-            [list("cslount")],
-            CSR + "".join(f"{key:32}= '{v}'\n" for key, v in zip(KEYS.split(), "cslount")),
-        ),
-        (
-            "modifyCsrCfg",
-            [["", "", "l", "", "", "it's"]],
-            CSR + f"{'localityName':32}= 'l'\n{'commonName':32}= 'it's'\n",
-        ),
-        ("genCACnf", [], CA),
-        ("genServerCnf", [["", ""]], SERVER),
-        (
-            "genServerCnf",
-            [["", "kestrel", "", "192.168.1.5", "fe80::1", "1.2.3.4:80", "*.x"]],
-            SERVER + NAMES,
-        ),
-    ],
+KEYS = "countryName stateOrProvinceName localityName 0.organizationName organizationalUnitName commonName".split()
+CSR = (
+    f"[ req ]\n{'default_bits':32}= 1024\n{'distinguished_name':32}= req_DN\n{'prompt':32}= no\n[ req_DN ]\n"
 )
+EXTENSIONS = "extensions = x509v3\n[ x509v3 ]\nsubjectAltName   = email:copy\n"
+CA = (
+    EXTENSIONS
+    + """basicConstraints = CA:true,pathlen:0
+nsComment        = "mod_ssl generated custom CA certificate"\nnsCertType       = sslCA\n"""
+)
+SERVER = (
+    EXTENSIONS
+    + """nsComment        = "mod_ssl generated custom server certificate"\nnsCertType       = server
+keyUsage         = critical, digitalSignature, keyEncipherment\nextendedKeyUsage = serverAuth, clientAuth\n"""
+)
+NAMES = 'subjectAltName = "DNS:kestrel, IP:192.168.1.5, IP:fe80::1, DNS:1.2.3.4:80, DNS:*.x"\n'
+ALL, SOME = (dict(zip([*KEYS, "emailAddress"], each)) for each in ("cslount", ["", "", "l", "", "", "it's"]))
+
+
+# fmt: off
+@pytest.mark.parametrize("function, arguments, text", [
+    *[("modifyCsrCfg", [[*each.values()]], CSR + "".join(f"{key:32}= '{v}'\n" for key, v in each.items() if v))
+      for each in (ALL, SOME)],
+    ("genCACnf", [], CA), ("genServerCnf", [["", ""]], SERVER),
+    ("genServerCnf", [["", "kestrel", "", "192.168.1.5", "fe80::1", "1.2.3.4:80", "*.x"]], SERVER + NAMES),
+])
+# fmt: on
 def test_configuration_files_byte_for_byte(w, function, arguments, text):
     path = Path("/usr/opal/deep/er/file")
     for _ in range(2):  # Made with its folders, then replaced.
@@ -63,9 +43,8 @@ def test_configuration_files_byte_for_byte(w, function, arguments, text):
     # Not written whole it is removed: openssl would sign without what is missing.
     w.tmpfs("/usr/opal/deep", "size=4k")
     w.sh("cat /dev/zero > /usr/opal/deep/fill || :")
-    assert w.call(function, "/usr/opal/deep/file", *arguments) == 0 and os.listdir("/usr/opal/deep") == [
-        "fill"
-    ]
+    assert w.call(function, "/usr/opal/deep/file", *arguments) == 0
+    assert os.listdir("/usr/opal/deep") == ["fill"]
 
 
 @pytest.mark.parametrize("plant", ["mkfifo $ROW/x", "ln -s /dev/full $ROW/x", "mkdir $ROW/x"])
@@ -83,56 +62,48 @@ def crt(ca=CAFILE, serial="", out="", key=F, days=1):
     return ["genCrt", f"{ROW}/ext", F, ca, serial, out, key, not out, days, "kestrel"]
 
 
-@pytest.mark.parametrize(
-    "call, trail",
-    [
-        (["genDirectory", ""], ["Failed to generate directory with invalid parameters"]),
-        (["modifyCsrCfg", "", []], ["modifyCsrCfg sanity failed.[0x"]),
-        (["genCACnf", None], ["CA CNF name is null or empty.[0x"]),
-        (["genServerCnf", "", []], ["Server CNF name is null or empty.[0x"]),
-        (["genServerCnf", F, None], ["alias list is null"]),
-        (["genKey", NONE, 0], ["Failed to genKey with invalid parameters"]),
-        (["genKey", str(ROW), 2048], ["Error when execute"]),
-        (
-            ["genKey", f"{F}/key", 2048],
-            [f"Failed to mkdir -p [{F}] (5)", f"Failed to generate directory for {F}/key"],
-        ),
-        (["genCsr", CAFILE, F, NONE, None], ["Failed to generate csr with invalid paramters"]),
-        (["genCsr", CAFILE, NONE, NONE, []], ["Key is not existed"]),
-        (["genCsr", str(ROW), F, NONE, []], ["Failed to generate csr config file failed"]),
-        (["genCsr", CAFILE, F, NONE, []], ["Create CSR failed, command"]),
-        (crt(days=0), ["genCrt params invalid"]),
-        (crt(key=NONE), ["Key is not existed"]),
-        (crt(serial=NONE, out=NONE), ["Serial file is not existed"]),
-        (crt(out=NONE), ["genCrt params invalid"]),
-        (crt(ca=f"{F}/ca"), ["generate directory failed"]),
-        (crt(), ["Error when execute"]),
-        (["genDefaultCrtSet", ""], ["Invalid paramter []", "Generate CA key & crt failed"]),
-    ],
-)
+# fmt: off
+@pytest.mark.parametrize("call, trail", [
+    (["genDirectory", ""], ["Failed to generate directory with invalid parameters"]),
+    (["modifyCsrCfg", "", []], ["modifyCsrCfg sanity failed.[0x"]),
+    (["genCACnf", None], ["CA CNF name is null or empty.[0x"]),
+    (["genServerCnf", "", []], ["Server CNF name is null or empty.[0x"]),
+    (["genServerCnf", F, None], ["alias list is null"]),
+    (["genKey", NONE, 0], ["Failed to genKey with invalid parameters"]),
+    (["genKey", str(ROW), 2048], ["Error when execute"]),
+    (["genKey", f"{F}/k", 2048], [f"Failed to mkdir -p [{F}] (5)", f"Failed to generate directory for {F}/k"]),
+    (["genCsr", CAFILE, F, NONE, None], ["Failed to generate csr with invalid paramters"]),
+    (["genCsr", CAFILE, NONE, NONE, []], ["Key is not existed"]),
+    (["genCsr", str(ROW), F, NONE, []], ["Failed to generate csr config file failed"]),
+    (["genCsr", CAFILE, F, NONE, []], ["Create CSR failed, command"]),
+    (crt(days=0), ["genCrt params invalid"]), (crt(key=NONE), ["Key is not existed"]),
+    (crt(serial=NONE, out=NONE), ["Serial file is not existed"]), (crt(out=NONE), ["genCrt params invalid"]),
+    (crt(ca=f"{F}/ca"), ["generate directory failed"]), (crt(), ["Error when execute"]),
+    (["genDefaultCrtSet", ""], ["Invalid paramter []", "Generate CA key & crt failed"]),
+])
+# fmt: on
 def test_what_cannot_be_is_told(w, call, trail):
     Path(F).touch()
     assert w.call(*call) == -1 and w.said.logged(*(f"mkcert.cpp {line}" for line in trail))
 
 
-@pytest.mark.parametrize("mac, serial", [("001132a1b2c3\n", "b2c3\n1"), ("001132a1b2c3", "b2c3"), ("0011\n", ""),
-                                         ("0" * 38, "0" * 21 + "1"), ("00:11:32:a1:b2:c3\n", ":a1:b2:c3\n")])  # fmt: skip
+# fmt: off
+@pytest.mark.parametrize("mac, serial", [
+    ("001132a1b2c3\n", "b2c3\n1"), ("001132a1b2c3", "b2c3"), ("0011\n", ""), ("0" * 38, "0" * 21 + "1"),
+    ("00:11:32:a1:b2:c3\n", ":a1:b2:c3\n"),
+])
 def test_the_ordinary_serial_file_byte_for_byte(w, mac, serial):
     SSL.mkdir()
     MAC.write_text(mac)
     assert w.call("genSerialFile") == 0
-    text = SERIAL.read_text()
-    assert text[:10].isdigit() and text[10:] == serial
+    assert (text := SERIAL.read_text())[:10].isdigit() and text[10:] == serial
 
 
-@pytest.mark.parametrize(
-    "scene, line",
-    [
-        ("mkdir $L; : > $M", "Fetch /proc/sys/kernel/opal_mac_address1 failed ("),
-        ("mkdir $L; rm $M", "Open /proc/sys/kernel/opal_mac_address1 failed ("),
-        (":", "Open /usr/opal/etc/ssl/.mkcert.serial failed"),
-    ],
-)
+@pytest.mark.parametrize("scene, line", [
+    ("mkdir $L; : > $M", f"Fetch {MAC} failed ("), ("mkdir $L; rm $M", f"Open {MAC} failed ("),
+    (":", f"Open {SERIAL} failed"),
+])
+# fmt: on
 def test_a_serial_file_that_cannot_be_made(w, scene, line):
     w.sh(f"L={SSL} M={MAC}; {scene}")
     assert w.call("genSerialFile") == -1 and w.said.logged("mkcert.cpp " + line)
@@ -144,51 +115,48 @@ def test_a_set_is_made_whatever_serial_stands_there(w):
     assert w.call("genDefaultCrtSet", str(A / "c")) == 0
     first = int(SERIAL.read_text(), 16)
     key, cert, request = A / "c/opal-ca-privkey.pem", A / "c/opal-ca-cert.pem", SSL / ".gen/server.csr"
+    sign = ["genServerCrt", str(request), str(cert), f"{ROW}/out", str(key), 9, "kestrel"]
     for bad in ("", "123\n", "-12\n", "xy\n", "12 34 \\\n", None):
         SERIAL.unlink()
         SERIAL.write_text(bad) if bad is not None else os.mkfifo(SERIAL)
-        assert w.call("genServerCrt", str(request), str(cert), f"{ROW}/out", str(key), 9, "kestrel") == 0, bad
-        assert int(SERIAL.read_text().split("\n")[0], 16) > 2**32
+        assert w.call(*sign) == 0 and int(SERIAL.read_text().split("\n")[0], 16) > 2**32, bad
     SERIAL.write_text("0A\n")
-    assert w.call("genServerCrt", str(request), str(cert), f"{ROW}/out", str(key), 9, "kestrel") == 0
-    assert SERIAL.read_text() == "0B\n" and first > 2**32
+    assert w.call(*sign) == 0 and SERIAL.read_text() == "0B\n" and first > 2**32
+
+
+RUNS = """genrsa -rand /dev/urandom -out C/opal-ca-privkey.pem 2048
+req -config S/cfg.d/ca.cfg -new -sha256 -key C/opal-ca-privkey.pem -out S/ssl.csr/ca.csr
+x509 -extfile S/cfg.d/ca.crt.cfg -days 366 -in S/ssl.csr/ca.csr -req -sha256 -out C/opal-ca-cert.pem \
+-signkey C/opal-ca-privkey.pem
+genrsa -rand /dev/urandom -out C/privkey.pem 2048
+req -config S/cfg.d/server.cfg -new -sha256 -key C/privkey.pem -out S/.gen/server.csr
+x509 -extfile S/cfg.d/server.crt.cfg -days 366 -in S/.gen/server.csr -req -sha256 -out C/cert.pem \
+-CAserial S/.mkcert.serial -CA C/opal-ca-cert.pem -CAkey C/opal-ca-privkey.pem
+"""
 
 
 def test_the_set_is_what_a_client_trusts(w):
-    names = dict(zip(("countryName", "localityName", "organizationName"), ("TW", "Taipel", "Kestrel Inc.")))
-    (A / "c/keep").touch()
-    runs = f"{ROW}/runs"
-    w.replace("/usr/bin/openssl", f'echo "$@" >> {runs}; exec $REAL "$@"')
+    names = {"countryName": "TW", "localityName": "Taipel", "organizationName": "Kestrel Inc."}
+    w.sh("touch c/keep")
+    w.replace("/usr/bin/openssl", 'echo "$@" >> /run/row/runs; exec $REAL "$@"')
     assert w.call("genDefaultCrtSet", str(A / "c")) == 0 and w.said.log == []
+    runs = (ROW / "runs").read_text().replace(str(A / "c"), "C").replace(str(SSL), "S")
+    assert runs.startswith(RUNS)
     tree = w.tree(A / "c")
-    files = ["cert.pem", "fullchain.pem", "opal-ca-cert.pem", "opal-ca-privkey.pem", "privkey.pem"]
-    assert sorted(tree) == sorted(["keep", *files])
-    assert all(tree[name] == "-r-------- root root" for name in files)
+    assert tree.pop("keep") and {*tree.values()} == {"-r-------- root root"}
+    assert [*tree] == ["cert.pem", "fullchain.pem", "opal-ca-cert.pem", "opal-ca-privkey.pem", "privkey.pem"]
     server, ca = (ssl._ssl._test_decode_cert(f"{A}/c/{name}") for name in ("cert.pem", "opal-ca-cert.pem"))
-    said = {part: dict(pair for each in ca[part] for pair in each) for part in ("subject", "issuer")}
-    assert said["subject"] == said["issuer"] == {**names, "commonName": "Kestrel Inc. CA"}
-    assert dict(pair for each in server["subject"] for pair in each) == {**names, "commonName": "kestrel"}
-    assert server["issuer"] == ca["subject"] and server["subjectAltName"] == (("DNS", "kestrel"),)
+    said = [dict(pair for each in name for pair in each) for name in (ca["subject"], server["subject"])]
+    assert said == [{**names, "commonName": "Kestrel Inc. CA"}, {**names, "commonName": "kestrel"}]
+    assert ca["issuer"] == server["issuer"] == ca["subject"]
+    assert server["subjectAltName"] == (("DNS", "kestrel"),)
     for each in (server, ca):
-        assert (
-            ssl.cert_time_to_seconds(each["notAfter"]) - ssl.cert_time_to_seconds(each["notBefore"])
-            == 366 * 86400
-        )
+        begin, end = (ssl.cert_time_to_seconds(each[when]) for when in ("notBefore", "notAfter"))
+        assert end - begin == 366 * 86400
     w.sh("openssl verify -CAfile c/opal-ca-cert.pem -verify_hostname kestrel -purpose sslserver c/cert.pem")
     for key in ("privkey", "opal-ca-privkey"):
         assert len(w.sh(f"openssl rsa -in c/{key}.pem -noout -modulus")) == len("Modulus=\n") + 512
-    assert (A / "c/cert.pem").read_bytes() == (A / "c/fullchain.pem").read_bytes()
-    C, G = A / "c", f"{SSL}/.gen/server.csr"
-    assert Path(runs).read_text().split("\n")[:6] == [
-        f"genrsa -rand /dev/urandom -out {C}/opal-ca-privkey.pem 2048",
-        f"req -config {SSL}/cfg.d/ca.cfg -new -sha256 -key {C}/opal-ca-privkey.pem -out {SSL}/ssl.csr/ca.csr",
-        f"x509 -extfile {SSL}/cfg.d/ca.crt.cfg -days 366 -in {SSL}/ssl.csr/ca.csr -req -sha256 "
-        f"-out {C}/opal-ca-cert.pem -signkey {C}/opal-ca-privkey.pem",
-        f"genrsa -rand /dev/urandom -out {C}/privkey.pem 2048",
-        f"req -config {SSL}/cfg.d/server.cfg -new -sha256 -key {C}/privkey.pem -out {G}",
-        f"x509 -extfile {SSL}/cfg.d/server.crt.cfg -days 366 -in {G} -req -sha256 -out {C}/cert.pem -CAserial {SERIAL} "
-        f"-CA {C}/opal-ca-cert.pem -CAkey {C}/opal-ca-privkey.pem",
-    ]
+    w.sh("cmp c/cert.pem c/fullchain.pem")
 
 
 def test_keys_and_certificates_are_compared(w):
@@ -200,11 +168,13 @@ def test_keys_and_certificates_are_compared(w):
     assert w.call("checkCrtKeyMatch", f"{c}/bom.pem", f"{c}/privkey.pem") == 0
     assert w.tree(A / "c", True)["bom.pem"] == w.tree(A / "c", True)["cert.pem"]
     assert w.call("checkCrtKeyMatch", f"{c}/cert.pem", f"{c}/../a/privkey.pem") == 1 and w.said.log == []
-    for crt, key, line in (
+    # fmt: off
+    for crt, key, line in [
         ("none", "privkey.pem", "Failed to strip utf8 BOM"),
         ("privkey.pem", "privkey.pem", "Failed to read cert from $A/c/privkey.pem"),
         ("cert.pem", "cert.pem", "Failed to read private key from $A/c/cert.pem"),
         ("cert.pem", "locked", "Failed to read private key from $A/c/locked"),
-    ):
+    ]:
+        # fmt: on
         assert w.call("checkCrtKeyMatch", f"{c}/{crt}", f"{c}/{key}") == -1
         assert w.said.log == [f"mkcert.cpp {line}"]
