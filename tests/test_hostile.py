@@ -1,17 +1,13 @@
 # Callers with odd limits, authors of packages who plant things where root will work, and what children are given.
-import errno
-import json
-import shlex
-import time
+import errno, json, shlex, time
 
 import pytest
 from conftest import A, CALL, P, TOOL, service
 
 LIST = "Failed to append register services"
 DEPLOY = "Failed to DeployDefCrt for p"
-PLAIN = pytest.mark.skipif(
-    "sanitize" in str(TOOL), reason="the sanitizers need memory and descriptors of their own"
-)
+NEEDS = "the sanitizers need memory and descriptors of their own"
+PLAIN = pytest.mark.skipif("sanitize" in str(TOOL), reason=NEEDS)
 
 
 # Whatever becomes of p: the books parse, no foreign file is touched, no key is readable by others.
@@ -43,8 +39,8 @@ def test_odd_callers_and_planted_things_harm_nobody_else(w, command, out, line):
     said = w.run(command)
     assert (said.status, said.out) == ((1, f"{out}\n") if out else (0, "")) and said.logged(line)
     assert w.books() == {"list": ["q/z", "p/web"], "c": ["q/z", "p/web"]}
-    look = "cat x/f; stat -c %a x/f; find $S $P -name '*privkey*' -perm /077; ls $P/p; stat -c %U $P/p/web/cert.pem"
-    assert w.sh(look) == "kept\n600\nweb\nopalweb\n"
+    look = "cat x/f; find $S $P -name '*privkey*' -perm /077; ls $P/p; stat -c %a:%U x/f $P/p/web/cert.pem"
+    assert w.sh(look) == "kept\nweb\n600:root\n400:opalweb\n"
 
 
 # Where memory ends differs from machine to machine: from where the program starts, all limits up to enough are tried.
@@ -91,12 +87,10 @@ def test_files_are_the_owners_and_his_groups_and_folders_are_roots(w, owner):
     assert tree.pop("p/web/info") == "-rw-r--r-- root root" and {*tree.values()} == {"-r-------- long 64104"}
 
 
-PROBE = r"""(tr '\0' '\n' < /proc/$$/environ; cd /proc/$$/fd; echo $(readlink 0 1 2) $(ls | grep -vx 10); umask
-    readlink /proc/$$/cwd; grep -E 'Sig(Blk|Ign)' /proc/self/status; ulimit -t) > /run/row/seen.${0##*/}"""
-SEEN = (
-    "PATH=/usr/sbin:/usr/bin:/sbin:/bin\nHOME=/root\nLC_ALL=C\n/dev/null /dev/null /dev/null 0 1 2\n%s\n/\n"
-    "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n%s\n"
-)
+PROBE = r"""(tr '\0' '\n' < /proc/$$/environ; cd /proc/$$/fd; echo $(readlink 0 1 2) $(ls | grep -vx 10)
+    umask; readlink /proc/$$/cwd; grep -E 'Sig(Blk|Ign)' /proc/self/status; ulimit -t) > /run/row/seen.${0##*/}"""
+SEEN = "PATH=/usr/sbin:/usr/bin:/sbin:/bin\nHOME=/root\nLC_ALL=C\n" + "/dev/null " * 3 + "0 1 2\n%s\n/\n"
+SEEN += "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n%s\n"
 HOOK = f"""{CALL} ReloadService '[{{"subscriber": "p", "service": "web", "isPkg": true}}]'"""
 
 
@@ -106,12 +100,11 @@ def test_children_get_nothing_of_the_caller(w, inject):
     w.replace("/bin/cp", f'{PROBE}; exec $REAL "$@"')
     w.sh(f"cat > $D/p <<'END'\n#!/bin/sh\n{PROBE}\nEND\nchmod 0755 $D/p")
     w.define("p", "web")
-    caller = "umask 0777; exec 5</etc/passwd 7>$ROW/x; cd /usr; export X=1; exec env --ignore-signal=HUP,PIPE,CHLD --block-signal=TERM,USR1"
-    for command, name, seen in (
-        ("opalcrtregister p", "cp", ("0077", "30")),
-        (HOOK, "p", ("0022", "unlimited")),
-    ):
-        w.run(f"sh -c {shlex.quote(f'{caller} {command}')}", inject=inject)
+    caller = "umask 0777; exec 5</etc/passwd 7>$ROW/x; cd /usr; X=1 exec env"
+    strange = "--ignore-signal=HUP,PIPE,CHLD --block-signal=TERM,USR1"
+    children = ("opalcrtregister p", "cp", ("0077", "30")), (HOOK, "p", ("0022", "unlimited"))
+    for command, name, seen in children:
+        w.run(f"sh -c {shlex.quote(f'{caller} {strange} {command}')}", inject=inject)
         assert w.sh(f"cat $ROW/seen.{name}") == SEEN % seen
 
 
@@ -130,19 +123,17 @@ def test_children_die_with_the_tool_and_a_hook_does_not(w):
 def test_the_endings_of_children_are_told_apart(w):
     w.sh(
         "echo exit 0 > /tmp/script; chmod 0755 /tmp/script"
-    )  # No interpreter line: the kernel does not start it.
+    )  # No interpreter line: no program for the kernel.
+    assert w.call("YLIBCExec", "/bin/sh", "-c", "exit 0") >= 0 and w.answer["state"] == 0
     # fmt: off
     for program, command, state, error in [
-        ("/bin/sh", "exit 0", 0, None),
-        ("/bin/sh", "exit 3", 0x0603, errno.EIO),
-        ("/bin/sh", "kill -9 $$", 0x0709, errno.EINTR),
-        ("/bin/nothing", "", 0x0500, errno.ENOENT),
-        ("/etc/passwd", "", 0x0500, errno.EACCES),
-        ("/tmp/script", "", 0x0500, errno.ENOEXEC),
+        ("/bin/sh", "exit 3", 0x0603, "EIO"), ("/bin/sh", "kill -9 $$", 0x0709, "EINTR"),
+        ("/bin/nothing", "", 0x0500, "ENOENT"), ("/etc/passwd", "", 0x0500, "EACCES"),
+        ("/tmp/script", "", 0x0500, "ENOEXEC"),
     ]:
         # fmt: on
-        answer = w.call("YLIBCExec", program, "-c", command)
-        assert (answer < 0, w.answer["state"]) == (state != 0, state) and w.answer["errno"] == (error or w.answer["errno"])
+        assert w.call("YLIBCExec", program, "-c", command) < 0
+        assert (w.answer["state"], errno.errorcode[w.answer["errno"]]) == (state, error)
     lost = json.loads(w.sh(f"env --ignore-signal=CHLD {CALL} YLIBCExec '[\"/bin/true\"]'"))
     assert (lost["answer"], lost["state"]) == (-1, 0x0501)
 

@@ -1,10 +1,5 @@
 # The four kinds of lock file: when each is held, how long it is waited for, and what is planted in its place.
-import errno
-import fcntl
-import json
-import os
-import shlex
-import time
+import errno, fcntl, json, os, shlex, time
 
 import pytest
 from conftest import CALL, ROW, service
@@ -22,10 +17,9 @@ def test_each_step_holds_its_lock_and_no_other_in_both_kinds(w):
     inodes = {str(os.stat(path).st_ino): path for path in (INFO, SERVICES, RECOVER, WEB)}
     for program, path in (("openssl", RECOVER), ("cp", WEB), ("systemctl", None), ("rm", INFO)):
         lines = [line.split() for line in w.sh(f"cat $ROW/locks.{program}").splitlines()]
-        held = [
-            (line[1], line[3], inodes[inode]) for line in lines if (inode := line[-3].split(":")[2]) in inodes
-        ]
-        assert sorted(held) == [(kind, "WRITE", path) for kind in ("FLOCK", "OFDLCK") if path]
+        held = [(line[1], line[3], inodes.get(line[-3].split(":")[2])) for line in lines]
+        wanted = [(kind, "WRITE", path) for kind in ("FLOCK", "OFDLCK") if path]
+        assert sorted(each for each in held if each[2]) == wanted
     assert {*w.tree("/tmp").values()} == {"-rw------- root root"}
 
 
@@ -81,15 +75,14 @@ def test_is_waited_for_no_longer_than_its_time(w):
     start(60, "opalcrtregister s", f"opalcrtregister.cpp Failed to lock [{SERVICES}]")
     end(3)
     fcntl.flock(info, fcntl.LOCK_EX | fcntl.LOCK_NB)
-    start(
-        30, f"{CALL} GetServiceCrtId {shlex.quote(json.dumps([q, '']))}", f"utils.cpp Failed to lock [{INFO}]"
-    )
+    look = f"{CALL} GetServiceCrtId {shlex.quote(json.dumps([q, '']))}"
+    start(30, look, f"utils.cpp Failed to lock [{INFO}]")
     end(3)
     assert {*lines} <= {*w.log.take()} and not w.json("INFO")["c"]["services"]
 
 
+# None when the lock was taken, else the name of the error. Without a wait where there is nothing to wait for.
 def lock(w, path, seconds=0):
-    """None when the lock was taken, else the name of the error. Without a wait where there is nothing to wait for."""
     begin = time.monotonic()
     taken = w.call("Lock", path, 1, seconds, 0)
     assert time.monotonic() - begin < 1
@@ -97,13 +90,11 @@ def lock(w, path, seconds=0):
 
 
 def test_a_planted_lock_file_is_neither_taken_nor_waited_for(w):
-    w.sh(
-        f"""cd /tmp; touch victim open theirs {INFO}; ln -s victim link; ln -s none dangling; mkfifo fifo; mkdir dir
-        ln open more; chown opalmail theirs {INFO}; chmod 0 theirs"""
-    )
+    w.sh(f"cd /tmp; touch victim open theirs {INFO}; ln -s victim link; ln -s none dangling; ln open more")
+    w.sh(f"cd /tmp; mkfifo fifo; mkdir dir; chown opalmail theirs {INFO}; chmod 0 theirs")
     before = w.tree("/tmp", content=True)
-    errors = dict(link="ELOOP", dangling="ELOOP", fifo="EINVAL", dir="EISDIR", open="EPERM")
-    for name, error in {**errors, "none/x": "ENOENT"}.items():
+    for each in "link:ELOOP dangling:ELOOP fifo:EINVAL dir:EISDIR open:EPERM none/x:ENOENT".split():
+        name, error = each.split(":")
         assert lock(w, f"/tmp/{name}", 9) == error
     assert w.tree("/tmp", content=True) == before
     # Another user's file becomes root's: its owner could rename it while it is locked, and lock the next one.

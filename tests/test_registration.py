@@ -35,9 +35,8 @@ def test_takes_the_services_that_are_asked_for(w, arguments, services, filter, r
     w.write(default="c\nmore")  # A longer line of it, or a second name, is no failure.
     w.define("p", *services, **({"service": filter} if filter else {}))
     w.ok(f"opalcrtregister {arguments}")
-    right = {"web": service("web", display_name="W")}
-    right["mail"] = service("mail", display_name="M", display_name_i18n="i", user_setable=True)
-    right = [right[name] for name in registered.split()]
+    mail = service("mail", display_name="M", display_name_i18n="i", user_setable=True)
+    right = [mail if name == "mail" else service(name, display_name="W") for name in registered.split()]
     assert w.json("SERVICES") == w.json("INFO")["c"]["services"] == right
 
 
@@ -45,8 +44,7 @@ def test_takes_the_services_that_are_asked_for(w, arguments, services, filter, r
 @pytest.mark.parametrize("services, bad", [
     ([{"service": 1}, WEB], '{"service":1}'), ([WEB, {"service": "x"}], "{"), ([WEB, ["mail"]], '["mail"]'),
     *[([{"service": name, "display_name": "d"}], "{")
-      for name in ("a/b", "../x", ".", "..", "web.temp", "web.bak", "a\0b", "0" * 251)],
-    (None, None), ({}, None),
+      for name in ("a/b", "../x", ".", "..", "web.temp", "web.bak", "a\0b", "0" * 251)], (None, None), ({}, None),
 ])
 # fmt: on
 def test_registers_nothing_where_one_element_is_bad(w, services, bad):
@@ -99,10 +97,10 @@ def test_the_systems_definition_wins(w):
 
 @pytest.mark.parametrize("name", ["../evil", ".", "..", "", "_archive", "\udcff", "0" * 252, "0" * 237])
 def test_a_subscriber_that_is_no_folder_name_is_refused(w, name):
-    for path in (D.parent / "evil.cfg", D / "_archive.cfg"):
+    for path in (evil := D.parent / "evil.cfg", D / "_archive.cfg"):
         path.write_text(GOOD)
     w.fails(f"opalcrtregister '{name}'", INIT, "opalcrtregister.cpp Bad params: subscriber\n")
-    assert os.listdir(D) == ["_archive.cfg"] and (D.parent / "evil.cfg").exists()
+    assert os.listdir(D) == ["_archive.cfg"] and evil.exists()
 
 
 def test_odd_names_are_names_and_strangers_in_the_books_stay(w):
@@ -118,19 +116,15 @@ def test_odd_names_are_names_and_strangers_in_the_books_stay(w):
 def test_a_listed_service_is_replaced_in_its_place_and_keeps_its_certificate(w):
     w.crt("b")
     web, other = {"subscriber": "p", "service": "web"}, {"subscriber": "q", "service": "web"}
-    info = {
-        "0": 5,
-        "a": {"services": 5},
-        "x": {"services": [web]},
-        "b": {"desc": 1, "services": [7, web, other]},
-    }
+    b = {"desc": 1, "services": [7, web, other]}
+    info = {"0": 5, "a": {"services": 5}, "x": {"services": [web]}, "b": b}
     listed = ["stranger", {"subscriber": "p"}]
     w.write({**info, "c": {"services": []}}, [*listed, web, other])
     w.sh("chmod 0640 INFO; chgrp opalmail SERVICES")
     w.define("p", "web", "mail", "web")
     w.ok("opalcrtregister p; cmp $P/p/web/cert.pem b/cert.pem; cmp $P/p/mail/cert.pem c/cert.pem")
     assert w.json("SERVICES") == [*listed, service("web"), other, service("mail")]
-    info["b"]["services"] = [other, service("web")]
+    b["services"] = [other, service("web")]
     assert w.json("INFO") == {**info, "c": {"services": [service("mail")]}}
     assert w.sh("stat -c '%a %G' INFO SERVICES") == "640 root\n644 opalmail\n"
 
@@ -145,7 +139,7 @@ def test_what_another_process_adds_to_info_meanwhile_stays(w, change):
 
 
 UNKNOWN = ("utils.cpp Invalid cert id: [c]\n", "utils.cpp Invalid params (cert_id/services)")
-NOT_REPLACED = "utils.cpp Failed to move $A/INFO.temp to $A/INFO\nutils.cpp Failed to write"
+NOT_MOVED = "utils.cpp Failed to move $A/INFO.temp to $A/INFO\nutils.cpp Failed to write"
 NOT_UPDATED = ["Broken [$A/INFO][c].[", "Failed to update cert info for [{"]
 NOT_WRITTEN = ['Failed to write [{"c":{', "to [$A/INFO.temp].", "Failed to write [$A/INFO]."]
 
@@ -159,8 +153,7 @@ NOT_WRITTEN = ['Failed to write [{"c":{', "to [$A/INFO.temp].", "Failed to write
     ("echo {] > INFO", DEPLOY, ["utils.cpp Broken [$A/INFO].[0x0300 ", UNKNOWN[1]]),
     ("echo [] > INFO", DEPLOY, UNKNOWN), ("""echo '{"c": 5}' > INFO""", DEPLOY, UNKNOWN),
     ("""echo '{"c": {}}' > INFO""", DEPLOY, NOT_UPDATED), ("mkdir -p INFO.temp/x", DEPLOY, NOT_WRITTEN),
-    ("rm DEFAULT", DEPLOY, []), ("mount --bind INFO INFO", DEPLOY, [NOT_REPLACED]),
-    ("echo > DEFAULT", DEPLOY, []),
+    ("rm DEFAULT", DEPLOY, []), ("mount --bind INFO INFO", DEPLOY, [NOT_MOVED]), ("echo > DEFAULT", DEPLOY, []),
     (r"printf 'c\r\n' > DEFAULT", DEPLOY, ["utils.cpp [$A/c\r] doesn't exist.[0x0100 "]),
     ("echo '123456789 long enough' > DEFAULT", DEPLOY, ["[$A/123456789 long ] doesn't exist."]),
     ("""sed -i 's/"web"/""/' $D/p.cfg""", DEPLOY, ["utils.cpp service object is error."]),
@@ -203,17 +196,7 @@ def test_the_command_is_chosen_by_its_name(w):
         usage = f"Certificate service tool\nusage: {name} <subscriber> <service>\nusage: {name} <subscriber>"
         assert w.fails(f"$ROW/{name}", usage) == w.fails(f"$ROW/{name} a b c", usage) == []
     w.ok("$ROW/opalcrtchecksum any thing goes here", out="[]\n")
-    for name in names[3:]:
-        assert w.fails(f"$ROW/{name} p", "") == []
-
-
-def test_nobody_is_lost_when_many_run_at_once_with_closed_streams(w):
-    for i in range(16):
-        w.define(f"p{i}", "web", "mail")
-    w.sh("for i in $(seq 0 15); do opalcrtregister p$i <&- >&- 2>&- & done; wait")
-    everybody = sorted(f"p{i}/{name}" for i in range(16) for name in ("web", "mail"))
-    assert sorted(w.books()["list"]) == sorted(w.books()["c"]) == everybody
-    assert len(list(P.glob("*/*/info"))) == 32
+    assert [w.fails(f"$ROW/{name} p", "") for name in names[3:]] == [[], []]
 
 
 # The tool is held between the reading of the first and its removal.
@@ -222,8 +205,7 @@ def test_a_definition_that_was_dropped_meanwhile_stays(w):
     trace = ROW / "trace"
     traced = f"strace -qq -s 99 -o {trace} -e trace=read,getresuid -e inject=getresuid:delay_enter=1s"
     child = w.start(f"{traced} opalcrtregister p", leaks=False)
-    while not (trace.exists() and "opalweb" in trace.read_text()):
-        time.sleep(0.01)
+    w.sh(f"until grep -q opalweb {trace}; do sleep 0.01; done 2>/dev/null")
     w.define("new", "mail")
     (D / "new.cfg").rename(D / "p.cfg")
     assert child.wait(20) == 0 and w.books()["list"] == ["p/web"]
