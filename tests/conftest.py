@@ -2,32 +2,15 @@
 # with the one certificate "c", a system log that can be read, and ways to arrange a scene and to look at what
 # a user would see. Whatever a row does (files, mounts, processes, programs, locks) is undone after it.
 
-import dataclasses
-import fcntl
-import grp
-import hashlib
-import json
-import os
-import pwd
-import queue
-import re
-import shlex
-import shutil
-import signal
-import socket
-import stat
-import subprocess
-import threading
-import time
+import contextlib, dataclasses, fcntl, grp, hashlib, json, os, pwd, queue, re, shlex, shutil, signal, socket
+import stat, subprocess, threading, time
 from pathlib import Path
 
 import pytest
 
-S = Path("/usr/opal/etc/certificate")
+S, P = Path("/usr/opal/etc/certificate"), Path("/usr/local/etc/certificate")
+D, SYSTEM_D = Path("/usr/local/share/certificate.d"), Path("/usr/opal/share/certificate.d")
 A = S / "_archive"
-P = Path("/usr/local/etc/certificate")
-D = Path("/usr/local/share/certificate.d")
-SYSTEM_D = Path("/usr/opal/share/certificate.d")
 ROW = Path("/run/row")  # what the verbs need themselves
 FRESH = ["/usr/opal", "/usr/local", "/tmp", "/usr/libexec/certificate.d", str(ROW)]
 
@@ -36,6 +19,7 @@ TOOL = Path(os.environ.get("OPALCRT_TOOL_FOLDER", REPOSITORY / "build/debug/src"
 CALL = TOOL.parent / "tests/opalcrt-call"
 
 SOURCE = r"((?:opalcrt|opalcrtregister|utils|dir_utils|mkcert)\.cpp):\d+ "
+__tracebackhide__ = True  # A failure is shown where the row is.
 LINE = re.compile(r"<(\d+)>\w{3} [ \d]\d [\d:]{8} \S+: " + SOURCE + "(.*)", re.S)
 
 
@@ -52,17 +36,14 @@ def pytest_runtest_makereport(item):
     w = getattr(item, "funcargs", {}).get("w")
     if report.failed and w is not None:
         report.sections.append(("what was run", "\n".join(map(str, w.story))))
-        folders = {folder: w.tree(folder) for folder in (S, P, D)}
-        tree = "\n".join(
-            f"{folder}/{path} {what}" for folder in folders for path, what in folders[folder].items()
-        )
-        report.sections.append(("the tree", tree))
+        tree = [f"{at}/{path} {what}" for at in (S, P, D) for path, what in w.tree(at).items()]
+        report.sections.append(("the tree", "\n".join(tree)))
 
 
 # A service object as a registration makes it.
 def service(name, subscriber="p", **members):
-    base = {"subscriber": subscriber, "service": name, "display_name": f"The {name}", "isPkg": True}
-    return {**base, "owner": "opalweb", **members}
+    names = {"subscriber": subscriber, "service": name, "display_name": f"The {name}"}
+    return {**names, "isPkg": True, "owner": "opalweb", **members}
 
 
 # Listens on /dev/log, in a thread of its own: the kernel keeps ten lines only, and then senders wait.
@@ -94,8 +75,9 @@ class Log:
         while (line := self.lines.get()) != b"end":
             text = line.decode(errors="backslashreplace")
             found = LINE.fullmatch(text)
-            assert found, f"no log line of ours: {text}"
-            assert found[1] == ("15" if "skip move" in text else "11"), text
+            assert found and found[1] == (
+                "15" if "skip move" in text else "11"
+            ), f"no log line of ours: {text}"
             text = f"{found[2]} {found[3]}"
             for name, path in (("$A", A), ("$P", P), ("$D", D)):
                 text = text.replace(str(path), name)
@@ -116,15 +98,14 @@ class Said:
 
     # Whether the log has these parts, in this order.
     def logged(self, *trail):
-        __tracebackhide__ = True
-        lines, place = "\n".join([*self.log, ""]), 0
+        lines = left = "\n".join([*self.log, ""])
         for part in trail:
-            place = lines.find(part, place)
-            assert place >= 0, f"not in the log: {part}\n{lines}"
-            place += len(part)
+            assert part in left, f"not in the log: {part}\n{lines}"
+            left = left.partition(part)[2] if part else left
         return True
 
 
+# fmt: off
 class World:
     mounts = processes = None
     keys = {}
@@ -134,16 +115,14 @@ class World:
         World.processes = World.processes or set(os.listdir("/proc"))
         self.story, self.locks = [], []
         self.clean()
-        for folder in (A, P, D, SYSTEM_D, ROW):
-            folder.mkdir(parents=True, exist_ok=True)
+        for folder in (A, P, D, SYSTEM_D, ROW): folder.mkdir(parents=True, exist_ok=True)
         ROW.chmod(0o1777)
         self.log = Log()
         self.write(info={"c": {"services": []}}, services=[], default="c\n")
         self.crt("c")
 
     def close(self):
-        for fd in self.locks:
-            os.close(fd)
+        for fd in self.locks: os.close(fd)
         self.end_processes()
         self.log.close()
         reports = self.sanitizer_reports()
@@ -157,25 +136,19 @@ class World:
         folder = A / cert_id
         folder.mkdir(exist_ok=True)
         if (cert_id, prefix) not in self.keys:
-            new = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout /dev/stdout"
-            made = subprocess.check_output(
-                [*new.split(), "-subj", f"/CN={cert_id}"], stderr=subprocess.DEVNULL
-            )
-            end = made.index(b"-----BEGIN CERTIFICATE")
-            files = {"privkey": made[:end], "cert": made[end:], "fullchain": made[end:]}
-            self.keys[cert_id, prefix] = files.items()
-        for name, text in self.keys[cert_id, prefix]:
-            path = folder / f"{prefix}{name}.pem"
-            path.write_bytes(text)
+            new = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout /dev/stdout -subj"
+            made = subprocess.run([*new.split(), f"/CN={cert_id}"], capture_output=True, check=True).stdout
+            self.keys[cert_id, prefix] = made.partition(b"-----BEGIN CERTIFICATE")
+        key, *cert = self.keys[cert_id, prefix]
+        for name, text in (("privkey", key), ("cert", b"".join(cert)), ("fullchain", b"".join(cert))):
+            (path := folder / f"{prefix}{name}.pem").write_bytes(text)
             path.chmod(0o400)
 
     # Drops a definition file; a service is its name or the whole element.
     def define(self, subscriber, *services, owner="opalweb", isPkg=True, **members):
-        value = {"owner": owner, "isPkg": isPkg, "services": []}
-        for each in services:
-            named = {"service": each, "display_name": f"The {each}"}
-            value["services"].append(named if isinstance(each, str) else each)
-        ((D if isPkg else SYSTEM_D) / f"{subscriber}.cfg").write_text(json.dumps({**value, **members}))
+        named = [{"service": e, "display_name": f"The {e}"} if isinstance(e, str) else e for e in services]
+        value = {"owner": owner, "isPkg": isPkg, "services": named, **members}
+        ((D if isPkg else SYSTEM_D) / f"{subscriber}.cfg").write_text(json.dumps(value))
 
     # Writes the books that are given, as values or as text.
     def write(self, info=None, services=None, default=None):
@@ -187,20 +160,14 @@ class World:
     def replace(self, program, script):
         path = Path(program).resolve()
         real, stand = ROW / f"real.{path.name}", ROW / f"stand.{path.name}"
-        if not real.exists():
-            shutil.copy(path, real)
+        if not real.exists(): shutil.copy(path, real)
         stand.write_text(f"#!/bin/sh\nREAL={real}\n{script}\n")
         stand.chmod(0o755)
         self.mount("--bind", stand, path)
 
-    def mount(self, *arguments):
-        subprocess.run(["mount", "--no-mtab", *map(str, arguments)], check=True)
-
-    def tmpfs(self, path, options="mode=0755"):
-        self.mount("-t", "tmpfs", "-o", options, "row", path)
-
-    def readonly(self, path):
-        self.mount("--bind", "-o", "ro", path, path)
+    def mount(self, *arguments): subprocess.run(["mount", "--no-mtab", *map(str, arguments)], check=True)
+    def tmpfs(self, path, options="mode=0755"): self.mount("-t", "tmpfs", "-o", options, "row", path)
+    def readonly(self, path): self.mount("--bind", "-o", "ro", path, path)
 
     # Keeps a lock, of flock(2) or of fcntl(2), until the row ends. Answers the descriptor that can be closed.
     def hold(self, path, shared=False, record=False):
@@ -224,9 +191,8 @@ class World:
     # itself, not of its children: "flock:error=EIO:when=2", "?rename,?renameat:signal=KILL:when=1" (arm64 has
     # the second).
     def run(self, command, inject=None, timeout=60):
-        traced = (
-            f"strace -qq -o $ROW/strace -e trace={inject.split(':')[0]} -e inject={inject} " if inject else ""
-        )
+        calls = inject and inject.split(":")[0]
+        traced = f"strace -qq -o $ROW/strace -e trace={calls} -e inject={inject} " if inject else ""
         child = self.start(traced + command, leaks=not inject)
         try:
             out, status = child.communicate(timeout=timeout)[0], child.returncode
@@ -236,25 +202,18 @@ class World:
         said = Said(command, out.decode(errors="backslashreplace"), status, self.log.take())
         self.story.append(said)
         assert not self.sanitizer_reports()
-        if inject:
-            assert re.search("INJECTED|DELAYED|killed by", (ROW / "strace").read_text()), "not reached"
+        if inject: assert re.search("INJECTED|DELAYED|killed by", (ROW / "strace").read_text()), "not reached"
         return said
 
     # It ends with 0, says this and nothing else, and logs the trail. Answers the log.
-    def ok(self, command, *trail, out="", **options):
-        __tracebackhide__ = True
+    def ok(self, command, *trail, out="", status=0, **options):
         said = self.run(command, **options)
-        assert (said.status, said.out) == (0, out)
-        assert said.logged(*trail)
+        assert (said.status, said.out) == (status, out) and said.logged(*trail)
         return said.log
 
     # It ends with 1, says this line and nothing else, and logs the trail. Answers the log.
     def fails(self, command, out, *trail, **options):
-        __tracebackhide__ = True
-        said = self.run(command, **options)
-        assert (said.status, said.out) == (1, out and out + "\n")
-        assert said.logged(*trail)
-        return said.log
+        return self.ok(command, *trail, out=out and out + "\n", status=1, **options)
 
     # What a scene, or a look at it, needs of the shell. Answers what it printed.
     def sh(self, command):
@@ -272,13 +231,12 @@ class World:
 
     # Looking
 
-    def json(self, path):
-        return json.loads((A / path).read_bytes())
+    def json(self, path): return json.loads((A / path).read_bytes())
 
     # Which services the books list: {"list": ["p/web"], "c": ["p/web"]}.
     def books(self):
-        listed = {"list": self.json("SERVICES")}
-        listed.update({id: entry["services"] for id, entry in self.json("INFO").items()})
+        listed = {id: entry["services"] for id, entry in self.json("INFO").items()}
+        listed["list"] = self.json("SERVICES")
         return {id: [f"{each['subscriber']}/{each['service']}" for each in all] for id, all in listed.items()}
 
     # {"p/web/cert.pem": "-r-------- opalweb opalweb"}, with the content's hash or a link's goal where wanted.
@@ -290,10 +248,8 @@ class World:
             status = path.lstat()
             owner, group = users.get(status.st_uid, status.st_uid), groups.get(status.st_gid, status.st_gid)
             words = [stat.filemode(status.st_mode), str(owner), str(group)]
-            if content and path.is_symlink():
-                words.append(os.readlink(path))
-            elif content and path.is_file():
-                words.append(hashlib.sha256(path.read_bytes()).hexdigest()[:16])
+            if content and path.is_symlink(): words.append(os.readlink(path))
+            elif content and path.is_file(): words.append(hashlib.sha256(path.read_bytes()).hexdigest()[:16])
             seen[str(path.relative_to(folder))] = " ".join(words)
         return seen
 
@@ -309,25 +265,20 @@ class World:
         return "\n".join(path.read_text(errors="replace") for path in ROW.glob("report.*"))
 
     def end_processes(self):
-        def others():
-            return [int(pid) for pid in os.listdir("/proc") if pid.isdecimal() and pid not in World.processes]
-
-        while pids := others():
-            for pid in pids:
-                try:
+        while pids := [pid for pid in os.listdir("/proc") if pid.isdecimal() and pid not in World.processes]:
+            for pid in map(int, pids):
+                with contextlib.suppress(ChildProcessError, ProcessLookupError):
                     os.kill(pid, signal.SIGKILL)
                     os.waitpid(pid, os.WNOHANG)
-                except (ChildProcessError, ProcessLookupError):
-                    pass
             time.sleep(0.002)
 
     def clean(self):
         for number, path in reversed(self.mount_points().items()):
-            if number not in World.mounts:
-                subprocess.run(["umount", "--no-mtab", "--lazy", path], check=True)
+            if number not in World.mounts: subprocess.run(["umount", "--no-mtab", "--lazy", path], check=True)
         # A repository that lies below /tmp is mounted there and stays.
         subprocess.run(["find", *FRESH, "-xdev", "-mindepth", "1", "-delete"], stderr=subprocess.DEVNULL)
         Path("/proc/sys/kernel/opal_mac_address1").write_text("001132a1b2c3\n")
+# fmt: on
 
 
 @pytest.fixture

@@ -24,10 +24,10 @@ namespace {
 
 #define REQUIRE(what) ((what) ? void() : (fprintf(stderr, "line %d: not %s\n", __LINE__, #what), abort()))
 
+// clang-format off
 std::string Get(const std::string &path)
 {
-    std::ifstream file(path, std::ios::binary);
-    REQUIRE(file.is_open());
+    std::ifstream file(path, std::ios::binary); REQUIRE(file.is_open());
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
@@ -42,8 +42,7 @@ Json::Value Ours()
 {
     Json::Value services;
     Put("/tmp/ours", R"([{"subscriber":"p","service":"s","display_name":"d","owner":"o","isPkg":true}])");
-    REQUIRE(fromFile("/tmp/ours", services));
-    return services;
+    REQUIRE(fromFile("/tmp/ours", services)); return services;
 }
 
 // Answers whether it was done: then the file is another one, and JSON.
@@ -53,14 +52,11 @@ bool (*const kChanges[])() = {
     [] { return RemoveServiceFromInfo(Ours()[0]); },
     [] {
         Json::Value info;
-        if (!TakeCrtInfo(info) || !info.isObject() || !info["c"].isObject() ||
-            !info["c"]["services"].isArray()) {
-            return false;
-        }
-        UpdateServiceList(info["c"]["services"], Ours()[0], false);
-        return WriteCrtInfo(info);
-    },
+        const bool known = TakeCrtInfo(info) && info.isObject() && info["c"].isObject();
+        if (!known || !info["c"]["services"].isArray()) { return false; }
+        UpdateServiceList(info["c"]["services"], Ours()[0], false); return WriteCrtInfo(info); },
 };
+// clang-format on
 
 void Read(const std::string &input)
 {
@@ -85,12 +81,10 @@ void Read(const std::string &input)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const char *named = getenv("FUZZ_FILE");
-    REQUIRE(named != nullptr);
-    const std::string path = named;
-    const std::string input(reinterpret_cast<const char *>(data), size);
+    REQUIRE(getenv("FUZZ_FILE") != nullptr);
+    const std::string path = getenv("FUZZ_FILE"), input(reinterpret_cast<const char *>(data), size);
+    Json::Value after;
     for (const auto change : kChanges) {
-        Json::Value after;
         Put(path, input);
         REQUIRE((change() && fromFile(path, after)) || Get(path) == input);
     }

@@ -4,7 +4,8 @@
 # counts calls for each process on its own: it cannot say "the fortieth change of this run, whoever makes it", nor kill
 # everybody there. So the calls are followed here, with ptrace(2), on x86-64 and arm64.
 
-import collections, ctypes, errno, functools, glob, json, os, platform, shutil, signal, stat, struct, subprocess
+import ctypes, errno, functools, glob, json, os, platform, shutil, signal, stat, struct, subprocess
+from collections import namedtuple
 from pathlib import Path
 
 from conftest import A, D, P, TOOL
@@ -28,7 +29,7 @@ CHANGING = os.O_WRONLY | os.O_RDWR | os.O_CREAT | os.O_TRUNC  # the others only 
 
 
 @functools.cache
-def calls_by_number():  # as the compiler knows them: no architecture has the numbers of another, nor all calls
+def calls_by_number():  # as the compiler knows them: no architecture has another's numbers, nor all calls
     macros = ["g++", "-E", "-dM", "-include", "sys/syscall.h", "-x", "c++", "/dev/null"]
     lines = subprocess.run(macros, check=True, capture_output=True, text=True).stdout.splitlines()
     numbers = dict(line.split()[1:3] for line in lines if line.startswith("#define __NR_"))
@@ -43,9 +44,9 @@ OPTIONS = 0x10009F  # TRACESYSGOOD, all that are born, EXEC, SECCOMP, EXITKILL (
 EVENT_SECCOMP, PR_SET_SECCOMP, MODE_FILTER, ALLOW, TRACE = 7, 22, 2, 0x7FFF0000, 0x7FF00000
 
 
+# fmt: off
 def ptrace(request, pid, address=None, data=None):
-    if libc.ptrace(request, pid, address, data) < 0:
-        raise OSError(ctypes.get_errno(), "ptrace")
+    if libc.ptrace(request, pid, address, data) < 0: raise OSError(ctypes.get_errno(), "ptrace")
 
 
 # The kernel stops this process and its children at these calls only: all others cost nothing.
@@ -67,14 +68,12 @@ def let_fail(pid, error):
     registers, is_arm = (ctypes.c_int64 * 34)(), platform.machine() == "aarch64"
     move(GETREGSET, 1, registers)  # NT_PRSTATUS
     registers[0 if is_arm else 10] = -error
-    if not is_arm:
-        registers[15] = -1
+    if not is_arm: registers[15] = -1
     move(SETREGSET, 1, registers)
-    if is_arm:
-        move(SETREGSET, 0x404, ctypes.c_int(-1))  # NT_ARM_SYSTEM_CALL
+    if is_arm: move(SETREGSET, 0x404, ctypes.c_int(-1))  # NT_ARM_SYSTEM_CALL
 
 
-Call = collections.namedtuple("Call", "program name path inode errors")  # inode: of an open file
+Call = namedtuple("Call", "program name path inode errors")  # inode: of an open file
 
 
 # Before a call its number and arguments, after it the result (ptrace_syscall_info in linux/ptrace.h).
@@ -84,15 +83,16 @@ def call_info(pid):
     return struct.unpack_from("q" if info.raw[0] == 2 else "7Q", info.raw, 24)
 
 
+def inode_of(status): return status.st_dev, status.st_ino
+
+
 # The call that is about to be made, when it changes something below the roots or starts a child, else None.
 def describe(pid):
     number, *arguments = call_info(pid)
     name, kind, at = calls_by_number()[number]
     program = os.path.basename(os.path.realpath(f"/proc/{pid}/exe"))
-    if kind == "none":
-        return Call(program, name, "", None, ["ENOMEM"])
-    place, inode = arguments[at] & 0xFFFFFFFF, None
-    opened = f"/proc/{pid}/fd/{place}"
+    if kind == "none": return Call(program, name, "", None, ["ENOMEM"])
+    opened = f"/proc/{pid}/fd/{(place := arguments[at] & 0xFFFFFFFF)}"
     path, at = os.path.realpath(opened), at + (kind == "at")
     if kind != "fd" and arguments[at]:  # None: futimens(3)
         base = f"/proc/{pid}/cwd" if kind == "path" or place == 0xFFFFFF9C else opened  # AT_FDCWD
@@ -101,14 +101,10 @@ def describe(pid):
             path = memory.read(4096).split(b"\0")[0].decode(errors="replace")
         path = os.path.join(os.path.realpath(base), path)
     only_looks = name in ("open", "openat") and not arguments[at + 1] & CHANGING
-    if only_looks or not path.startswith((*ROOTS, "/tmp/")):
-        return None
-    if kind == "fd":
-        status = os.stat(opened)
-        inode = (status.st_dev, status.st_ino)
-    errors = "ENOSPC EIO ENOMEM" + (" EACCES" if kind != "fd" else "")
-    errors += " EMFILE" if name in ("open", "openat", "creat") else ""
-    return Call(program, name, path, inode, errors.split())
+    if only_looks or not path.startswith((*ROOTS, "/tmp/")): return None
+    inode = inode_of(os.stat(opened)) if kind == "fd" else None
+    errors = ["ENOSPC", "EIO", "ENOMEM", *["EACCES"] * (kind != "fd")]
+    return Call(program, name, path, inode, errors + ["EMFILE"] * (name in ("open", "openat", "creat")))
 
 
 # Runs a command; answers its exit status, negative for a signal. `enter(number, call)` is asked before each step: None
@@ -121,8 +117,7 @@ def trace(argv, enter, leave=None):
             os.kill(os.getpid(), signal.SIGSTOP)
             stop_at(numbers)
             os.execv(argv[0], argv)
-        finally:
-            os._exit(126)
+        finally: os._exit(126)
     os.waitpid(first, 0)
     ptrace(SETOPTIONS, first, None, OPTIONS)
     ptrace(CONT, first)
@@ -139,41 +134,34 @@ def trace(argv, enter, leave=None):
             if event == EVENT_SECCOMP and (call := describe(pid)):
                 answer = enter(number, call)
                 if answer == "kill":
-                    for process in alive:
-                        os.kill(process, signal.SIGKILL)
-                elif answer:
-                    let_fail(pid, answer)
+                    for process in alive: os.kill(process, signal.SIGKILL)
+                elif answer: let_fail(pid, answer)
                 elif leave and call.path:  # The return of a fork belongs to two processes.
                     inside[pid], request = (number, call), SYSCALL
                 number += 1
-            elif stop == signal.SIGTRAP | 0x80:
-                leave(*inside.pop(pid), call_info(pid)[0])
+            elif stop == signal.SIGTRAP | 0x80: leave(*inside.pop(pid), call_info(pid)[0])
             elif event == 0 and stop != signal.SIGSTOP:  # Not the birth of a child, nor its first stop.
                 deliver = stop
             ptrace(request, pid, None, deliver)
-        except ProcessLookupError:
-            pass  # Killed meanwhile; its end is waited for above.
+        except ProcessLookupError: pass  # Killed meanwhile; its end is waited for above.
     return result
 
 
 # The mode as stat(2) has it; of files the time, in nanoseconds; the content of a link is where it leads.
-Node = collections.namedtuple("Node", "mode uid gid mtime content")
+Node = namedtuple("Node", "mode uid gid mtime content")
 
 
 # What is below these folders: {inode: Node} and {(a folder's inode, name): inode}; the roots are in the folder None.
 def take(roots=ROOTS):
     nodes, names = {}, {}
     left = [(None, path, path) for path in roots if os.path.lexists(path)]
-    while left:
-        folder, name, path = left.pop()
+    for folder, name, path in left:
         status, mtime, content = os.lstat(path), 0, b""
-        names[folder, name] = inode = (status.st_dev, status.st_ino)
+        names[folder, name] = inode = inode_of(status)
         if stat.S_ISDIR(status.st_mode):
             left += [(inode, each, f"{path}/{each}") for each in os.listdir(path)]
-        elif stat.S_ISLNK(status.st_mode):
-            content = os.readlink(path).encode()
-        elif stat.S_ISREG(status.st_mode):
-            mtime, content = status.st_mtime_ns, Path(path).read_bytes()
+        elif stat.S_ISLNK(status.st_mode): content = os.readlink(path).encode()
+        elif stat.S_ISREG(status.st_mode): mtime, content = status.st_mtime_ns, Path(path).read_bytes()
         nodes[inode] = Node(status.st_mode, status.st_uid, status.st_gid, mtime, content)
     return nodes, names
 
@@ -181,24 +169,20 @@ def take(roots=ROOTS):
 # The same as {path: Node}, which is what the promises are about.
 def flat(nodes, names):
     below, disk = {}, {}
-    for (folder, name), inode in names.items():
-        below.setdefault(folder, []).append((name, inode))
+    for (folder, name), inode in names.items(): below.setdefault(folder, []).append((name, inode))
     left = below.get(None, [])
-    while left:
-        path, inode = left.pop()
+    for path, inode in left:
         disk[path] = nodes[inode]
         left += [(f"{path}/{name}", each) for name, each in below.get(inode, [])]
     return disk
 
 
-def look(*roots):
-    return flat(*take(roots or ROOTS))
+def look(*roots): return flat(*take(roots or ROOTS))
 
 
 # Makes the real disk look like this one.
 def put(disk):
-    for root in ROOTS:
-        shutil.rmtree(root, ignore_errors=True)
+    for root in ROOTS: shutil.rmtree(root, ignore_errors=True)
     for path, node in sorted(disk.items()):
         if stat.S_ISLNK(node.mode):
             os.symlink(node.content, path)
@@ -207,8 +191,8 @@ def put(disk):
         os.chown(path, node.uid, node.gid)
         os.chmod(path, stat.S_IMODE(node.mode))
         os.utime(path, ns=(node.mtime, node.mtime))
-    for path in glob.glob("/tmp/*.lock"):
-        os.unlink(path)
+    for path in glob.glob("/tmp/*.lock"): os.unlink(path)
+# fmt: on
 
 
 # What a power cut may leave of a run, after each of its steps.
@@ -227,8 +211,7 @@ class Forgetting:
         if result < 0:
             return
         nodes, names = take()
-        for inode, node in nodes.items():
-            self.safe.setdefault(inode, node._replace(content=b""))
+        self.safe = {inode: node._replace(content=b"") for inode, node in nodes.items()} | self.safe
         self.every.update(nodes)
         pairs = [(key, self.names.get(key), names.get(key)) for key in self.names.keys() | names.keys()]
         self.changes.append([pair for pair in pairs if pair[1] != pair[2]])
@@ -256,12 +239,9 @@ class Forgetting:
 
     # A change cannot be lost while a later one of the same name is kept.
     def with_later(self, index):
-        lost, places = [], set()
-        for at in range(index, len(self.changes)):
-            here = {key for key, _, _ in self.changes[at]}
-            if at == index or here & places:
-                lost.append(at)
-                places |= here
+        lost, keys = [], [{key for key, _, _ in change} for change in self.changes]
+        for at in range(index, len(keys)):
+            lost += [at] if at == index or any(keys[at] & keys[each] for each in lost) else []
         return lost
 
 
@@ -283,7 +263,7 @@ def is_pair(cert, key):
 # What a reader of a folder sees: no times, which a copy or a rename may change.
 def content(disk, folder):
     inside = [path for path in disk if path.startswith(folder + "/")]
-    return {path[len(folder) + 1 :]: disk[path]._replace(mtime=0) for path in inside}
+    return {path.removeprefix(folder + "/"): disk[path]._replace(mtime=0) for path in inside}
 
 
 def parsed(disk, path):  # None when it is missing or does not parse; "null" would be no book either
@@ -302,8 +282,8 @@ def is_whole(disk, folder):  # for a service of opalweb
     files = content(disk, folder)
     copied = {name: node[:3] == (0o100400, 64101, 64101) for name, node in files.items() if name != "info"}
     is_right = files.keys() - {"opal-ca-cert.pem"} == {*FILES, "info"} and all(copied.values())
-    is_open = is_right and disk[folder][:3] == (0o40755, 0, 0)
-    return is_open and parsed(files, "info") is not None and belong_together(files)
+    is_right = is_right and disk[folder][:3] == (0o40755, 0, 0) and parsed(files, "info") is not None
+    return is_right and belong_together(files)
 
 
 # The services of p in a book, for each certificate (SERVICES is one list), and the book without them.
@@ -338,8 +318,7 @@ class Torture:
         self.points += [("cut", at) for at in range(len(self.cuts))]
 
     def trace(self, enter, leave=None):
-        program, *arguments = self.text.split()
-        return trace([f"{TOOL}/{program}", *arguments], enter, leave), self.w.log.take()
+        return trace(f"{TOOL}/{self.text}".split(), enter, leave), self.w.log.take()
 
     # The call, and what was wrong.
     def try_point(self, kind, point):
@@ -384,40 +363,35 @@ class Torture:
         is_forgotten = not self.registers and not {*ours} & {*self.services}
         wrong = self.after_stop(disk, False, is_forgotten)
         wrong += self.after_success(disk, is_unmarked) if said.status == 0 else []
-        if said.status != 0 and not is_forgotten:
-            wrong.append(f"the next run answers {said.status}")
+        wrong += [f"the next run answers {said.status}"] if said.status != 0 and not is_forgotten else []
         kept = ("//" if self.registers or is_sudden else f"{A}/INFO.bak", f"{P}/p" if is_forgotten else "//")
         stay = [each for each in disk.keys() - self.new.keys() - definitions if not each.startswith(kept)]
         return wrong + [f"{path} stays behind" for path in stay] + ([str(said)] if wrong or stay else [])
 
     def state(self, disk, folder):
-        if folder not in disk:
-            return "absent"
         if not is_whole(disk, folder):
-            return "part"
+            return "part" if folder in disk else "absent"
         if content(disk, folder) == content(self.old, folder):
             return "old"
-        cert, in_archive = f"{folder}/cert.pem", f"{CERTIFICATE}/cert.pem"
-        good = [self.new[cert].content if cert in self.new else b""]
-        good += [disk[in_archive].content] if in_archive in disk else []
-        return "new" if disk[cert].content in good else "part"
+        places = (self.new, f"{folder}/cert.pem"), (disk, f"{CERTIFICATE}/cert.pem")
+        good = [where[path].content for where, path in places if path in where]
+        return "new" if disk[f"{folder}/cert.pem"].content in good else "part"
 
     # `is_sudden`: nobody could roll anything back. `in_removal`: the stop fell on the program that removes folders, or
     # what it has removed may have come back in part.
     def after_stop(self, disk, is_sudden, in_removal):
         keys = [(path, node.mode & 0o077) for path, node in disk.items() if b"PRIVATE KEY" in node.content]
         wrong = self.books(disk) + self.archive(disk) + [f"{path} can be read" for path, mode in keys if mode]
-        if content(disk, f"{P}/q") != content(self.old, f"{P}/q"):
-            wrong.append("the stranger's folder is touched")
+        is_touched = content(disk, f"{P}/q") != content(self.old, f"{P}/q")
+        wrong += ["the stranger's folder is touched"] if is_touched else []
         for folder in (f"{P}/p/{service}" for service in self.services):
             state, files = self.state(disk, folder), content(disk, folder)
             pair = [files[name].content for name in FILES[:2] if name in files]
             backup_holds = content(disk, folder + ".bak") == content(self.old, folder) != {}
             is_safe = is_sudden and backup_holds or not self.registers
-            is_mixed = len(pair) == 2 and not is_pair(*pair)
-            may_be_absent = is_safe or folder not in self.old
-            may_be_part = is_safe and in_removal and not is_mixed
-            if state == "absent" and not may_be_absent or state == "part" and not may_be_part:
+            may_be_part = is_safe and in_removal and (len(pair) < 2 or is_pair(*pair))
+            may_be = {"absent": is_safe or folder not in self.old, "part": may_be_part}
+            if not may_be.get(state, True):
                 wrong.append(f"{folder} is {state}, its backup is {'' if backup_holds else 'not '}whole")
         return wrong
 
@@ -440,19 +414,14 @@ class Torture:
         return [] if is_right else ["the certificate looks whole and is not"]
 
     def books(self, disk):
-        wrong = []
-        for book in (INFO, SERVICES):
-            if parsed(disk, book) is None:
-                wrong.append(f"{book} does not parse")
-                continue
-            (ours, rest), (old, old_rest), (new, _) = (
-                split(parsed(each, book)) for each in (disk, self.old, self.new)
-            )
+        wrong = [f"{book} does not parse" for book in (INFO, SERVICES) if parsed(disk, book) is None]
+        for book in (INFO, SERVICES) if not wrong else ():
+            halves = [split(parsed(each, book)) for each in (disk, self.old, self.new)]
+            (ours, rest), (old, old_rest), (new, _) = halves
             good = [old, new]
             if book == INFO and not any(old.values()):  # It is written after each service, and one may fail.
                 good += [{**new, cert_id: [each]} for cert_id, some in new.items() for each in some]
             if ours not in good or rest != old_rest:
                 wrong.append(f"{book} lists neither the old nor the new services")
-            if disk[book].mode & 0o022:
-                wrong.append(f"{book} can be written")
+            wrong += [f"{book} can be written"] if disk[book].mode & 0o022 else []
         return wrong

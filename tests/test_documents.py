@@ -19,8 +19,7 @@ ROFF = {r"\&": "", r"\(aq": "'", r"\(dq": '"', r"\e": "\\"}
 MACHINE = r"""
 export LC_ALL=C HOME=/tmp/home
 mkdir -p /usr/local/share/shop ~/bought
-cp $D/shop.cfg /usr/local/share/shop/certificate.cfg
-opalcrtregister shop
+cp $D/shop.cfg /usr/local/share/shop/certificate.cfg; opalcrtregister shop
 journalctl() { sleep 0.2; grep " $2: " /run/row/journal | sed 's/^<[0-9]*>//'; }
 systemctl() { # reload shop
     [ "$2" = shop ] || { echo "no such unit here: $*"; return 1; }
@@ -30,15 +29,11 @@ systemctl() { # reload shop
     server=$!
     until grep -q ^ACCEPT /run/row/server; do kill -0 $server; sleep 0.02; done
 }
-trap 'kill $server' EXIT
-ip link set lo up
-systemctl start shop
+trap 'kill $server' EXIT; ip link set lo up; systemctl start shop
 req() { openssl req -x509 -newkey rsa:2048 -nodes -days 90 "$@" 2>/dev/null; }
-cd ~/bought
-req -subj /CN=Authority -keyout ca.key -out chain.pem
+cd ~/bought; req -subj /CN=Authority -keyout ca.key -out chain.pem
 req -CA chain.pem -CAkey ca.key -subj /CN=shop.example -addext basicConstraints=critical,CA:false \
-    -keyout privkey.pem -out cert.pem
-cd /
+    -keyout privkey.pem -out cert.pem; cd /
 """
 
 
@@ -75,9 +70,8 @@ def examples():
 @pytest.mark.parametrize("blocks", examples())
 def test_an_example_does_what_is_told(w, blocks):
     w.log.lines = Journal()
-    w.sh(
-        "cd /; rm -r $A; opalcrt init; cd $A; mv $(cat DEFAULT) factory; sed -i s/$(cat DEFAULT)/factory/ INFO DEFAULT"
-    )
+    w.sh("cd /; rm -r $A; opalcrt init")
+    w.sh("mv $(cat DEFAULT) factory; sed -i s/$(cat DEFAULT)/factory/ INFO DEFAULT")
     w.define("shop", "web", "api")
     script = MACHINE + "".join(f"printf '\\1'\n{lines}" for kind, lines in blocks if kind in SHELL)
     (ROW / "script").write_text(script)

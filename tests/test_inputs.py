@@ -9,14 +9,8 @@ FUZZ = f"{TOOL.parent}/tests/opalcrt-fuzz"
 INPUTS, FOUND = REPOSITORY / "tests/inputs", REPOSITORY / "build/fuzz/inputs"
 SECONDS = int(os.environ.get("FUZZ_SECONDS", 60))
 OPTIONS = f"-max_total_time={SECONDS} -timeout=20 -use_value_profile=1 -dict={INPUTS}/dictionary"
-FILES = {
-    "cert": A / "c/cert.pem",
-    "default": A / "DEFAULT",
-    "definition": D / "p.cfg",
-    "info": A / "INFO",
-    "renew": A / "c/renew.json",
-    "services": A / "SERVICES",
-}
+FILES = {"cert": A / "c/cert.pem", "default": A / "DEFAULT", "definition": D / "p.cfg", "info": A / "INFO"}
+FILES.update({"renew": A / "c/renew.json", "services": A / "SERVICES"})
 TARGETS = pytest.mark.parametrize("target", FILES)
 
 

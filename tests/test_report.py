@@ -66,7 +66,7 @@ def test_a_long_line_loses_what_stands_before_its_end(w):
     w.sh("mkdir -p INFO.temp/x")
     assert not w.call("WriteCrtInfo", {"c": "ü" * 9000})
     lines = [(w.said.log[0], "ü] to [$A/INFO.temp].")]
-    w.books({"ü" * 9000: {"services": [service("web")]}, "c": {"services": []}})
+    w.write({"ü" * 9000: {"services": [service("web")]}, "c": {"services": []}})
     assert not w.call("SetCrtForServices", "c", [service("web")], "", 3)
     for line, end in [*lines, (w.said.log[-2], '"subscriber":"p"}]')]:
         assert line.endswith(end) and 5900 < len(line.encode()) < 8192
