@@ -85,8 +85,8 @@ def test_a_list_is_built_anew_also_of_its_own_element(w):
     lists = [([one, two, three], 0, [two, three, one]), ([one, two, three, one], 3, [two, three, one])]
     for given, element, left in [*lists, ([one, *bad, three], two, [one, three, two])]:
         for removed in (False, True):
-            w.call("UpdateServiceList", given, element, removed)
-            assert w.answer["list"] == (left[:-1] if removed else left)
+            built = w.call("UpdateServiceList", given, element, removed)
+            assert built == (left[:-1] if removed else left)
 
 
 @pytest.mark.parametrize("isPkg", [True, False])
