@@ -81,8 +81,9 @@ void Read(const std::string &input)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    REQUIRE(getenv("FUZZ_FILE") != nullptr);
-    const std::string path = getenv("FUZZ_FILE"), input(reinterpret_cast<const char *>(data), size);
+    const char *named = getenv("FUZZ_FILE");
+    REQUIRE(named != nullptr);
+    const std::string path = named, input(reinterpret_cast<const char *>(data), size);
     Json::Value after;
     for (const auto change : kChanges) {
         Put(path, input);
