@@ -56,6 +56,6 @@ int Default(const Options &options);
 // A new set in the place of a self-made certificate; another one is left alone. It is due when fewer than `days` days
 // are left, or when it is to have other names. The set is made beside the old one, without a mark of a mend, exchanged
 // with it, and its services get it. When nothing is due, services that have not got it yet do.
-int Renew(const Options &options);
+int Renew(const Options &given);
 
 }  // namespace opalcrt
