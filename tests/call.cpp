@@ -79,7 +79,8 @@ Function Plain(Result (*function)(Parameters...))
 
 #define PLAIN(function) {#function, Plain(function)}
 const std::map<std::string, Function> kFunctions = {
-    PLAIN(CheckAndRecoverCrt), PLAIN(RecoverCrt), PLAIN(IsServiceObjValid), PLAIN(WriteCrtInfo),
+    PLAIN(DeployDefCrt), PLAIN(CheckAndRecoverCrt), PLAIN(RecoverCrt), PLAIN(IsServiceObjValid),
+    PLAIN(WriteCrtInfo),
     PLAIN(IsServiceFolderInRoot), PLAIN(RemoveServiceCertificate), PLAIN(DeployServiceCrt),
     PLAIN(DeployMultipleCrt), PLAIN(MoveDirectory), PLAIN(RecreateDirectory), PLAIN(RemovePath),
     PLAIN(CopyCrtFile), PLAIN(CheckRealDirectory), PLAIN(genDirectory), PLAIN(modifyCsrCfg), PLAIN(genCACnf),

