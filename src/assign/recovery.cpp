@@ -39,11 +39,9 @@ int LookForFiles(const std::string &folder, const std::string &prefix, const Fil
 // The same for all required files. One that is marked lacks something, too: files that belong together.
 int LookForRequiredFiles(const std::string &cert_id, const std::string &folder)
 {
-    if (HasCrtKeyTypes(cert_id)) {
-        for (const KeyType type : GetCrtKeyTypes(cert_id)) {
-            if (const int exist = LookForFiles(folder, KeyTypePrefix(type), kKeyTypeFiles); exist != 1) {
-                return exist;
-            }
+    for (const KeyType type : GetCrtKeyTypes(cert_id)) {
+        if (const int exist = LookForFiles(folder, KeyTypePrefix(type), kKeyTypeFiles); exist != 1) {
+            return exist;
         }
     }
     if (const int exist = LookForFiles(folder, "", kPlainFiles); exist != 1) {
@@ -99,20 +97,20 @@ bool Mend(const std::string &cert_id, const std::string &folder)
 // After IsCrtComplete has answered false.
 bool IsIncomplete() { return errno == 0 || IsMissing(errno); }
 
-// For a certificate that was found marked: waits for the mend that is under way, and makes it again if it was cut off.
-bool EndMend(const std::string &cert_id, const std::string &folder)
+// Mends under the lock. A certificate that was found marked is looked at again there: the mend may have been under way,
+// and is made again only if it was cut off.
+bool LockAndMend(const std::string &cert_id, const std::string &folder, bool isMarked)
 {
     const ScopedLock lock(kRecoverLock, kLockExclusive, kRecoverLockSeconds, UnlockLine::kStore);
     if (!lock.IsHeld()) {
         return LOG_ERROR("Failed to lock file [%s]", kRecoverLock);
     }
-    if (IsCrtComplete(cert_id, folder)) {
-        return true;
+    if (isMarked) {
+        if (const bool isComplete = IsCrtComplete(cert_id, folder); isComplete || !IsIncomplete()) {
+            return isComplete;
+        }
+        LOG_ERROR("%s is incomplete, start recovering", cert_id.c_str());
     }
-    if (!IsIncomplete()) {
-        return false;
-    }
-    LOG_ERROR("%s is incomplete, start recovering", cert_id.c_str());
     return Mend(cert_id, folder);
 }
 
@@ -131,7 +129,7 @@ bool CheckAndRecoverCrt(const std::string &cert_id)
 
     const std::string folder = GetCrtFolderPath(cert_id);
     const bool isMarked = YLIBCFileExist(GetMendingMarkPath(cert_id).c_str()) == 1;
-    if (isMarked ? EndMend(cert_id, folder)
+    if (isMarked ? LockAndMend(cert_id, folder, true)
                  : IsCrtComplete(cert_id, folder) || (IsIncomplete() && RecoverCrt(cert_id, folder))) {
         return true;
     }
@@ -158,12 +156,7 @@ bool IsCrtComplete(const std::string &cert_id, const std::string &folder)
 bool RecoverCrt(const std::string &cert_id, const std::string &folder)
 {
     LOG_ERROR("%s is incomplete, start recovering", cert_id.c_str());
-
-    const ScopedLock lock(kRecoverLock, kLockExclusive, kRecoverLockSeconds, UnlockLine::kStore);
-    if (!lock.IsHeld()) {
-        return LOG_ERROR("Failed to lock file [%s]", kRecoverLock);
-    }
-    return Mend(cert_id, folder);
+    return LockAndMend(cert_id, folder, false);
 }
 
 }  // namespace opalcrt
