@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 
 #include "common/log.h"
@@ -56,13 +55,6 @@ bool BackUp(const std::string &destination, const std::string &backup)
     return true;
 }
 
-void RollBack(const std::string &backup, const std::string &destination)
-{
-    if (RemovePath(destination)) {
-        Rename(backup, destination);
-    }
-}
-
 }  // namespace
 
 bool MoveDirectory(const std::string &source, const std::string &destination)
@@ -80,22 +72,15 @@ bool MoveDirectory(const std::string &source, const std::string &destination)
         return false;
     }
 
-    if (!RemovePath(destination)) {
-        RollBack(backup, destination);
-        return false;
+    if (RemovePath(destination) && Rename(source, destination)) {
+        RemovePath(backup);
+        return true;
     }
-    if (rename(source.c_str(), destination.c_str()) != 0) {
-        LOG_ERROR("Failed to move %s to %s [%d]", source.c_str(), destination.c_str(), errno);
-        RollBack(backup, destination);
-        return false;
+    // When only the sync has failed the new folder stands, whole, and the backup is what is sure to survive a power cut.
+    if (YLIBCFileExist(source.c_str()) != 0 && RemovePath(destination)) {
+        Rename(backup, destination);
     }
-    if (!SyncParent(destination)) {
-        // The new folder stands, whole; only the backup is sure to survive a power cut.
-        return LOG_ERROR("Failed to move %s to %s [%d]", source.c_str(), destination.c_str(), errno);
-    }
-
-    RemovePath(backup);
-    return true;
+    return false;
 }
 
 bool RemovePath(const std::string &path)
