@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -16,37 +15,23 @@ namespace opalcrt {
 
 namespace {
 
-// What one of the certificate's files looked like, or with which errno it was missing.
-struct SourceFile {
-    int error = 0;
-    struct stat status = {};
+// What the files look like; all zero for one that is not there. The mark of a mend is the last one.
+std::vector<struct stat> TakeSnapshot(const DeployPlan &plan, const std::string &cert_id)
+{
+    std::vector<std::string> paths;
+    for (const DeployPlan::File &file : plan.files) {
+        paths.push_back(GetCrtFolderPath(cert_id) + "/" + file.name);
+    }
+    paths.push_back(GetMendingMarkPath(cert_id));
 
-    explicit SourceFile(const std::string &path)
-    {
-        if (stat(path.c_str(), &status) != 0) {
-            error = errno;
+    std::vector<struct stat> snapshot(paths.size());
+    for (size_t index = 0; index < paths.size(); ++index) {
+        if (stat(paths[index].c_str(), &snapshot[index]) != 0) {
+            snapshot[index] = {};
         }
     }
-    bool operator==(const SourceFile &other) const
-    {
-        return error == other.error && IsSameFile(status, other.status);
-    }
-};
-
-using Snapshot = std::vector<SourceFile>;
-
-// The mark of a mend is the last one.
-Snapshot TakeSnapshot(const DeployPlan &plan, const std::string &cert_id)
-{
-    Snapshot snapshot;
-    for (const DeployPlan::File &file : plan.files) {
-        snapshot.emplace_back(GetCrtFolderPath(cert_id) + "/" + file.name);
-    }
-    snapshot.emplace_back(GetMendingMarkPath(cert_id));
     return snapshot;
 }
-
-bool IsBeingMended(const Snapshot &snapshot) { return snapshot.back().error == 0; }
 
 bool CopyPlannedFile(const DeployPlan::File &file, const std::string &crtFolder, const std::string &staging,
                      uid_t uid, gid_t gid)
@@ -65,8 +50,8 @@ bool CopyPlannedFiles(const DeployPlan &plan, const std::string &cert_id, const 
 
     const Clock::time_point end = Clock::now() + std::chrono::seconds(kRecoverLockSeconds);
     for (bool isAgain = false;; isAgain = true) {
-        const Snapshot before = TakeSnapshot(plan, cert_id);
-        if (!IsBeingMended(before)) {
+        const std::vector<struct stat> before = TakeSnapshot(plan, cert_id);
+        if (const bool isBeingMended = before.back().st_nlink != 0; !isBeingMended) {
             if (isAgain && !RecreateDirectory(staging, kServiceFolderMode)) {
                 return false;
             }
@@ -75,7 +60,8 @@ bool CopyPlannedFiles(const DeployPlan &plan, const std::string &cert_id, const 
                     return CopyPlannedFile(file, GetCrtFolderPath(cert_id), staging, uid, gid);
                 });
             // Half of an old certificate and half of a new one would not match.
-            if (before == TakeSnapshot(plan, cert_id)) {
+            const std::vector<struct stat> after = TakeSnapshot(plan, cert_id);
+            if (std::equal(before.begin(), before.end(), after.begin(), IsSameFile)) {
                 return isCopied;
             }
         }
