@@ -69,27 +69,21 @@ int RunCommand(int argc, char *argv[])
     return 1;
 }
 
-// No function lets an exception out but for want of memory. What is held has been let go on the way here, as after
-// any other failure, so there is memory again for the line that says why.
-int RunCommandAndLogExceptions(int argc, char *argv[])
-{
-    try {
-        return RunCommand(argc, argv);
-    } catch (const std::exception &error) {
-        LOG_ERROR("Failed to finish (%s)", error.what());
-        return 1;
-    }
-}
-
 }  // namespace
 
 }  // namespace opalcrt
 
 int main(int argc, char *argv[])
 {
-    if (!opalcrt::PrepareProcess()) {
-        return 1;
+    int status = 1;
+    try {
+        if (opalcrt::PrepareProcess()) {
+            status = opalcrt::RunCommand(argc, argv);
+        }
+    } catch (const std::exception &error) {
+        // No function lets one out but for want of memory. What was held has been let go on the way here, as after any
+        // other failure, so there is memory again for the line that says why.
+        LOG_ERROR("Failed to finish (%s)", error.what());
     }
-    const int status = opalcrt::RunCommandAndLogExceptions(argc, argv);
     return fflush(stdout) == 0 ? status : 1;
 }
