@@ -3,11 +3,10 @@
 #include <openssl/pem.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iomanip>
 #include <memory>
-#include <sstream>
 
 #include "checksum/openssl_error.h"
 #include "common/json_file.h"
@@ -42,16 +41,6 @@ UniqueFile OpenCrtFile(const std::string &path)
     return file;
 }
 
-std::string ToHex(const unsigned char *bytes, size_t count)
-{
-    std::ostringstream text;
-    text << std::hex << std::setfill('0');
-    for (size_t index = 0; index < count; ++index) {
-        text << std::setw(2) << static_cast<unsigned>(bytes[index]);
-    }
-    return text.str();
-}
-
 bool HashDer(const unsigned char *der, size_t length, std::string &checksum)
 {
     const UniqueOpenSSL<EVP_MD_CTX> context(EVP_MD_CTX_new());
@@ -66,7 +55,11 @@ bool HashDer(const unsigned char *der, size_t length, std::string &checksum)
     if (EVP_DigestFinal_ex(context.get(), digest, &digestLength) != 1) {
         return LogOpenSSLError("SHA256 final failed.");
     }
-    checksum = ToHex(digest, digestLength);
+    for (unsigned index = 0; index < digestLength; ++index) {
+        char digits[3];
+        snprintf(digits, sizeof(digits), "%02x", digest[index]);
+        checksum += digits;
+    }
     return true;
 }
 

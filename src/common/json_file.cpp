@@ -27,14 +27,10 @@ bool Parse(const std::string &text, Json::Value &value)
     builder["stackLimit"] = 500;
     builder["collectComments"] = false;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    try {
-        std::string errors;
-        // jsoncpp takes a NUL byte for the end of the text: what stands behind it would be lost at the next write.
-        return text.find('\0') == std::string::npos &&
-               reader->parse(text.data(), text.data() + text.size(), &value, &errors);
-    } catch (const Json::Exception &) {
-        return false;
-    }
+    std::string errors;
+    // jsoncpp takes a NUL byte for the end of the text: what stands behind it would be lost at the next write.
+    return text.find('\0') == std::string::npos &&
+           reader->parse(text.data(), text.data() + text.size(), &value, &errors);
 }
 
 std::string Render(const Json::Value &value, const char *indentation, bool isAscii = false)
@@ -82,6 +78,7 @@ bool fromOpenFile(int fd, Json::Value &value, size_t limit)
         if (Parse(text, value)) {
             return true;
         }
+    } catch (const Json::Exception &) {  // It nests too deep.
     } catch (const std::bad_alloc &) {
         error = ENOMEM;
     }

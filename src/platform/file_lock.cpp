@@ -110,13 +110,7 @@ int YLIBCFileLockTimeByFile(const char *path, int mode, int seconds, int *fd)
 int YLIBCFileUnlockByFile(int fd)
 {
     UniqueFd file(fd);
-    const bool isReleased = flock(fd, LOCK_UN) == 0;
-    const int error = errno;
-    if (file.Close() != 0 || !isReleased) {
-        errno = isReleased ? errno : error;
-        return SET_PLATFORM_ERRNO(errno);
-    }
-    return 1;
+    return flock(fd, LOCK_UN) == 0 && file.Close() == 0 ? 1 : SET_PLATFORM_ERRNO(errno);
 }
 
 }  // namespace opalcrt
