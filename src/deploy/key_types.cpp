@@ -1,5 +1,6 @@
 #include "deploy/key_types.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "common/json_file.h"
@@ -63,10 +64,7 @@ std::vector<std::string> SplitTrimmed(const std::string &text, const std::string
 std::string TrimSpace(const std::string &text)
 {
     constexpr char kWhiteSpace[] = " \t\n\v\f\r";
-    const size_t first = text.find_first_not_of(kWhiteSpace);
-    if (first == std::string::npos) {
-        return std::string();
-    }
+    const size_t first = std::min(text.find_first_not_of(kWhiteSpace), text.size());
     return text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1);
 }
 

@@ -16,6 +16,7 @@
 #include "frontend/caller_check.h"
 #include "frontend/services_list.h"
 #include "platform/atomic_file.h"
+#include "platform/file_read.h"
 #include "platform/process.h"
 #include "store/crt_info.h"
 #include "store/names.h"
@@ -166,25 +167,25 @@ bool FindServiceOwner(const Json::Value &info, Json::Value &request)
 
 bool RemoveServiceFromInfo(const Json::Value &request)
 {
-    const Json::Value *info = ReadCrtInfo();
-    if (info == nullptr || !info->isObject()) {
+    const UniqueFd old = OpenRegularFile(kInfoPath);  // Stays what it is, whatever becomes of the name.
+    Json::Value info;
+    if (!TakeCrtInfo(info) || !info.isObject()) {
         return LOG_ERROR("Failed to get or bad info for UnRegisterer");
     }
 
-    Json::Value fresh = *info;
     bool isChanged = false;
-    for (Json::Value &entry : fresh) {
+    for (Json::Value &entry : info) {
         if (GetMember(entry, "services").isArray() &&
             !KeepOtherServices(request, entry["services"], isChanged)) {
             return false;
         }
     }
-    if (!isChanged || toFile(kInfoPath, fresh, true)) {
+    if (!isChanged || toFile(kInfoPath, info, true)) {
         return true;
     }
 
     LOG_ERROR("Failed to update info file");
-    if (toFile(kInfoBackupPath, *info, true, kInfoPath)) {
+    if (fromOpenFile(old.Get(), info) && toFile(kInfoBackupPath, info, true, kInfoPath)) {
         LOG_ERROR("Original info file is backed up to %s.bak", kInfoPath);
     }
     return false;
