@@ -3,6 +3,7 @@
 // Any failure ends it with status 1, so a run that did less is never taken for a fast one.
 //
 //   floor register SUBSCRIBER COUNT    services s0, s1, ... as opalcrtregister does; prints the time of each program
+//   floor deploy SUBSCRIBER COUNT      the same as opalcrt deploy does, which changes no book
 //   floor report LIST WAY              LIST has lines "ID SUBSCRIBER SERVICE"; WAY is "line" or "certificate": hash
 //                                      for each line, or only when ID changes
 //   floor unregister SUBSCRIBER SERVICE   parse and write both books with jsoncpp, one rm
@@ -33,8 +34,7 @@
 #include <string>
 #include <vector>
 
-namespace
-{
+namespace {
 
 const std::string kArchive = "/usr/opal/etc/certificate/_archive";
 const std::string kPackages = "/usr/local/etc/certificate";
@@ -91,10 +91,7 @@ void Sync(const std::string &path)
     Must(fd >= 0 && fsync(fd) == 0 && close(fd) == 0, "sync " + path);
 }
 
-std::string Parent(const std::string &path)
-{
-    return path.substr(0, path.rfind('/'));
-}
+std::string Parent(const std::string &path) { return path.substr(0, path.rfind('/')); }
 
 void Rename(const std::string &from, const std::string &to)
 {
@@ -175,7 +172,7 @@ void Deploy(const std::string &folder, const std::string &info, const passwd &ow
     Must(Run({"/bin/rm", "-rf", backup}) == 0, "rm");
 }
 
-int Register(const std::string &subscriber, int count)
+int Register(const std::string &subscriber, int count, bool changesBooks)
 {
     // The books are written as often as the tool does it, with the text that they have.
     const std::string services = Read(kArchive + "/SERVICES");
@@ -185,14 +182,18 @@ int Register(const std::string &subscriber, int count)
     Must(found != nullptr, "user opalweb");
     const passwd owner = *found;
 
-    Must(unlink(("/usr/local/share/certificate.d/" + subscriber + ".cfg").c_str()) == 0, "definition");
-    Replace(kArchive + "/SERVICES", services, false);
+    if (changesBooks) {
+        Must(unlink(("/usr/local/share/certificate.d/" + subscriber + ".cfg").c_str()) == 0, "definition");
+        Replace(kArchive + "/SERVICES", services, false);
+    }
     for (const std::string &folder : {Parent(kPackages), kPackages, kPackages + "/" + subscriber}) {
         MakeFolder(folder);
     }
     for (int number = 0; number < count; ++number) {
         Deploy(kPackages + "/" + subscriber + "/s" + std::to_string(number), info, owner);
-        Replace(kArchive + "/INFO", books, false, ".temp");
+        if (changesBooks) {
+            Replace(kArchive + "/INFO", books, false, ".temp");
+        }
     }
     Run({"/usr/bin/systemctl", "reload", "opalrelayd"});  // Fails where there is no such daemon.
     for (const auto &[program, seconds] : programSeconds) {
@@ -278,8 +279,8 @@ int main(int argc, char *argv[])
     if (mode == "nothing") {
         return 0;
     }
-    if (mode == "register") {
-        return Register(args[1], atoi(args[2].c_str()));
+    if (mode == "register" || mode == "deploy") {
+        return Register(args[1], atoi(args[2].c_str()), mode == "register");
     }
     if (mode == "report") {
         return Report(args[1], args[2] == "line");

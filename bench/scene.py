@@ -2,7 +2,9 @@
 
 import functools
 import json
+import os
 import pathlib
+import pwd
 import shutil
 import subprocess
 
@@ -16,8 +18,8 @@ DEFINITIONS = pathlib.Path("/usr/local/share/certificate.d")
 def certificate():
     """The key and the certificate that all folders of the archive get."""
     folder = pathlib.Path("/tmp")
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=bench", "-keyout",
-                    folder / "key.pem", "-out", folder / "cert.pem"], check=True, capture_output=True)
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "99", "-subj",
+                    "/CN=bench", "-keyout", folder / "key.pem", "-out", folder / "cert.pem"], check=True, capture_output=True)
     return (folder / "key.pem").read_text(), (folder / "cert.pem").read_text()
 
 
@@ -57,8 +59,21 @@ def list_others(count):
     write_books({"factory": {"services": others}}, others)
 
 
-def list_certificates(count, services):
-    """Certificates with some services each; returns the lines "ID SUBSCRIBER SERVICE"."""
+def add_copy(one):
+    """The folder of a service, as a deployment leaves it."""
+    folder, owner = PACKAGES / one["subscriber"] / one["service"], pwd.getpwnam(one["owner"])
+    shutil.copytree(ARCHIVE / "factory", folder)
+    for path in folder.iterdir():
+        path.chmod(0o400)
+        os.chown(path, owner.pw_uid, owner.pw_gid)
+    paths = {"cert": f"{folder}/cert.pem", "key": f"{folder}/privkey.pem", "chain": f"{folder}/fullchain.pem"}
+    names = {name: one[name] for name in ("subscriber", "service")}
+    (folder / "info").write_text(json.dumps({**names, "certs": [paths]}))
+
+
+def list_certificates(count, services, copies=False):
+    """Certificates with some services each; returns the lines "ID SUBSCRIBER SERVICE". With `copies` the services
+    have their folders."""
     clear()
     info, lines = {"factory": {"services": []}}, []
     for number in range(count):
@@ -66,7 +81,10 @@ def list_certificates(count, services):
         add_certificate(name)
         info[name] = {"services": [service(number * services + place) for place in range(services)]}
         lines += [f"{name} {one['subscriber']} {one['service']}\n" for one in info[name]["services"]]
-    write_books(info, [])
+    listed = [one for entry in info.values() for one in entry["services"]]
+    for one in listed if copies else ():
+        add_copy(one)
+    write_books(info, listed)
     return lines
 
 
