@@ -9,7 +9,8 @@ pytestmark = [pytest.mark.package, pytest.mark.slow]
 HERE = platform.freedesktop_os_release()["VERSION_CODENAME"]
 ROOT = ROW / "debian"
 COPY = "mkdir -p $1; tar -C $0 --exclude=./build --exclude=./.git -c . | tar -C $1 -x"
-INSIDE = 'PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root DEBIAN_FRONTEND=noninteractive exec chroot $0 sh -euxc "$1"'
+CLEAN = "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root DEBIAN_FRONTEND=noninteractive"
+INSIDE = f'exec {CLEAN} chroot $0 sh -euxc "$1"'
 
 
 def sh(script, *arguments):
@@ -42,7 +43,7 @@ def test_the_package_lives_and_this_repository_does(w, release):
     enter(w, release)
     sh("cp $0/*.deb $1/tmp", built, ROOT)
     sh(INSIDE, ROOT, "apt-get -qq install --yes /tmp/*.deb")
-    needs = "adduser openssl procps python3"  # as debian/tests/control has it
+    needs = "adduser faketime openssl procps python3"  # as debian/tests/control has it
     sh(
         INSIDE,
         ROOT,
