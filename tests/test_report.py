@@ -4,8 +4,7 @@ import json
 import pytest
 from conftest import A, service
 
-OPEN = "utils.cpp Open $A/INFO failed. "
-FORMAT = "utils.cpp Incorrect format for $A/INFO\n"
+OPEN, FORMAT = "utils.cpp Open $A/INFO failed. ", "utils.cpp Incorrect format for $A/INFO\n"
 
 
 def test_reports_every_service_of_every_certificate(w):
@@ -38,10 +37,9 @@ def test_a_report_over_bytes_that_are_no_utf8_is_json(w):
 # fmt: off
 @pytest.mark.parametrize("scene, line", [
     ("> INFO", f"{OPEN}Bad message"),
-    ("rm INFO; mkfifo INFO", f"{OPEN}Invalid argument"),
     ("echo '{\"c\": 5}' > INFO", FORMAT),
     ("echo '{\"c\": {\"services\": [{}, \"s\"]}}' > INFO", FORMAT),
-    ("sed -i 's|c|../_archive/c|' INFO", "utils.cpp Invalid path for $A/c/cert.pem, $A/../_archive/c/cert.pem.\n"),
+    ("sed -i 's|c|../_archive/c|' INFO", "Invalid path for $A/c/cert.pem, $A/../_archive/c/cert.pem.\n"),
     ("rm c/cert.pem", "utils.cpp Realpath $A/c/cert.pem failed. No such file or directory"),
     ("mv c/cert.pem c/x; ln -s x c/cert.pem", "utils.cpp Invalid path for $A/c/x, $A/c/cert.pem.\n"),
     ("cp c/privkey.pem c/cert.pem", "utils.cpp Read X509 failed. [*:PEM routines:*]"),
