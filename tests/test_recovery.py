@@ -189,4 +189,4 @@ def test_tells_the_system_bus(w):
     w.sh(wait % ("Ready", "busctl --system emit / org.opal.Notification Ready;"))
     assert w.call("CheckAndRecoverCrt", "c") and w.said.log == [LACKS, START]
     w.sh(wait % ("certificate_broken", ""))
-    w.sh(f"grep -qE 'Path=/org/opal/Notification +Interface=org.opal.Notification +Member=Event' {heard}")
+    w.sh(f"grep -qE 'Path=/org/opal/Notification +Interface=org.opal.Notification +Member=Event$' {heard}")
