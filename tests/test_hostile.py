@@ -33,8 +33,8 @@ def test_odd_callers_and_planted_things_harm_nobody_else(w, command, out, line):
     said = w.run(command)
     assert (said.status, said.out) == ((1, f"{out}\n") if out else (0, "")) and said.logged(line)
     assert w.books() == {"list": ["q/z", "p/web"], "c": ["q/z", "p/web"]}
-    look = "ls x; stat -c %a,%s x/f; find $S $P -name '*privkey*' -perm /77; ls $P/p; stat -c %U $P/p/web/cert.pem"
-    assert w.sh(look) == "f\n600,5\nweb\nopalweb\n"
+    look = "ls x; stat -c %a%s x/f; find $S $P -name '*key*' -perm /77; ls $P/p; stat -c %U $P/p/web/cert.pem"
+    assert w.sh(look) == "f\n6005\nweb\nopalweb\n"
 
 
 # Where memory ends differs from machine to machine: from where the program starts, all limits up to enough are tried.
@@ -77,7 +77,7 @@ def test_files_are_the_owners_and_his_groups_and_folders_are_roots(w, owner):
 
 
 PROBE = r"""(cd /proc/$$; tr '\0' '\n' <environ; cd fd; echo $(readlink 0 1 2) $(ls | grep -vxE '10|255')
-    umask; readlink /proc/$$/cwd; grep -E 'Sig(Blk|Ign)' /proc/self/status; ulimit -t) > /run/row/seen.${0##*/}"""
+    umask; readlink /proc/$$/cwd; grep 'Sig[BI]' /proc/self/status; ulimit -t) > /run/row/seen.${0##*/}"""
 SEEN = """PATH=/usr/sbin:/usr/bin:/sbin:/bin\nHOME=/root\nLC_ALL=C\n/dev/null /dev/null /dev/null 0 1 2\n%s\n/
 SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n%s\n"""
 HOOK = f"""{CALL} ReloadService '[{{"subscriber": "p", "service": "web", "isPkg": true}}]'"""

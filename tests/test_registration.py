@@ -13,8 +13,8 @@ BOTH = [WEB, MAIL]
 
 # fmt: off
 @pytest.mark.parametrize("arguments, services, filter, registered", [
-    ("p ''", BOTH, None, "web mail"), ("p mail", BOTH, None, "mail"), ("p other", BOTH, None, ""),
-    ("p", BOTH, "mail", "mail"), ("p web", BOTH, "mail", "web"), ("p web", [WEB, {"service": 1}], None, "web"),
+    ("p ''", BOTH, None, "web mail"), ("p mail", BOTH, None, "mail"), ("p web", BOTH, "mail", "web"),
+    ("p other", BOTH, None, ""), ("p", BOTH, "mail", "mail"), ("p web", [WEB, {"service": 1}], None, "web"),
 ])
 # fmt: on
 def test_the_services_that_are_asked_for_are_in_both_books(w, arguments, services, filter, registered):
@@ -32,8 +32,8 @@ def test_the_services_that_are_asked_for_are_in_both_books(w, arguments, service
 GOOD = '{"owner": "opalweb", "isPkg": true, "services": [{"service": "web", "display_name": "d"}]}'
 READ, BAD = "opalcrtregister.cpp Failed to get config from $D/p.cfg", "opalcrtregister.cpp Bad config"
 NAMES = "a/b", "../x", ".", "..", "web.temp", "web.bak", r"a\u0000b", "0" * 251
-BAD_ONES = '["mail"]', '{"service": "x"}', '{"service": 1, "display_name": "d"}'
-BAD_ONES += tuple(f'{{"display_name": "d", "service": "{name}"}}' for name in NAMES)
+WRONG = '["mail"]', '{"service": "x"}', '{"service": 1, "display_name": "d"}'
+WRONG += tuple(f'{{"display_name": "d", "service": "{name}"}}' for name in NAMES)
 
 
 # The owner is in every service object, so a small definition could fill both books: none longer than a user's name. A
@@ -48,7 +48,7 @@ BAD_ONES += tuple(f'{{"display_name": "d", "service": "{name}"}}' for name in NA
         "[" * 200000, GOOD + " " * 4194304, GOOD.replace("web", "\udcff"), GOOD.replace('"d"', r'"\udc00"'),
         GOOD.replace('"d"', '"\udcc0\udc80"'), GOOD.replace("{", '{"x": "\udce9", ', 1))],
     (GOOD.replace("opalweb", ""), INIT, "opalcrtregister.cpp Failed to init, [0x0D00 opalcrtregister.cpp:"),
-    *[(GOOD.replace("]", f",{bad}]"), PREPARE, "opalcrtregister.cpp Bad service config: ") for bad in BAD_ONES],
+    *[(GOOD.replace("]", f",{bad}]"), PREPARE, "opalcrtregister.cpp Bad service config: ") for bad in WRONG],
 ], ids=lambda value: ascii(value[:40]))
 # fmt: on
 def test_a_bad_definition_registers_nothing_and_is_removed(w, text, out, line):
@@ -138,7 +138,7 @@ def test_the_stage_that_failed_is_told_and_the_books_stay(w, scene, out, trail):
     (r"sed -i 's/opalweb/&\\u0000/' $D/p.cfg", "opalweb", INIT, "Failed to init, [0x2A00 opalcrtregister.cpp:"),
     ("sed -i s/opalweb/root/ $D/p.cfg; chmod u+s $ROW/*register", "opalmail", INIT, "Failed to init, [0xE400"),
     ("chmod 0755 $D", "opalweb", PREPARE, "opalcrtregister.cpp Failed to unlink $D/p.cfg (Permission denied)"),
-    ("rm $D/p.cfg", "root", INIT, "Failed to get p.cfg"), ("rm $D/p.cfg; mkfifo $D/p.cfg", "root", INIT, READ),
+    ("rm $D/p.cfg", "root", INIT, "Failed to get p.cfg"), ("rm $D/*; mkfifo $D/p.cfg", "root", INIT, READ),
     ("rm $D/p.cfg; mkdir $D/p.cfg", "root", INIT, "Failed to unlink $D/p.cfg (Is a directory)"),
 ])
 # fmt: on
