@@ -2,9 +2,10 @@
 #
 # A step is a call that changes the disk, or starts a child, of the command or of anything that it starts. strace(1)
 # counts calls for each process on its own: it cannot say "the fortieth change of this run, whoever makes it", nor kill
-# everybody there. So the calls are followed here, with ptrace(2), on x86-64 and arm64.
+# everybody there. So the kernel asks here before each of these calls (seccomp_unotify(2)), on x86-64 and arm64.
 
-import ctypes, errno, functools, glob, json, os, platform, shutil, signal, stat, struct, subprocess
+import ctypes, errno, fcntl, functools, glob, json, os, platform, select, shutil, signal, socket, stat, struct
+import subprocess
 from collections import namedtuple
 from pathlib import Path
 
@@ -13,17 +14,17 @@ from conftest import A, D, P, TOOL
 ROOTS = ("/usr/opal/etc", "/usr/opal/share", "/usr/local/etc", "/usr/local/share")  # what the tool may change
 CERTIFICATE, INFO, SERVICES = f"{A}/c", f"{A}/INFO", f"{A}/SERVICES"
 
-# Where calls tell their path: "fd" is an open file, "at" a folder's descriptor and the path after it, each with its
-# place among the arguments. A rename is known by its new name. A fork is no change, but what the next one waits for.
+# Which arguments of calls are a descriptor, of a file or of the folder in which a path begins, and a path. A rename is
+# known by its new name. A fork is no change, but what the next one waits for.
 CALLS = {
-    ("fd", 0): "write pwrite64 writev sendfile fallocate ftruncate fsync fdatasync fchmod fchown fsetxattr",
-    ("fd", 2): "copy_file_range",
-    ("path", 0): "open creat mkdir unlink rmdir truncate chmod chown lchown setxattr lsetxattr removexattr",
-    ("path", 1): "rename link symlink",
-    ("at", 0): "openat mkdirat unlinkat fchmodat fchmodat2 fchownat utimensat",
-    ("at", 1): "symlinkat",
-    ("at", 2): "renameat renameat2 linkat",
-    ("none", 0): "fork vfork clone clone3",
+    (0, None): "write pwrite64 writev sendfile fallocate ftruncate fsync fdatasync fchmod fchown fsetxattr",
+    (2, None): "copy_file_range",
+    (None, 0): "open creat mkdir unlink rmdir truncate chmod chown lchown setxattr lsetxattr removexattr",
+    (None, 1): "rename link symlink",
+    (0, 1): "openat mkdirat unlinkat fchmodat fchmodat2 fchownat utimensat",
+    (1, 2): "symlinkat",
+    (2, 3): "renameat renameat2 linkat",
+    (None, None): "fork vfork clone clone3",
 }
 CHANGING = os.O_WRONLY | os.O_RDWR | os.O_CREAT | os.O_TRUNC  # the others only look
 
@@ -37,118 +38,72 @@ def calls_by_number():  # as the compiler knows them: no architecture has anothe
     return {int(numbers[macro]): row for macro, row in rows if macro in numbers}
 
 
-libc = ctypes.CDLL(None, use_errno=True)
-libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
-TRACEME, CONT, SYSCALL, SETOPTIONS, GETREGSET, SETREGSET, GET_INFO = 0, 7, 24, 0x4200, 0x4204, 0x4205, 0x420E
-OPTIONS = 0x10009F  # TRACESYSGOOD, all that are born, EXEC, SECCOMP, EXITKILL (linux/ptrace.h)
-EVENT_SECCOMP, PR_SET_SECCOMP, MODE_FILTER, ALLOW, TRACE = 7, 22, 2, 0x7FFF0000, 0x7FF00000
+SECCOMP, MODE_FILTER, NEW_LISTENER = {"x86_64": 317, "aarch64": 277}[platform.machine()], 1, 8
+ALLOW, ASK, RECEIVE, SEND, CONTINUE = 0x7FFF0000, 0x7FC00000, 0xC0502100, 0xC0182101, 1  # linux/seccomp.h
 
 
 # fmt: off
-def ptrace(request, pid, address=None, data=None):
-    if libc.ptrace(request, pid, address, data) < 0: raise OSError(ctypes.get_errno(), "ptrace")
-
-
-# The kernel stops this process and its children at these calls only: all others cost nothing.
-def stop_at(numbers):
+# From now on this process and its children wait at these calls for an answer; all others cost nothing. Answers the
+# descriptor by which they ask.
+def ask_at(numbers):
     rules = [(0x20, 0, 0, 0)]  # Load the number, jump to the last rule for each that is looked for.
     rules += [(0x15, len(numbers) - at, 0, number) for at, number in enumerate(numbers)]
-    rules += [(0x06, 0, 0, ALLOW), (0x06, 0, 0, TRACE)]
+    rules += [(0x06, 0, 0, ALLOW), (0x06, 0, 0, ASK)]
     code = ctypes.create_string_buffer(b"".join(struct.pack("HBBI", *rule) for rule in rules))
     program = struct.pack("HxxxxxxQ", len(rules), ctypes.addressof(code))
-    assert libc.prctl(PR_SET_SECCOMP, MODE_FILTER, program, 0, 0) == 0
-
-
-# Before a call: the kernel makes no call -1, and leaves what stands in the register of the result.
-def let_fail(pid, error):
-    def move(request, which, value):
-        vector = struct.pack("QQ", ctypes.addressof(value), ctypes.sizeof(value))
-        ptrace(request, pid, which, ctypes.cast(vector, ctypes.c_void_p))
-
-    registers, is_arm = (ctypes.c_int64 * 34)(), platform.machine() == "aarch64"
-    move(GETREGSET, 1, registers)  # NT_PRSTATUS
-    registers[0 if is_arm else 10] = -error
-    if not is_arm: registers[15] = -1
-    move(SETREGSET, 1, registers)
-    if is_arm: move(SETREGSET, 0x404, ctypes.c_int(-1))  # NT_ARM_SYSTEM_CALL
+    return ctypes.CDLL(None).syscall(SECCOMP, MODE_FILTER, NEW_LISTENER, program)
 
 
 Call = namedtuple("Call", "program name path inode errors")  # inode: of an open file
-
-
-# Before a call its number and arguments, after it the result (ptrace_syscall_info in linux/ptrace.h).
-def call_info(pid):
-    info = ctypes.create_string_buffer(88)
-    ptrace(GET_INFO, pid, 88, ctypes.cast(info, ctypes.c_void_p))
-    return struct.unpack_from("q" if info.raw[0] == 2 else "7Q", info.raw, 24)
 
 
 def inode_of(status): return status.st_dev, status.st_ino
 
 
 # The call that is about to be made, when it changes something below the roots or starts a child, else None.
-def describe(pid):
-    number, *arguments = call_info(pid)
-    name, kind, at = calls_by_number()[number]
+def describe(pid, number, arguments):
+    name, fd, at = calls_by_number()[number]
     program = os.path.basename(os.path.realpath(f"/proc/{pid}/exe"))
-    if kind == "none": return Call(program, name, "", None, ["ENOMEM"])
-    opened = f"/proc/{pid}/fd/{(place := arguments[at] & 0xFFFFFFFF)}"
-    path, at = os.path.realpath(opened), at + (kind == "at")
-    if kind != "fd" and arguments[at]:  # None: futimens(3)
-        base = f"/proc/{pid}/cwd" if kind == "path" or place == 0xFFFFFF9C else opened  # AT_FDCWD
+    if fd is at: return Call(program, name, "", None, ["ENOMEM"])
+    place = -100 if fd is None else ctypes.c_int(arguments[fd]).value  # AT_FDCWD
+    opened = f"/proc/{pid}/cwd" if place == -100 else f"/proc/{pid}/fd/{place}"
+    path = os.path.realpath(opened)
+    if at is not None and arguments[at]:  # None: futimens(3)
         with open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
             memory.seek(arguments[at])
-            path = memory.read(4096).split(b"\0")[0].decode(errors="replace")
-        path = os.path.join(os.path.realpath(base), path)
+            path = os.path.join(path, memory.read(4096).split(b"\0")[0].decode(errors="replace"))
     only_looks = name in ("open", "openat") and not arguments[at + 1] & CHANGING
     if only_looks or not path.startswith((*ROOTS, "/tmp/")): return None
-    inode = inode_of(os.stat(opened)) if kind == "fd" else None
-    errors = ["ENOSPC", "EIO", "ENOMEM", *["EACCES"] * (kind != "fd")]
+    inode = inode_of(os.stat(opened)) if at is None else None
+    errors = ["ENOSPC", "EIO", "ENOMEM", *["EACCES"] * (at is not None)]
     return Call(program, name, path, inode, errors + ["EMFILE"] * (name in ("open", "openat", "creat")))
 
 
 # Runs a command; answers its exit status, negative for a signal. `enter(number, call)` is asked before each step: None
-# lets it pass, an errno makes it fail, "kill" kills everybody at once. `leave(number, call, result)` is told afterwards.
-def trace(argv, enter, leave=None):
-    numbers, first = list(calls_by_number()), os.fork()
-    if first == 0:
-        try:
-            ptrace(TRACEME, 0)
-            os.kill(os.getpid(), signal.SIGSTOP)
-            stop_at(numbers)
-            os.execv(argv[0], argv)
-        finally: os._exit(126)
-    os.waitpid(first, 0)
-    ptrace(SETOPTIONS, first, None, OPTIONS)
-    ptrace(CONT, first)
-    alive, inside, number, result = {first}, {}, 0, None
-    while alive:
-        pid, status = os.waitpid(-1, 0x40000000)  # __WALL
-        if not os.WIFSTOPPED(status):
-            alive.discard(pid)
-            result = os.waitstatus_to_exitcode(status) if pid == first else result
-            continue
-        alive.add(pid)
-        stop, event, request, deliver = os.WSTOPSIG(status), status >> 16, CONT, 0
-        try:
-            if event == EVENT_SECCOMP and (call := describe(pid)):
-                answer = enter(number, call)
-                if answer == "kill":
-                    for process in alive: os.kill(process, signal.SIGKILL)
-                elif answer: let_fail(pid, answer)
-                elif leave and call.path:  # The return of a fork belongs to two processes.
-                    inside[pid], request = (number, call), SYSCALL
-                number += 1
-            elif stop == signal.SIGTRAP | 0x80: leave(*inside.pop(pid), call_info(pid)[0])
-            elif event == 0 and stop != signal.SIGSTOP:  # Not the birth of a child, nor its first stop.
-                deliver = stop
-            ptrace(request, pid, None, deliver)
-        except ProcessLookupError: pass  # Killed meanwhile; its end is waited for above.
-    return result
+# lets it pass, an errno makes it fail, "kill" kills everybody at once.
+def trace(w, argv, enter):
+    ours, theirs = socket.socketpair()
+    send = lambda: socket.send_fds(theirs, [b"-"], [ask_at(calls_by_number())])
+    child, number = subprocess.Popen(argv, close_fds=False, preexec_fn=send), 0
+    with open(socket.recv_fds(ours, 1, 1)[1][0], "rb", buffering=0) as listener:
+        (poll := select.poll()).register(listener, select.POLLIN)
+        while not (events := poll.poll(20)) or events[0][1] == select.POLLIN:
+            child.poll()  # Who has ended is waited for, or there would be no end.
+            if not events: continue
+            fcntl.ioctl(listener, RECEIVE, notice := bytearray(80))
+            id, pid, _, call_number, *arguments = struct.unpack("QIIi12x6Q", notice)
+            call = describe(pid, call_number, arguments)
+            answer = call and enter(number, call)
+            number += bool(call)
+            if answer == "kill":
+                w.end_processes()
+                return -signal.SIGKILL
+            fcntl.ioctl(listener, SEND, struct.pack("QqiI", id, 0, -(answer or 0), 0 if answer else CONTINUE))
+    return child.wait()
 
 
-# The mode as stat(2) has it; of files the time, in nanoseconds; the content of a link is where it leads.
-Node = namedtuple("Node", "mode uid gid mtime content")
+# The mode as stat(2) has it; the content of a link is where it leads.
+Node = namedtuple("Node", "mode uid gid content")
 
 
 # What is below these folders: {inode: Node} and {(a folder's inode, name): inode}; the roots are in the folder None.
@@ -156,13 +111,13 @@ def take(roots=ROOTS):
     nodes, names = {}, {}
     left = [(None, path, path) for path in roots if os.path.lexists(path)]
     for folder, name, path in left:
-        status, mtime, content = os.lstat(path), 0, b""
+        status, content = os.lstat(path), b""
         names[folder, name] = inode = inode_of(status)
         if stat.S_ISDIR(status.st_mode):
             left += [(inode, each, f"{path}/{each}") for each in os.listdir(path)]
         elif stat.S_ISLNK(status.st_mode): content = os.readlink(path).encode()
-        elif stat.S_ISREG(status.st_mode): mtime, content = status.st_mtime_ns, Path(path).read_bytes()
-        nodes[inode] = Node(status.st_mode, status.st_uid, status.st_gid, mtime, content)
+        elif stat.S_ISREG(status.st_mode): content = Path(path).read_bytes()
+        nodes[inode] = Node(status.st_mode, status.st_uid, status.st_gid, content)
     return nodes, names
 
 
@@ -190,7 +145,6 @@ def put(disk):
         os.makedirs(path) if stat.S_ISDIR(node.mode) else Path(path).write_bytes(node.content)
         os.chown(path, node.uid, node.gid)
         os.chmod(path, stat.S_IMODE(node.mode))
-        os.utime(path, ns=(node.mtime, node.mtime))
     for path in glob.glob("/tmp/*.lock"): os.unlink(path)
 # fmt: on
 
@@ -207,9 +161,8 @@ class Forgetting:
         self.changes = []  # since their folders were synced: lists of (folder and name, old inode, new inode)
         self.cuts, self.seen = [], set()  # (number of the step, the call, the disk that is left)
 
-    def leave(self, number, call, result):
-        if result < 0:
-            return
+    # After a step, before anybody takes the next one.
+    def learn(self, number, call):
         nodes, names = take()
         self.safe = {inode: node._replace(content=b"") for inode, node in nodes.items()} | self.safe
         self.every.update(nodes)
@@ -260,10 +213,10 @@ def is_pair(cert, key):
     return of_cert is not None and of_cert == public_key(key, "pkey", "-pubout")
 
 
-# What a reader of a folder sees: no times, which a copy or a rename may change.
+# What a reader of a folder sees.
 def content(disk, folder):
     inside = [path for path in disk if path.startswith(folder + "/")]
-    return {path.removeprefix(folder + "/"): disk[path]._replace(mtime=0) for path in inside}
+    return {path.removeprefix(folder + "/"): disk[path] for path in inside}
 
 
 def parsed(disk, path):  # None when it is missing or does not parse; "null" would be no book either
@@ -306,7 +259,14 @@ class Torture:
         self.old = look()
         put(self.old)
         self.calls, forgetting = [], Forgetting()
-        status, self.usual = self.trace(lambda number, call: self.calls.append(call), forgetting.leave)
+
+        def enter(number, call):
+            if self.calls:
+                forgetting.learn(number - 1, self.calls[-1])
+            self.calls += [call] if call else []
+
+        status, self.usual = self.trace(enter)
+        enter(len(self.calls), None)
         forgetting.cut(None, ("the end",))  # It has answered: what it has done must stay done.
         self.cuts, self.new = forgetting.cuts, look()
         remains = [path for path in self.new if path.endswith(REMAINS)]
@@ -317,8 +277,8 @@ class Torture:
         self.points += [(name, at) for at, call in enumerate(self.calls) for name in call.errors]
         self.points += [("cut", at) for at in range(len(self.cuts))]
 
-    def trace(self, enter, leave=None):
-        return trace(f"{TOOL}/{self.text}".split(), enter, leave), self.w.log.take()
+    def trace(self, enter):
+        return trace(self.w, f"{TOOL}/{self.text}".split(), enter), self.w.log.take()
 
     # The call, and what was wrong.
     def try_point(self, kind, point):
