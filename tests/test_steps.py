@@ -38,32 +38,27 @@ def bring_certificates(w):
     w.sh("cp n/cert.pem $S/cert.pem; cp n/privkey.pem $S/key.pem")
 
 
+# fmt: off
 def make_it_due(w):
     bring_certificates(w)
     new = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN"
-    w.sh(
-        f"""cd c; rm *; umask 077; {new}=CA -keyout opal-ca-privkey.pem -out opal-ca-cert.pem
+    w.sh(f"""cd c; rm *; umask 077; {new}=CA -keyout opal-ca-privkey.pem -out opal-ca-cert.pem
         {new}=kestrel -days 9 -CA opal-ca-cert.pem -CAkey opal-ca-privkey.pem -keyout privkey.pem -out cert.pem
-        cp cert.pem fullchain.pem; opalcrt deploy c"""
-    )
+        cp cert.pem fullchain.pem; opalcrt deploy c""")
 
 
+INSTALL = f"opalcrt install c --key {S}/key.pem --cert {S}/cert.pem"
 RUNS = {
     "mend": (lose_chain, "opalcrtregister p", "a", True, "mended"),
     "first": (lambda w: w.define("p", "a", "b"), "opalcrtregister p", "a b"),
     "again": (change_certificate, "opalcrtregister p", "a"),
     "unregister-one": (lambda w: register(w, "a", "b"), "opalcrtunregister p a", "a", False),
     "unregister-all": (lambda w: register(w, "a", "b"), "opalcrtunregister p", "a b", False),
-    "install": (
-        bring_certificates,
-        f"opalcrt install c --key {S}/key.pem --cert {S}/cert.pem",
-        "a",
-        True,
-        "exchanged",
-    ),
+    "install": (bring_certificates, INSTALL, "a", True, "exchanged"),
     "renew": (make_it_due, "opalcrt renew", "a", True, "exchanged"),
     "assign": (bring_certificates, "opalcrt assign n p a", "a"),
 }
+# fmt: on
 KINDS = ("EACCES", "EIO", "EMFILE", "ENOMEM", "ENOSPC", "cut", "kill")
 
 
@@ -75,7 +70,7 @@ def add_stranger(w):  # of whom nothing may change
 
 # Most of a mend's time is the search for primes. Smaller ones are found by the same calls.
 SMALLER_KEYS = (
-    'for word; do shift; [ "$word" != 2048 ] || word=1024; set -- "$@" "$word"; done; exec $REAL "$@"'
+    'for word; do shift; [ $word != 2048 ] || word=1024; set -- "$@" "$word"; done; exec $REAL "$@"'
 )
 TORTURES = {}  # Once for each worker: the disk that a run starts from is put back before each point.
 
@@ -123,17 +118,15 @@ class Crowd:
         members = [(self.watch,)] + [(self.report,)] * 4
         members += [(self.work, f"s{number}", number < 4) for number in (0, 1, 2, 3, 4, 5, 6, 7, 4, 5, 6, 7)]
         with concurrent.futures.ThreadPoolExecutor(len(members)) as pool:
-            ends = [pool.submit(self.go, number, *member) for number, member in enumerate(members)]
-        assert not (wrong := [str(end.exception()) for end in ends if end.exception()]), "\n".join(wrong)
+            list(pool.map(self.go, range(len(members)), members))
 
-    def go(self, number, does, *arguments):
-        chance, known = random.Random(DAY * 100 + number), None
+    def go(self, number, member):
+        (does, *arguments), chance, known = member, random.Random(DAY * 100 + number), None
         try:
             while time.monotonic() < self.end:
-                known = does(chance, *arguments, known)
-        except BaseException:
-            self.end = 0  # The others have seen enough.
-            raise
+                known = does(chance, known, *arguments)
+        finally:
+            self.end = 0  # The others have seen enough, too.
 
     # The exit status, None when it was killed, and the output.
     def run(self, command, chance=None):
@@ -145,57 +138,38 @@ class Crowd:
         self.done.append(command.split()[0] + {0: " done", 1: " refused", None: " killed"}[status])
         return status, output
 
-    def listed(self, book):
-        value = self.w.json(book)
-        lists = [entry["services"] for entry in value.values()] if book == "INFO" else [value]
-        return [(service["subscriber"], service["service"]) for services in lists for service in services]
-
     def watch(self, *_):
-        for book in ("INFO", "SERVICES"):
-            services = self.listed(book)
-            assert ("q", "z") in services and len({*services}) == len(services), f"{book} lists {services}"
+        for services in self.listed():
+            assert "q/z" in services and len({*services}) == len(services)
         self.done.append("looks at both books")
+
+    def listed(self):
+        books = self.w.books()
+        return books.pop("list"), sum(books.values(), [])
 
     def report(self, chance, _):
         status, output = self.run("opalcrtchecksum", chance)
         assert status == 0 and json.loads(output) or status is None or not output
 
-    def define(self, subscriber):
-        fresh = f"{subscriber}.{threading.get_ident()}"
-        self.w.define(fresh, *NAMES)
-        os.rename(D / f"{fresh}.cfg", D / f"{subscriber}.cfg")
-
     # Answers what the books must list of this subscriber, once a command has said that it did its work.
-    def work(self, chance, subscriber, is_alone, known):
-        names, registers = {*chance.choice(("", "a", "b"))}, chance.random() < 0.6
+    def work(self, chance, known, subscriber, is_alone):
+        some, registers = chance.choice(("", "a", "b")), chance.random() < 0.6
         if registers:
-            self.define(subscriber)
-        verb = "opalcrtregister" if registers else "opalcrtunregister"
-        status, _ = self.run(" ".join([verb, subscriber, *names]), chance)
-        if not is_alone or status != 0 or known is None and names:
+            self.w.define(subscriber, *NAMES)
+        verb, names = "opalcrtregister" if registers else "opalcrtunregister", {*some} or NAMES
+        status, _ = self.run(f"{verb} {subscriber} {some}", chance)
+        if not is_alone or status != 0 or known is None and some:
             return None
-        names, known = names or NAMES, known or set()
-        self.check(subscriber, known | names if registers else known - names)
-        return known | names if registers else known - names
+        known = (known or set()) | names if registers else (known or set()) - names
+        self.check(subscriber, known)
+        return known
 
     def check(self, subscriber, known):
-        for book in ("INFO", "SERVICES"):
-            mine = {service for name, service in self.listed(book) if name == subscriber}
-            assert mine == known, f"{book} lists {mine} of {subscriber}, but {known} was answered"
-        for folder in (f"{P}/{subscriber}/{service}" for service in known):
-            assert steps.is_whole(steps.look(folder), folder), f"{folder} was answered for, and is not whole"
-
-    # No lock is left, and one quiet run for each subscriber brings books and folders to agree.
-    def settle(self):
-        for path in pathlib.Path("/tmp").glob("*.lock"):
-            self.w.hold(path)
-            os.close(self.w.locks.pop())
-        for subscriber in (f"s{number}" for number in range(8)):
-            self.define(subscriber)
-            assert self.run(f"opalcrtregister {subscriber}")[0] == 0
-            self.check(subscriber, NAMES)
-        self.watch()
-        assert not [path for path in steps.look() if path.endswith(steps.REMAINS)]
+        for services in self.listed():
+            mine = {each for each in services if each.startswith(f"{subscriber}/")}
+            assert mine == {f"{subscriber}/{name}" for name in known}
+        for folder in (f"{P}/{subscriber}/{name}" for name in known):
+            assert steps.is_whole(steps.look(folder), folder)
 
 
 @pytest.mark.parametrize(
@@ -204,7 +178,13 @@ class Crowd:
 def test_a_crowd(w, seconds):
     add_stranger(w)
     crowd = Crowd(w, seconds)
-    crowd.settle()
+    # One quiet run for each subscriber, who must find no lock, brings books and folders to agree.
+    for subscriber in (f"s{number}" for number in range(8)):
+        w.define(subscriber, *NAMES)
+        assert crowd.run(f"opalcrtregister {subscriber}") == (0, b"")
+        crowd.check(subscriber, NAMES)
+    crowd.watch()
+    assert not [path for path in steps.look() if path.endswith(steps.REMAINS)]
     figures = [f"{times} {what}" for what, times in sorted(collections.Counter(crowd.done).items())]
     RESULTS.mkdir(parents=True, exist_ok=True)
     (RESULTS / "crowd").write_text("The crowd: " + ", ".join(figures))
@@ -213,11 +193,10 @@ def test_a_crowd(w, seconds):
 # The table of what held, from the lines that the workers have left.
 if __name__ == "__main__":
     rows = [json.loads(line) for path in RESULTS.glob("*.json") for line in path.read_text().splitlines()]
-    print("", "run", *KINDS, "", sep=" | ", end="\n|" + " --- |" * 8 + "\n")
+    tried = collections.Counter((row["run"], row["kind"]) for row in rows)
+    held = collections.Counter((row["run"], row["kind"]) for row in rows if not row["wrong"])
+    print("| run |", *(f"{kind} |" for kind in KINDS), end="\n|" + " --- |" * 8 + "\n")
     for name in sorted(RUNS):
-        cells = [
-            [row["wrong"] for row in rows if [row["run"], row["kind"]] == [name, kind]] for kind in KINDS
-        ]
-        print("", name, *(f"{cell.count([])} / {len(cell)}" for cell in cells), "", sep=" | ")
-    print(f"{len(rows)} points,", sum(not row["wrong"] for row in rows), "held")
+        print(f"| {name} |", *(f"{held[name, kind]} / {tried[name, kind]} |" for kind in KINDS))
+    print(f"{len(rows)} points, {held.total()} held")
     print(*(path.read_text() for path in RESULTS.glob("crowd")))
