@@ -1,19 +1,23 @@
-// Feeds bytes from nowhere to whatever reads a file of the tool: each input becomes the file that FUZZ_FILE names, at its
-// real path, and what reads any file is called. It must not crash, and leave the file as it is or whole. libFuzzer drives
-// it, or, with any compiler, the main below: opalcrt-fuzz INPUT...
+// Feeds bytes from nowhere to whatever reads a file of the tool: each input becomes the file that FUZZ_FILE names, at
+// its real path, and what reads any file is called. It must not crash, and leave the file as it is or whole. libFuzzer
+// drives it, or, with any compiler, the main below: opalcrt-fuzz INPUT...
+#include <json/reader.h>
+
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
+#include <sstream>
 
 #include "assign/recovery.h"
 #include "checksum/crt_checksums.h"
 #include "common/json_file.h"
+#include "common/json_member.h"
 #include "deploy/key_types.h"
 #include "frontend/definition_file.h"
 #include "frontend/registerer.h"
 #include "frontend/services_list.h"
 #include "frontend/unregisterer.h"
 #include "mkcert/key_match.h"
+#include "platform/atomic_file.h"
+#include "platform/file_read.h"
 #include "store/crt_info.h"
 #include "store/default_crt.h"
 #include "store/paths.h"
@@ -27,34 +31,28 @@ namespace {
 // clang-format off
 std::string Get(const std::string &path)
 {
-    std::ifstream file(path, std::ios::binary); REQUIRE(file.is_open());
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::string text;
+    REQUIRE(ReadWhole(OpenRegularFile(path.c_str()).Get(), SIZE_MAX, text));
+    return text;
 }
 
-// As a new file: what was read once is kept until the file is replaced.
-void Put(const std::string &path, const std::string &text)
-{
-    REQUIRE(std::ofstream(path + ".new", std::ios::binary) << text << std::flush);
-    REQUIRE(rename((path + ".new").c_str(), path.c_str()) == 0);
-}
-
-Json::Value Ours()
-{
-    Json::Value services;
-    Put("/tmp/ours", R"([{"subscriber":"p","service":"s","display_name":"d","owner":"o","isPkg":true}])");
-    REQUIRE(fromFile("/tmp/ours", services)); return services;
-}
+const Json::Value kOurs = [] {
+    Json::Value list;
+    std::istringstream(R"([{"subscriber":"p","service":"s","display_name":"d","owner":"o","isPkg":true}])") >> list;
+    return list;
+}();
 
 // Answers whether it was done: then the file is another one, and JSON.
 bool (*const kChanges[])() = {
-    [] { return AppendRegisterServices(Ours()); },
+    [] { return AppendRegisterServices(kOurs); },
     [] { return RemoveRegisterServices("p", ""); },
-    [] { return RemoveServiceFromInfo(Ours()[0]); },
+    [] { return RemoveServiceFromInfo(kOurs[0]); },
     [] {
         Json::Value info;
-        const bool known = TakeCrtInfo(info) && info.isObject() && info["c"].isObject();
-        if (!known || !info["c"]["services"].isArray()) { return false; }
-        UpdateServiceList(info["c"]["services"], Ours()[0], false); return WriteCrtInfo(info); },
+        if (!TakeCrtInfo(info) || !GetMember(GetMember(info, "c"), "services").isArray()) { return false; }
+        UpdateServiceList(info["c"]["services"], kOurs[0], false);
+        return WriteCrtInfo(info);
+    },
 };
 // clang-format on
 
@@ -62,7 +60,7 @@ void Read(const std::string &input)
 {
     std::string id = GetDefCrtId();
     REQUIRE(id.size() <= 15 && !ParseKeyTypes(input).empty());
-    GetServiceCrtId(Ours()[0], id);
+    GetServiceCrtId(kOurs[0], id);
     CheckAndRecoverCrt("c");
     Json::Value value(Json::arrayValue);
     ListCrtChecksums(value);
@@ -86,11 +84,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const std::string path = named, input(reinterpret_cast<const char *>(data), size);
     Json::Value after;
     for (const auto change : kChanges) {
-        Put(path, input);
+        REQUIRE(ReplaceFile(path, input, ""));
         REQUIRE((change() && fromFile(path, after)) || Get(path) == input);
     }
-    Put(path, input);
-    Put(kServicesPath, path == kServicesPath ? input : "[]");
+    REQUIRE(ReplaceFile(kServicesPath, "[]", "") && ReplaceFile(path, input, ""));
     Read(input);
     // A byte order mark is taken from a certificate or key, and nothing else.
     REQUIRE(input.ends_with(Get(path)) && Get(path).size() + 6 >= size);
