@@ -61,7 +61,7 @@ struct Argument {
     }
 };
 
-#define CALL(function, ...) {#function, []([[maybe_unused]] const Argument &in) { return Value(function(__VA_ARGS__)); }}
+#define CALL(function, ...) {#function, [](const Argument &in) { (void)in; return Value(function(__VA_ARGS__)); }}
 const std::map<std::string, Value (*)(const Argument &in)> kFunctions = {
     CALL(DeployDefCrt, in[0], in[1], in[2]), CALL(SetCrtForServices, in[0], in[1], in[2], in[3]),
     CALL(CheckAndRecoverCrt, in[0]), CALL(DeployMultipleCrt, in[0], in[1]), CALL(WriteCrtInfo, in[0]),

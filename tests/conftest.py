@@ -237,12 +237,12 @@ class World:
     # {"p/web/cert.pem": "-r-------- opalweb opalweb"}, with the content's hash or a link's goal where wanted. find(1)
     # goes deeper than a path can be long.
     def tree(self, folder, content=False):
-        command = ["find", folder, "-mindepth", "1", "-printf", r"%P\0%M %u %g\0" + (r"%l\0" if content else r"\0")]
+        command = ["find", folder, "-mindepth", "1", "-printf", r"%P\0%M %u %g\0%l\0"]
         words = os.fsdecode(subprocess.run(command, capture_output=True).stdout).split("\0")
         seen = {}
         for path, what, goal in sorted(zip(words[::3], words[1::3], words[2::3])):
-            if content and what.startswith("-"): goal = hashlib.sha256((Path(folder) / path).read_bytes()).hexdigest()
-            seen[path] = f"{what} {goal}".rstrip()
+            if what.startswith("-"): goal = content and hashlib.sha256((Path(folder) / path).read_bytes()).hexdigest()
+            seen[path] = f"{what} {goal}" if content else what
         return seen
 
     # Undoing

@@ -33,7 +33,8 @@ def take(roots=ROOTS):
 # The same as {path: Node}, which is what the promises are about.
 def flat(nodes, names):
     below, disk = {}, {}
-    for (folder, name), inode in names.items(): below.setdefault(folder, []).extend([(name, inode)] if inode else [])
+    for (folder, name), inode in names.items():
+        if inode: below.setdefault(folder, []).append((name, inode))
     left = below.get(None, [])
     for path, inode in left:
         disk[path] = nodes[inode]

@@ -11,6 +11,9 @@ ROOT = ROW / "debian"
 COPY = "mkdir -p $1; tar -C $0 --exclude=./build --exclude=./.git -c . | tar -C $1 -x"
 CLEAN = "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root DEBIAN_FRONTEND=noninteractive"
 INSIDE = f'exec {CLEAN} chroot $0 sh -euxc "$1"'
+# It needs what debian/tests/control has.
+LIFE = """apt-get -qq install --yes --no-install-recommends adduser faketime openssl procps python3
+/tmp/opalcrt/tests/package/life /tmp/*.deb"""
 
 
 def sh(script, *arguments):
@@ -43,9 +46,4 @@ def test_the_package_lives_and_this_repository_does(w, release):
     enter(w, release)
     sh("cp $0/*.deb $1/tmp", built, ROOT)
     sh(INSIDE, ROOT, "apt-get -qq install --yes /tmp/*.deb")
-    needs = "adduser faketime openssl procps python3"  # as debian/tests/control has it
-    sh(
-        INSIDE,
-        ROOT,
-        f"apt-get -qq install --yes --no-install-recommends {needs}; /tmp/opalcrt/tests/package/life /tmp/*.deb",
-    )
+    sh(INSIDE, ROOT, LIFE)
