@@ -2,7 +2,7 @@
 # with the one certificate "c", a system log that can be read, and ways to arrange a scene and to look at what
 # a user would see. Whatever a row does (files, mounts, processes, programs, locks) is undone after it.
 
-import contextlib, dataclasses, fcntl, hashlib, json, os, queue, re, shlex, shutil, signal, socket
+import collections, contextlib, fcntl, hashlib, json, os, queue, re, shlex, shutil, signal, socket
 import subprocess, threading, time
 from pathlib import Path
 
@@ -84,13 +84,7 @@ class Log:
 
 
 # What a command did: its output and status ("hangs" when it had to be killed), and the log lines.
-@dataclasses.dataclass
-class Said:
-    command: str
-    out: str
-    status: object
-    log: list
-
+class Said(collections.namedtuple("Said", "command out status log")):
     def __str__(self):
         return "\n".join([f"$ {self.command}", f"{self.out}[{self.status}]", *self.log])
 
