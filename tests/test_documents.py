@@ -23,11 +23,11 @@ cp $D/shop.cfg /usr/local/share/shop/certificate.cfg; opalcrtregister shop
 journalctl() { sleep 0.2; grep " $2: " /run/row/journal | sed 's/^<[0-9]*>//'; }
 systemctl() { # reload shop
     [ "$2" = shop ] || { echo "no such unit here: $*"; return 1; }
-    [ "$1" = start ] || kill $server
+    [ "$1" = start ] || { kill $server; wait $server 2>/dev/null || :; }; rm -f /run/row/server
     openssl s_server -accept 4433 -www -cert $P/shop/web/cert.pem -cert_chain $P/shop/web/fullchain.pem \
         -key $P/shop/web/privkey.pem >/run/row/server 2>&1 &
     server=$!
-    until grep -q ^ACCEPT /run/row/server; do kill -0 $server; sleep 0.02; done
+    until grep -qs ^ACCEPT /run/row/server; do kill -0 $server; sleep 0.02; done
 }
 trap 'kill $server' EXIT; ip link set lo up; systemctl start shop
 req() { openssl req -x509 -newkey rsa:2048 -nodes -days 90 "$@" 2>/dev/null; }
