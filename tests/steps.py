@@ -164,11 +164,9 @@ def split(book):
 # works on these services of subscriber p; service z of q is a stranger. `certificate`: what becomes of the folder c of
 # the archive, "kept", "mended" in place, or "exchanged" in one step.
 class Torture:
-    def __init__(self, w, arrange, command, services, registers=True, certificate="kept"):
-        self.w, self.text, self.registers, self.certificate = w, command, registers, certificate
-        self.services = services.split()
-        arrange(w)
-        self.old = look()
+    def __init__(self, w, command, services, registers=True, certificate="kept"):
+        self.w, self.text, self.services = w, command, services
+        self.registers, self.certificate, self.old = registers, certificate, look()
         put(self.old)
         forgetting = Forgetting()
         self.calls, self.cuts = forgetting.calls, forgetting.cuts

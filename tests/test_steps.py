@@ -10,54 +10,21 @@ RESULTS, DAY = pathlib.Path(__file__).parent.parent / "build/steps", datetime.da
 RESULTS.mkdir(parents=True, exist_ok=True)
 
 
-def register(w, *services):
-    w.define("p", *services)
-    w.sh("opalcrtregister p")
-
-
-def lose_chain(w):
-    register(w, "a")
-    (A / "c/fullchain.pem").unlink()
-    w.define("p", "a")
-
-
-def change_certificate(w):
-    register(w, "a")
-    w.keys.clear()  # Each is made once only.
-    w.crt("c")
-    w.define("p", "a")
-
-
-# The stranger gets a certificate n; what is to take the place of c lies ready.
-def bring_certificates(w):
-    register(w, "a")
-    w.crt("n")
-    entry = w.json("INFO")["c"]
-    ours = [each for each in entry["services"] if each["subscriber"] == "p"]
-    strangers = [each for each in entry["services"] if each not in ours]
-    w.write(info={"c": {**entry, "services": ours}, "n": {"services": strangers}})
-    w.sh("cp n/cert.pem $S/cert.pem; cp n/privkey.pem $S/key.pem")
-
-
+# What p declares, and what is done first; the command, and the services that it works on; whether it registers; and what
+# becomes of the certificate c. Another one lies in $S/n, and is the stranger's where c is to change for all.
+APART = """opalcrt install n --new --key $S/n/privkey.pem --cert $S/n/cert.pem &&
+opalcrt assign n q z && opalcrtregister p"""
+INSTALL = f"opalcrt install c --key {S}/n/privkey.pem --cert {S}/n/cert.pem"
 # fmt: off
-def make_it_due(w):
-    bring_certificates(w)
-    new = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN"
-    w.sh(f"""cd c; rm *; umask 077; {new}=CA -keyout opal-ca-privkey.pem -out opal-ca-cert.pem
-        {new}=kestrel -days 9 -CA opal-ca-cert.pem -CAkey opal-ca-privkey.pem -keyout privkey.pem -out cert.pem
-        cp cert.pem fullchain.pem; opalcrt deploy c""")
-
-
-INSTALL = f"opalcrt install c --key {S}/key.pem --cert {S}/cert.pem"
 RUNS = {
-    "mend": (lose_chain, "opalcrtregister p", "a", True, "mended"),
-    "first": (lambda w: w.define("p", "a", "b"), "opalcrtregister p", "a b"),
-    "again": (change_certificate, "opalcrtregister p", "a"),
-    "unregister-one": (lambda w: register(w, "a", "b"), "opalcrtunregister p a", "a", False),
-    "unregister-all": (lambda w: register(w, "a", "b"), "opalcrtunregister p", "a b", False),
-    "install": (bring_certificates, INSTALL, "a", True, "exchanged"),
-    "renew": (make_it_due, "opalcrt renew", "a", True, "exchanged"),
-    "assign": (bring_certificates, "opalcrt assign n p a", "a"),
+    "mend": ("a", "opalcrtregister p && rm c/fullchain.pem", "opalcrtregister p", "a", True, "mended"),
+    "first": ("ab", "", "opalcrtregister p", "ab"),
+    "again": ("a", "opalcrtregister p && cp -f $S/n/* c", "opalcrtregister p", "a"),
+    "unregister-one": ("ab", "opalcrtregister p", "opalcrtunregister p a", "a", False),
+    "unregister-all": ("ab", "opalcrtregister p", "opalcrtunregister p", "ab", False),
+    "install": ("a", APART, INSTALL, "a", True, "exchanged"),
+    "renew": ("a", f"rm c/fullchain.pem && {APART}", "opalcrt renew --days 400", "a", True, "exchanged"),
+    "assign": ("a", APART, "opalcrt assign n p a", "a"),
 }
 # fmt: on
 KINDS = ("EACCES", "EIO", "EMFILE", "ENOMEM", "ENOSPC", "cut", "kill")
@@ -79,8 +46,13 @@ TORTURES = {}  # Once for each worker: the disk that a run starts from is put ba
 def try_points(w, name, pick):
     w.replace("/usr/bin/openssl", SMALLER_KEYS)
     if name not in TORTURES:
+        declared, scene, *run = RUNS[name]
         add_stranger(w)
-        TORTURES[name] = steps.Torture(w, *RUNS[name])
+        w.crt("n")
+        w.define("p", *declared)
+        w.sh(f"mv n $S; {scene}")
+        w.define("p", *declared)
+        TORTURES[name] = steps.Torture(w, *run)
     rows, tried = [], TORTURES[name]
     tried.w = w
     for kind, point in pick(tried.points):
