@@ -4,7 +4,7 @@
 # counts calls for each process on its own: it cannot say "the fortieth change of this run, whoever makes it", nor kill
 # everybody there. So the kernel asks here before each of these calls (seccomp_unotify(2)), on x86-64 and arm64.
 
-import ctypes, fcntl, functools, os, re, select, signal, socket, struct, subprocess
+import ctypes, fcntl, functools, os, select, signal, socket, struct, subprocess
 from collections import namedtuple
 
 ROOTS = ("/usr/opal/etc", "/usr/opal/share", "/usr/local/etc", "/usr/local/share")  # what the tool may change
@@ -24,32 +24,28 @@ CALLS = {
 CHANGING = os.O_WRONLY | os.O_RDWR | os.O_CREAT | os.O_TRUNC  # the others only look
 
 
-ALLOW, ASK, RECEIVE, SEND, CONTINUE = 0x7FFF0000, 0x7FC00000, 0xC0502100, 0xC0182101, 1  # linux/seccomp.h
+seccomp = ctypes.CDLL("libseccomp.so.2")
+seccomp.seccomp_init.restype = ctypes.c_void_p
+ALLOW, ASK, OWN_PRIVILEGES = 0x7FFF0000, 0x7FC00000, 3  # seccomp.h
+RECEIVE, SEND, CONTINUE = 0xC0502100, 0xC0182101, 1  # linux/seccomp.h
 
 
 # fmt: off
 @functools.cache
-def numbers():  # as the compiler knows them: no architecture has another's, nor all calls
-    macros = ["g++", "-E", "-dM", "-include", "sys/syscall.h", "-x", "c++", "/dev/null"]
-    text = subprocess.run(macros, check=True, capture_output=True, text=True).stdout
-    return {name: int(number) for name, number in re.findall(r"#define __NR_(\w+) (\d+)", text)}
-
-
-@functools.cache
-def calls_by_number():
+def calls_by_number():  # No architecture has another's numbers, nor all calls.
     rows = [(name, *where) for where, names in CALLS.items() for name in names.split()]
-    return {numbers()[row[0]]: row for row in rows if row[0] in numbers()}
+    numbers = [seccomp.seccomp_syscall_resolve_name(name.encode()) for name, *_ in rows]
+    return {number: row for number, row in zip(numbers, rows) if number >= 0}
 
 
-# From now on this process and its children wait at these calls for an answer; all others cost nothing. Answers the
+# From now on this process and its children wait at the calls for an answer; all others cost nothing. Answers the
 # descriptor by which they ask.
-def ask_at(calls):
-    rules = [(0x20, 0, 0, 0)]  # Load the number, jump to the last rule for each that is looked for.
-    rules += [(0x15, len(calls) - at, 0, number) for at, number in enumerate(calls)]
-    rules += [(0x06, 0, 0, ALLOW), (0x06, 0, 0, ASK)]
-    code = ctypes.create_string_buffer(b"".join(struct.pack("HBBI", *rule) for rule in rules))
-    program = struct.pack("HxxxxxxQ", len(rules), ctypes.addressof(code))
-    return ctypes.CDLL(None).syscall(numbers()["seccomp"], 1, 8, program)  # a filter, a new listener
+def ask():
+    rules = ctypes.c_void_p(seccomp.seccomp_init(ALLOW))
+    seccomp.seccomp_attr_set(rules, OWN_PRIVILEGES, 0)  # It takes none away.
+    failed = [number for number in calls_by_number() if seccomp.seccomp_rule_add(rules, ASK, number, 0) != 0]
+    assert not failed and seccomp.seccomp_load(rules) == 0
+    return seccomp.seccomp_notify_fd(rules)
 
 
 Call = namedtuple("Call", "program name path inode errors")  # inode: of an open file; errors: that it may meet
@@ -82,7 +78,7 @@ def describe(pid, number, arguments):
 # lets it pass, an errno makes it fail, "kill" kills everybody at once.
 def trace(w, argv, enter):
     ours, theirs = socket.socketpair()
-    send = lambda: socket.send_fds(theirs, [b"-"], [ask_at(calls_by_number())])
+    send = lambda: socket.send_fds(theirs, [b"-"], [ask()])
     child, number = subprocess.Popen(argv, close_fds=False, preexec_fn=send), 0
     with open(socket.recv_fds(ours, 1, 1)[1][0], "rb", buffering=0) as listener:
         (poll := select.poll()).register(listener, select.POLLIN)
