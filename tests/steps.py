@@ -49,12 +49,11 @@ def look(*roots): return flat(*take(roots or ROOTS))
 def put(disk):
     for root in ROOTS: shutil.rmtree(root, ignore_errors=True)
     for path, node in sorted(disk.items()):
-        if stat.S_ISLNK(node.mode):
-            os.symlink(node.content, path)
-            continue
-        os.makedirs(path) if stat.S_ISDIR(node.mode) else Path(path).write_bytes(node.content)
-        os.chown(path, node.uid, node.gid)
-        os.chmod(path, stat.S_IMODE(node.mode))
+        if stat.S_ISLNK(node.mode): os.symlink(node.content, path)
+        elif stat.S_ISDIR(node.mode): os.makedirs(path)
+        else: Path(path).write_bytes(node.content)
+        os.chown(path, node.uid, node.gid, follow_symlinks=False)
+        if not stat.S_ISLNK(node.mode): os.chmod(path, stat.S_IMODE(node.mode))
     for path in glob.glob("/tmp/*.lock"): os.unlink(path)
 # fmt: on
 
@@ -116,13 +115,11 @@ REMAINS = (".temp", ".bak", ".new", "/.mending")
 
 @functools.cache
 def public_key(text, *command):
-    done = subprocess.run(["/usr/bin/openssl", *command], input=text, capture_output=True)
-    return done.stdout if done.returncode == 0 else None
+    return subprocess.run(["/usr/bin/openssl", *command], input=text, capture_output=True).stdout
 
 
 def is_pair(cert, key):
-    of_cert = public_key(cert, "x509", "-pubkey", "-noout")
-    return of_cert is not None and of_cert == public_key(key, "pkey", "-pubout")
+    return public_key(cert, "x509", "-pubkey", "-noout") == public_key(key, "pkey", "-pubout") != b""
 
 
 # What a reader of a folder sees.
@@ -145,8 +142,8 @@ def belong_together(files):
 
 def is_whole(disk, folder):  # for a service of opalweb
     files = content(disk, folder)
-    copied = {name: node[:3] == (0o100400, 64101, 64101) for name, node in files.items() if name != "info"}
-    is_right = files.keys() - {"opal-ca-cert.pem"} == {*FILES, "info"} and all(copied.values())
+    nodes = {node[:3] for name, node in files.items() if name != "info"}
+    is_right = files.keys() - {"opal-ca-cert.pem"} == {*FILES, "info"} and nodes == {(0o100400, 64101, 64101)}
     is_right = is_right and disk[folder][:3] == (0o40755, 0, 0) and parsed(files, "info") is not None
     return is_right and belong_together(files)
 
