@@ -91,13 +91,10 @@ const std::map<std::string, Value (*)(const Argument &in)> kFunctions = {
 
 }  // namespace
 
-int main(int argc, char *argv[])
+int main(int, char *argv[])
 {
     Value arguments, out;
-    if (argc != 3 || !kFunctions.contains(argv[1]) || !(std::istringstream(argv[2]) >> arguments)) {
-        std::cerr << "usage: opalcrt-call FUNCTION JSON-ARRAY\n";
-        return 2;
-    }
+    std::istringstream(argv[2]) >> arguments;
     errno = 0;
     out["answer"] = kFunctions.at(argv[1])({arguments});
     out["errno"] = errno;

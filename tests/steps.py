@@ -148,13 +148,11 @@ def is_whole(disk, folder):  # for a service of opalweb
     return is_right and belong_together(files)
 
 
-# The services of p in a book, for each certificate (SERVICES is one list), and the book without them.
-def split(book):
-    ours, rest = {}, json.loads(json.dumps(book))
-    for cert_id, entry in rest.items() if isinstance(rest, dict) else [("", {"services": rest})]:
-        ours[cert_id] = [service for service in entry["services"] if service["subscriber"] == "p"]
-        entry["services"][:] = [service for service in entry["services"] if service["subscriber"] != "p"]
-    return ours, rest
+# A book without these services of p. INFO has a list for each certificate, SERVICES is one.
+def without(services, book):
+    if isinstance(book, list):
+        return [each for each in book if each["subscriber"] != "p" or each["service"] not in services]
+    return {id: {**entry, "services": without(services, entry["services"])} for id, entry in book.items()}
 
 
 # A run with the disks before and after it, the calls of its undisturbed run, and what a power cut leaves of it. It
@@ -227,8 +225,8 @@ class Torture:
         self.w.story.clear()
         said, disk = self.w.run(self.text), look()
         # Whom a folder belonged to is known from INFO alone: what stands no more in it stays.
-        ours = [each["service"] for some in split(parsed(before, INFO) or {})[0].values() for each in some]
-        is_forgotten = not self.registers and not {*ours} & {*self.services}
+        info = parsed(before, INFO) or {}
+        is_forgotten = not self.registers and without(self.services, info) == info
         wrong = self.broken(disk, said.status == 0, False, is_forgotten, is_unmarked)
         wrong += [] if said.status == 0 or is_forgotten else ["the next run fails"]
         kept = ("//" if self.registers or is_sudden else f"{A}/INFO.bak", f"{P}/p" if is_forgotten else "//")
@@ -275,15 +273,16 @@ class Torture:
             holds = ".mending" in here or not {*FILES} <= here.keys() or belong_together(here)
         return [] if holds else ["the certificate looks whole and is not"]
 
+    # Each is the old or the new one, nobody else may write to it, and the stranger's entry is as it was.
     def books(self, disk):
-        wrong = [f"{book} does not parse" for book in (INFO, SERVICES) if parsed(disk, book) is None]
-        for book in (INFO, SERVICES) if not wrong else ():
-            halves = [split(parsed(each, book)) for each in (disk, self.old, self.new)]
-            (ours, rest), (old, old_rest), (new, _) = halves
+        wrong = []
+        for book in (INFO, SERVICES):
+            here, old, new = (parsed(each, book) for each in (disk, self.old, self.new))
             good = [old, new]
-            if book == INFO and not any(old.values()):  # It is written after each service, and one may fail.
-                good += [{**new, cert_id: [each]} for cert_id, some in new.items() for each in some]
-            if ours not in good or rest != old_rest:
-                wrong.append(f"{book} lists neither the old nor the new services")
-            wrong += [f"{book} can be written"] if disk[book].mode & 0o022 else []
+            if book == INFO and without(self.services, old) == old:
+                good += [
+                    without(service, new) for service in self.services
+                ]  # It is written after each service.
+            is_right = here in good and without(self.services, here) == without(self.services, old)
+            wrong += [] if is_right and not disk[book].mode & 0o022 else [f"{book} is not right: {here}"]
         return wrong
