@@ -60,8 +60,10 @@ class Log:
         self.thread.start()
 
     def listen(self):
-        while line := self.socket.recv(1 << 16):
-            self.lines.put(line)
+        with open(ROW / "journal", "wb", buffering=0) as journal:  # for those who want to read all of it
+            while line := self.socket.recv(1 << 16):
+                journal.write(line + b"\n")
+                self.lines.put(line)
 
     def close(self):
         self.socket.shutdown(socket.SHUT_RDWR)

@@ -4,7 +4,7 @@
 # shell; the first one that fails ends it. A block of text after them (```text, .Bd -unfilled) is what the last of them must
 # have printed, "..." in it stands for anything. What the first section of a document does is done before each of the
 # others. What a reader should not do, the mishap that a text is about, hides in a comment: <!-- sh, the commands, -->.
-import os, queue, re, subprocess
+import os, re, subprocess
 
 import pytest
 from conftest import REPOSITORY, ROW
@@ -37,14 +37,6 @@ req -CA chain.pem -CAkey ca.key -subj /CN=shop.example -addext basicConstraints=
 """
 
 
-# What the log listener fills, and a file that the examples can read.
-class Journal(queue.SimpleQueue):
-    def put(self, line):
-        with open(ROW / "journal", "ab") as file:
-            file.write(line + b"\n")
-        super().put(line)
-
-
 # {title: [(kind, lines)]}
 def sections_of(path):
     text = path.read_text()
@@ -69,7 +61,6 @@ def examples():
 @pytest.mark.slow
 @pytest.mark.parametrize("blocks", examples())
 def test_an_example_does_what_is_told(w, blocks):
-    w.log.lines = Journal()
     w.sh(
         "cd /; rm -r $A; opalcrt init; cd $A; id=$(cat DEFAULT); mv $id factory; sed -i s/$id/factory/ [A-Z]*"
     )
