@@ -88,10 +88,11 @@ class Crowd:
     def __init__(self, w, seconds):
         self.w, self.end, self.done = w, time.monotonic() + seconds, []
         with concurrent.futures.ThreadPoolExecutor(16) as pool:
-            members = pool.map(self.work, range(16))
-            while time.monotonic() < self.end:
+            members = [pool.submit(self.work, number) for number in range(16)]
+            while time.monotonic() < self.end and not any(member.done() for member in members):
                 self.look_at_books()
-            list(members)
+            self.end = 0  # The others have seen enough, too.
+        assert not any(member.result() for member in members)
 
     def books(self):
         books = self.w.books()
