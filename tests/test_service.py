@@ -11,7 +11,7 @@ KEYS = {"RSA": "rsa:2048", "ECC": "ec -pkeyopt ec_paramgen_curve:P-256"}
 # What clients offer. The subject of each certificate says the type of its key, and its number.
 OFFERS = {"RSA": "ECDHE-RSA-AES128-GCM-SHA256", "ECC": "ECDHE-ECDSA-AES128-GCM-SHA256", "any": None}
 NEW = """openssl req -x509 -days 99 -newkey {how} -nodes -subj /O={key}/CN=c{number} \
-    -addext subjectAltName=DNS:kestrel -keyout $ROW/{key}{number}.key -out $ROW/{key}{number}.pem 2>$ROW/errors
+    -addext subjectAltName=DNS:kestrel -keyout $ROW/{key}{number}.key -out $ROW/{key}{number}.pem 2>/dev/null
 """
 NGINX = """worker_processes 2; pid /run/row/nginx.pid; error_log /run/row/nginx.log warn;
 events { worker_connections 256; }

@@ -1,10 +1,10 @@
 # Each step of these runs fails once (steps.py), and a crowd works on the same books. "scripts/test steps" tries all and
 # prints what held (the end of this file); every other run of the tests tries a sample, another one each day.
-import collections, concurrent.futures, datetime, json, os, pathlib, random, threading, time
+import collections, concurrent.futures, datetime, json, os, pathlib, random, time
 
 import pytest
 import steps
-from conftest import A, D, P, S
+from conftest import P, S
 
 RESULTS, DAY = pathlib.Path(__file__).parent.parent / "build/steps", datetime.date.today().toordinal()
 RESULTS.mkdir(parents=True, exist_ok=True)
@@ -37,9 +37,7 @@ def add_stranger(w):  # of whom nothing may change
 
 
 # Most of a mend's time is the search for primes. Smaller ones are found by the same calls.
-SMALLER_KEYS = (
-    'for word; do shift; [ $word != 2048 ] || word=1024; set -- "$@" "$word"; done; exec $REAL "$@"'
-)
+SMALLER_KEYS = 'for word; do shift; [ $word = 2048 ] && word=1024; set -- "$@" "$word"; done; exec $REAL "$@"'
 TORTURES = {}  # Once for each worker: the disk that a run starts from is put back before each point.
 
 
