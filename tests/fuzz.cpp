@@ -38,8 +38,8 @@ std::string Get(const std::string &path)
 
 const Json::Value kOurs = [] {
     Json::Value list;
-    std::istringstream in(R"([{"subscriber":"p","service":"s","display_name":"d","owner":"o","isPkg":true}])");
-    in >> list;
+    std::istringstream in(R"({"subscriber":"p","service":"s","display_name":"d","owner":"o","isPkg":true})");
+    in >> list[0];
     return list;
 }();
 
