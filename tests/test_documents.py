@@ -79,7 +79,7 @@ def test_an_example_does_what_is_told(w, blocks):
 
 
 # A text, which may be cut up, and whether openssl's own is printed after it.
-BEGIN = r"\b(?:LOG_[A-Z_]+\(|LogLine\(LOG_ERR, \S+ __LINE__,|printf\(|(LogOpenSSLError)\()\s*"
+BEGIN = r"\b(?:LOG_[A-Z_]+\(|LogLine\(LOG_ERR, \S+ __LINE__, false,|printf\(|(LogOpenSSLError)\()\s*"
 MESSAGE = BEGIN + r"""((?:"(?:[^"\\]|\\.)*"\s*)+)"""
 HOMES = {"checksum": "opalcrtchecksum", "unregisterer": "opalcrtunregister", "main": ""}  # "": any page
 

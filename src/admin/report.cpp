@@ -31,7 +31,7 @@ constexpr const char *kWarnings[] = {
 Refused Refuse(const std::string &text, int line)
 {
     Complain(text);
-    LogLine(LOG_ERR, LOG_SOURCE, line, "%s", ToShownText(text).c_str());
+    LogLine(LOG_ERR, LOG_SOURCE, line, false, "%s", ToShownText(text).c_str());
     return Refused();
 }
 

@@ -1,8 +1,6 @@
 #include "assign/engine.h"
 
-#include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <utility>
 
 #include "assign/recovery.h"
@@ -37,12 +35,13 @@ constexpr CRTActionInfo rgCRTActionInfo[] = {
 
 const CRTActionInfo *FindAction(int action)
 {
-    if (action < 0 || static_cast<size_t>(action) >= std::size(rgCRTActionInfo) ||
-        rgCRTActionInfo[action].action != action) {
-        LOG_ERROR("Wrong rgCRTActionInfo.");
-        return nullptr;
+    for (const CRTActionInfo &row : rgCRTActionInfo) {
+        if (row.action == action) {
+            return &row;
+        }
     }
-    return &rgCRTActionInfo[action];
+    LOG_ERROR("Wrong rgCRTActionInfo.");
+    return nullptr;
 }
 
 // Changes one certificate's list of services inside `info`.

@@ -25,41 +25,26 @@ size_t CutLength(std::string_view text, size_t limit)
     return std::min(limit, text.size());
 }
 
-// Nothing is allocated: the line that says that there is no memory has to go out, too.
-__attribute__((format(printf, 4, 0))) void Send(int priority, const char *source, int line,
-                                                const char *format, va_list args, const char *end)
+}  // namespace
+
+Failed LogLine(int priority, const char *source, int line, bool withState, const char *format, ...)
 {
+    // Nothing is allocated: the line that says that there is no memory has to go out, too.
     const int error = errno;  // Also for %m.
     char text[kLongestLogLine + 2];
     size_t used = static_cast<size_t>(snprintf(text, sizeof(text), "%s:%d ", source, line));
+    va_list args;
+    va_start(args, format);
     errno = error;
     vsnprintf(text + used, sizeof(text) - used, format, args);
-    used = strlen(text);
-    snprintf(text + used, sizeof(text) - used, "%s", end);
+    va_end(args);
+    if (withState) {
+        used = strlen(text);
+        snprintf(text + used, sizeof(text) - used, "[0x%04X %s:%d]", static_cast<unsigned>(YLIBCErrGet()),
+                 YLIBCErrorGetFile(), YLIBCErrorGetLine());
+    }
     syslog(LOG_USER | priority, "%.*s", static_cast<int>(CutLength(text, kLongestLogLine)), text);
     errno = error;
-}
-
-}  // namespace
-
-Failed LogLine(int priority, const char *source, int line, const char *format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    Send(priority, source, line, format, args, "");
-    va_end(args);
-    return Failed();
-}
-
-Failed LogLineAndState(int priority, const char *source, int line, const char *format, ...)
-{
-    char state[128] = {};
-    snprintf(state, sizeof(state), "[0x%04X %s:%d]", static_cast<unsigned>(YLIBCErrGet()),
-             YLIBCErrorGetFile(), YLIBCErrorGetLine());
-    va_list args;
-    va_start(args, format);
-    Send(priority, source, line, format, args, state);
-    va_end(args);
     return Failed();
 }
 

@@ -22,13 +22,9 @@ struct Failed {
     operator int() const { return -1; }
 };
 
-// Use the macros.
-Failed LogLine(int priority, const char *source, int line, const char *format, ...)
-    __attribute__((format(printf, 4, 5)));
-
-// The same, and the line ends with the platform error state as it stands.
-Failed LogLineAndState(int priority, const char *source, int line, const char *format, ...)
-    __attribute__((format(printf, 4, 5)));
+// Use the macros. With the state the line ends with the platform error state as it stands.
+Failed LogLine(int priority, const char *source, int line, bool withState, const char *format, ...)
+    __attribute__((format(printf, 5, 6)));
 
 // The text without its end where it is so long that the line might not be sent whole; never cut within a UTF-8
 // character.
@@ -36,6 +32,6 @@ std::string ShortenForLog(std::string text);
 
 }  // namespace opalcrt
 
-#define LOG_ERROR(...) ::opalcrt::LogLine(LOG_ERR, LOG_SOURCE, __LINE__, __VA_ARGS__)
-#define LOG_ERROR_STATE(...) ::opalcrt::LogLineAndState(LOG_ERR, LOG_SOURCE, __LINE__, __VA_ARGS__)
-#define LOG_DEBUG_LINE(...) ::opalcrt::LogLine(LOG_DEBUG, LOG_SOURCE, __LINE__, __VA_ARGS__)
+#define LOG_ERROR(...) ::opalcrt::LogLine(LOG_ERR, LOG_SOURCE, __LINE__, false, __VA_ARGS__)
+#define LOG_ERROR_STATE(...) ::opalcrt::LogLine(LOG_ERR, LOG_SOURCE, __LINE__, true, __VA_ARGS__)
+#define LOG_DEBUG_LINE(...) ::opalcrt::LogLine(LOG_DEBUG, LOG_SOURCE, __LINE__, false, __VA_ARGS__)

@@ -18,9 +18,9 @@ ScopedLock::~ScopedLock()
         return;
     }
     if (line_ == UnlockLine::kFrontEnd) {
-        LogLine(LOG_ERR, "opalcrtregister.cpp", __LINE__, "Failed to unlock [%s]", path_.c_str());
+        LogLine(LOG_ERR, "opalcrtregister.cpp", __LINE__, false, "Failed to unlock [%s]", path_.c_str());
     } else {
-        LogLine(LOG_ERR, "utils.cpp", __LINE__, "Failed to unlock %s", path_.c_str());
+        LogLine(LOG_ERR, "utils.cpp", __LINE__, false, "Failed to unlock %s", path_.c_str());
     }
 }
 

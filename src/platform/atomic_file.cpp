@@ -101,14 +101,7 @@ bool SyncPath(const std::string &path)
     return true;
 }
 
-bool SyncParent(const std::string &path)
-{
-    const size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return SyncPath(".");
-    }
-    return SyncPath(slash == 0 ? "/" : path.substr(0, slash));
-}
+bool SyncParent(const std::string &path) { return SyncPath(std::filesystem::path(path).parent_path()); }
 
 bool SyncTree(const std::string &path)
 {
