@@ -21,7 +21,6 @@
 #include "mkcert/serial_file.h"
 #include "platform/error_state.h"
 #include "platform/file_lock.h"
-#include "platform/process.h"
 #include "store/crt_info.h"
 
 using namespace opalcrt;
@@ -32,7 +31,7 @@ using Value = Json::Value;
 
 // clang-format off
 // An element of the array, as whatever a function takes. null, also a missing one, is a null pointer; a subject is
-// an array of its texts. One subject and one list is what a call needs at most.
+// an array of its texts. One list is what a call needs at most.
 struct Argument {
     const Value &value;
 
@@ -48,11 +47,6 @@ struct Argument {
         const auto at = [this](Json::ArrayIndex i) { return value.get(i, "").asString(); };
         return {at(0), at(1), at(2), at(3), at(4), at(5), at(6)};
     }
-    operator const CsrSubject *() const
-    {
-        static const CsrSubject subject = *this;
-        return value.isNull() ? nullptr : &subject;
-    }
     operator const SzList *() const
     {
         static SzList list;
@@ -67,10 +61,8 @@ const std::map<std::string, Value (*)(const Argument &in)> kFunctions = {
     CALL(CheckAndRecoverCrt, in[0]), CALL(DeployMultipleCrt, in[0], in[1]), CALL(WriteCrtInfo, in[0]),
     CALL(MoveDirectory, in[0], in[1]), CALL(ReloadService, in[0]),
     CALL(modifyCsrCfg, in[0], in[1]), CALL(genCACnf, in[0]), CALL(genServerCnf, in[0], in[1]),
-    CALL(genKey, in[0], in[1]), CALL(genCsr, in[0], in[1], in[2], in[3]), CALL(genSerialFile),
-    CALL(genCrt, in[0], in[1], in[2], in[3], in[4], in[5], in[6], in[7], in[8]),
-    CALL(genServerCrt, in[0], in[1], in[2], in[3], in[4], in[5]), CALL(genDefaultCrtSet, in[0]),
-    CALL(checkCrtKeyMatch, in[0], in[1]), CALL(YLIBCExec, in[0], in[1], in[2], in[3], in[4]),
+    CALL(genServerCrt, in[0], in[1], in[2], in[3], in[4], in[5]), CALL(genSerialFile),
+    CALL(genDefaultCrtSet, in[0]), CALL(checkCrtKeyMatch, in[0], in[1]),
     // The object, or the place in the list of the one that is meant. Answers the new list.
     {"UpdateServiceList", [](const Argument &in) {
         Value list = in[0], element = in[1];

@@ -1,6 +1,6 @@
 # The engine: the service objects it takes, what an assignment does, and the hooks that it runs.
 import pytest
-from conftest import service
+from conftest import P, service
 
 CLAIM = "for lock in /tmp/*.lock; do flock -n $lock true || echo held; done"
 PACKAGE = ["/usr/local/share/certificate.d", "/usr/local/libexec/certificate.d"]
@@ -38,6 +38,25 @@ def test_goes_on_after_a_service_that_fails_and_tells_of_each(w):
     assert not w.call("SetCrtForServices", "new", [service("web")], "old", 0)
     trail = "Broken [$A/INFO][old].[0x", "Failed to update cert info for [{", "}] from old to new\n"
     assert w.said.logged(*trail) and w.json("INFO") == {"new": {"services": []}, "old": {}}
+
+
+# fmt: off
+@pytest.mark.parametrize("services, action, line", [
+    ([service("web")], 5, "utils.cpp Wrong rgCRTActionInfo.\nutils.cpp Invalid params (action)"),
+    ({}, 0, "utils.cpp Invalid params (cert_id/services)"),
+])
+# fmt: on
+def test_refuses_what_is_no_action_or_no_list(w, services, action, line):
+    assert (
+        not w.call("SetCrtForServices", "c", services, "", action) and w.said.logged(line) and not w.tree(P)
+    )
+
+
+def test_a_list_is_built_anew_also_of_its_own_element(w):
+    assert w.call("UpdateServiceList", [service("a"), 5, service("b")], 0, False) == [
+        service("b"),
+        service("a"),
+    ]
 
 
 @pytest.mark.parametrize("isPkg", [True, False])
