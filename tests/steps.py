@@ -259,10 +259,9 @@ class Torture:
             return "part" if folder in disk else "absent"
         if content(disk, folder) == content(self.old, folder):
             return "old"
-        good = [self.new.get(f"{folder}/cert.pem"), disk.get(f"{CERTIFICATE}/cert.pem")]
-        return (
-            "new" if disk[f"{folder}/cert.pem"].content in [each.content for each in good if each] else "part"
-        )
+        good = self.new.get(f"{folder}/cert.pem"), disk.get(f"{CERTIFICATE}/cert.pem")
+        is_new = disk[f"{folder}/cert.pem"].content in [each.content for each in good if each]
+        return "new" if is_new else "part"
 
     # A folder that has all its files, and no mark, is taken for a good certificate by the next run.
     def archive(self, disk):
@@ -279,10 +278,8 @@ class Torture:
         for book in (INFO, SERVICES):
             here, old, new = (parsed(each, book) for each in (disk, self.old, self.new))
             good = [old, new]
-            if book == INFO and without(self.services, old) == old:
-                good += [
-                    without(service, new) for service in self.services
-                ]  # It is written after each service.
+            if book == INFO and without(self.services, old) == old:  # It is written after each service.
+                good += [without(service, new) for service in self.services]
             is_right = here in good and without(self.services, here) == without(self.services, old)
             wrong += [] if is_right and not disk[book].mode & 0o022 else [f"{book} is not right: {here}"]
         return wrong

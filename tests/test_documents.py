@@ -61,9 +61,8 @@ def examples():
 @pytest.mark.slow
 @pytest.mark.parametrize("blocks", examples())
 def test_an_example_does_what_is_told(w, blocks):
-    w.sh(
-        "cd /; rm -r $A; opalcrt init; cd $A; id=$(cat DEFAULT); mv $id factory; sed -i s/$id/factory/ [A-Z]*"
-    )
+    w.sh("cd /; rm -r $A; opalcrt init; cd $A; mv $(cat DEFAULT) factory")
+    w.sh("sed -i s/$(cat DEFAULT)/factory/ [A-Z]*")
     w.define("shop", "web", "api")
     script = MACHINE + "".join(f"printf '\\1'\n{lines}" for kind, lines in blocks if kind in SHELL)
     (ROW / "script").write_text(script)
