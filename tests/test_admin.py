@@ -144,12 +144,16 @@ def test_status_is_json_whatever_the_books_hold(store):
 # fmt: off
 AS_WEB = "setpriv --reuid=opalweb --clear-groups opalcrt"
 @pytest.mark.parametrize("command, ended, out", [
-    ("opalcrt status x", 3, "opalcrt: $A/INFO lists no certificate x\n"), ("opalcrt status >/dev/full", 3, ""),
+    ("opalcrt status x", 3, 'opalcrt: $A/INFO lists no certificate "x"\n'), ("opalcrt status >/dev/full", 3, ""),
     ("rm INFO; opalcrt status", 3, "opalcrt: cannot read $A/INFO: No such file or directory\n"),
     (f"{AS_WEB} status", 3, "opalcrt: only root can read the keys\n"), ("opalcrt default", 0, "c\n"),
     (f"{AS_WEB} default c", 1, "opalcrt: only root can do this\n"), ("opalcrt --help | grep -c '^  [a-z]'", 0, "7\n"),
+    ("opalcrt status ''", 3, 'opalcrt: $A/INFO lists no certificate ""\n'),
+    ("opalcrt 2>$ROW/help; s=$?; opalcrt --help | cmp - $ROW/help; exit $s", 64, ""),
+    *[(f"opalcrt {verb} ''", 1, 'opalcrt: there is no certificate "" in INFO; opalcrt status lists them\n') for verb in (
+        "default", "deploy", "renew")],
     *[(f"opalcrt {usage} >/dev/null 2>&1", 64, "") for usage in (
-        "", "nothing", "status --days -1", "install c --key x --cert x --cert y", "assign c", "deploy c d")],
+        "nothing", "status --days -1", "install c --key x --cert x --cert y", "assign c", "deploy c d")],
 ])
 # fmt: on
 def test_the_command_line(store, command, ended, out):
@@ -211,6 +215,8 @@ TWO = "--key rsa.key --cert rsa.pem --chain mid.pem --key leaf.key --cert bare"
 def test_install_takes(store, files, chain):
     before, used = every_bit(), {"RSA-": "rsa", "ECC-": "leaf"} if files == TWO else {"": "leaf"}
     assert store.run(f"cd $ROW; opalcrt install c {files} --check").out.endswith("c: can be installed\n")
+    said = store.run(f"cd $ROW; opalcrt install c {files} --check --json")
+    assert json.loads(said.out)["result"] == "can-be-installed"
     assert every_bit() == before
     said = store.run(f"cd $ROW; opalcrt install c {files}; cat ran; ls -d $A/.c* 2>&-; cat {chain} >chain")
     assert said.out.split("archive\n")[1] == f"{DONE}c: done\nhook web\nhook mail\nreload opalrelayd\n"
@@ -244,11 +250,13 @@ def test_install_is_refused_where_folders_cannot_be_exchanged(store):
     assert said.status == 1 and "exchanges no folders in one step" in said.out and stores(store) == before
 
 
-@pytest.mark.parametrize("verb", [f"install c {LEAF}", "deploy", "assign c p", "renew --days 400"])
+@pytest.mark.parametrize("verb", [f"install c {LEAF}", "deploy c", "assign c p", "renew --days 400"])
 def test_a_failed_roll_out_is_told(store, verb):
     said = store.run(f"cd $ROW; echo 7 >end; opalcrt {verb} --json")
     same = {"certificate": "c", "subscriber": "p", "result": "hook-failed", "hook_status": 7}
-    assert json.loads(said.out)["services"] == [{**same, "service": each} for each in ("web", "mail")]
+    services = [{**same, "service": each} for each in ("web", "mail")]
+    report = {"format": 1, "id": "c", "result": "partly-done", "services": services}
+    assert {**json.loads(said.out), **report} == json.loads(said.out)
     owner = "edit $A/INFO '.c.services[0].owner = \"nobody-knows\"'"
     again = store.run(f"cd $ROW; {PUT} {owner}; echo 0 >end; opalcrt {verb}")
     assert said.status == again.status == 3 and "p/web: failed;" in again.out
@@ -258,7 +266,7 @@ def test_a_failed_roll_out_is_told(store, verb):
 def test_deploy_copies_again_what_info_lists(store):
     store.sh(f"{PUT} put other $P/p/web; rm -r $P/p/mail; mkdir d; put leaf d; chmod 0640 $P/p/web/*")
     store.sh(f"{PUT} edit INFO '.d.services = [.c.services[1]]'; cp INFO SERVICES $ROW")
-    store.ok("opalcrt deploy d; ls $P/p", out="done\nweb\n")  # c lists mail first.
+    store.ok("opalcrt deploy d; ls $P/p", out="d: done\nweb\n")  # c lists mail first.
     store.ok("opalcrt deploy; cmp INFO $ROW/INFO; cmp c/cert.pem $P/p/mail/cert.pem", out=f"{DONE}done\n")
     store.sh(f"{PUT} edit INFO '.d.services[0].service = \"x\"'; rm d/cert.pem; : >$ROW/ran")
     assert [each["state"] for each in status(store, "c")[1]["certificates"][0]["services"]] == ["current"] * 2
@@ -292,10 +300,11 @@ def test_default_is_what_a_registration_can_use(store):
 
 
 # fmt: off
+RESULTS = {"due": "c: due\n", "not-due": "c: not due\n", "not-self-made": "c: left alone, it is not self-made\n"}
 @pytest.mark.parametrize("scene, arguments, ended, text", [
-    ("", "", 0, "c: not due\n"), ("", "--check", 0, "c: not due\n"), ("put soon", "--check", 1, "c: due\n"),
-    ("", "c --days 100 --check", 1, "c: due\n"), ("", "--name nas --check", 1, "c: due\n"),
-    ("put other", "", 0, "c: left alone, it is not"), ("rm c/opal-ca-cert.pem", "--days 400", 0, "c: left alone, it"),
+    ("", "", 0, "not-due"), ("", "--check", 0, "not-due"), ("put soon", "--check", 1, "due"),
+    ("", "c --days 100 --check", 1, "due"), ("", "--name nas --check", 1, "due"),
+    ("put other", "", 0, "not-self-made"), ("rm c/opal-ca-cert.pem", "--days 400", 0, "not-self-made"),
     ("", "x", 1, 'opalcrt: there is no certificate "x"'), (": >DEFAULT", "", 1, "opalcrt: there is no certificate"),
     ("", "--name " + "a." * 32 + "b", 1, "opalcrt: the first"), ("rm c/cert.pem", "", 1, "opalcrt: the certificate c"),
     *[("", f"--name ok --name '{name}'", 1, f'opalcrt: "{name}" is neither') for name in ("a b", "a;b", "-a", "a/b")],
@@ -304,7 +313,9 @@ def test_default_is_what_a_registration_can_use(store):
 def test_renew_leaves_alone(store, scene, arguments, ended, text):
     store.sh(f"{PUT} {scene}")
     before, said = stores(store), store.run(f"opalcrt renew {arguments}")
-    assert said.status == ended and said.out.startswith(text) and stores(store) == before
+    assert said.status == ended and said.out.startswith(RESULTS.get(text, text)) and stores(store) == before
+    said = store.run(f"opalcrt renew {arguments} --json 2>&-")
+    assert (said.status, json.loads(said.out)["result"]) == (ended, text if text in RESULTS else "refused")
 
 
 @pytest.mark.slow

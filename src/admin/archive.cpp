@@ -75,15 +75,17 @@ bool IsUsableCrt(const std::string &cert_id, const Json::Value &info)
                   " lacks files or is being mended; see opalcrt status, or install it anew");
 }
 
-int Default(const Options &options)
+int Default(const Options &options, Json::Value &)
 {
-    const std::string &cert_id = options.id;
-    const std::string old_id = ReadDefaultId();
-    if (cert_id.empty()) {
-        Say(old_id.empty(), old_id);
-        return old_id.empty() ? Refuse(std::string(kDefaultPath) + " names none; set one: opalcrt default ID")
-                              : kDone;
+    if (!options.id) {
+        const std::string old_id = ReadDefaultId();
+        if (old_id.empty()) {
+            return Refuse(std::string(kDefaultPath) + " names none; set one: opalcrt default ID");
+        }
+        Say(options, old_id);
+        return kDone;
     }
+    const std::string &cert_id = *options.id;
     const RecoverLock lock;
     Json::Value info;
     if (!lock || !ReadInfo(info) || !IsUsableCrt(cert_id, info)) {
@@ -95,7 +97,7 @@ int Default(const Options &options)
     if (!ReplaceFile(kDefaultPath, cert_id + "\n", kDefaultPath)) {
         return RefuseCall(std::string("cannot write ") + kDefaultPath);
     }
-    Say(false, cert_id + ": the certificate of new services");
+    Say(options, cert_id + ": the certificate of new services");
     return kDone;
 }
 

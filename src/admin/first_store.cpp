@@ -89,7 +89,7 @@ bool MakeArchive(const std::string &cert_id)
 
 }  // namespace
 
-int Init(const Options &)
+int Init(const Options &options, Json::Value &)
 {
     const RecoverLock lock;
     if (!lock || !std::all_of(std::begin(kFolders), std::end(kFolders), MakeFolder) || !MakeSerialFile()) {
@@ -97,7 +97,7 @@ int Init(const Options &)
     }
     std::error_code error;
     if (!std::filesystem::is_empty(kArchive, error) && error.value() != ENOENT) {
-        Say(false, std::string(kArchive) + ": left as it is");
+        Say(options, std::string(kArchive) + ": left as it is");
         return kDone;
     }
     const std::string cert_id = RandomDigits(8);
@@ -108,7 +108,7 @@ int Init(const Options &)
     if (rename(kNewArchive, kArchive) != 0 || !SyncParent(kArchive)) {
         return RefuseCall(std::string("cannot move ") + kNewArchive + " to " + kArchive);
     }
-    Say(false, std::string(kArchive) + ": made, with the certificate " + cert_id);
+    Say(options, std::string(kArchive) + ": made, with the certificate " + cert_id);
     return kDone;
 }
 

@@ -30,7 +30,7 @@ bool IsMadeAlready(const std::string &folder, const InstallFiles &files)
 
 void CheckId(const Options &options, const InstallFiles &files, Json::Value &findings)
 {
-    const std::string &id = options.id;
+    const std::string &id = *options.id;
     const std::string folder = GetCrtFolderPath(id);
     Json::Value info;
     // The books and their temporary files have names that begin so.
@@ -96,36 +96,36 @@ int PutIntoArchive(const Options &options, const InstallFiles &files)
     const RecoverLock lock;
     Json::Value findings(Json::arrayValue);
     CheckId(options, files, findings);  // Another run may have changed the archive since the first look.
-    if (!lock || !IsAllowed(findings) || !MakeNewFolder(options.id) ||
-        !WriteFiles(GetNewFolderPath(options.id), files)) {
+    if (!lock || !IsAllowed(findings) || !MakeNewFolder(*options.id) ||
+        !WriteFiles(GetNewFolderPath(*options.id), files)) {
         return kRefused;
     }
-    const int status = ExchangeFolder(options.id);
-    return status != kDone || !options.isNew || AddToInfo(options.id) ? status : kPartlyChanged;
+    const int status = ExchangeFolder(*options.id);
+    return status != kDone || !options.isNew || AddToInfo(*options.id) ? status : kPartlyChanged;
 }
 
 }  // namespace
 
-int Install(const Options &options)
+int Install(const Options &options, Json::Value &report)
 {
-    Json::Value report(Json::objectValue);
-    report["id"] = options.id;
+    report["id"] = *options.id;
     Json::Value &findings = report["findings"] = Json::Value(Json::arrayValue);
     const InstallFiles files = PlanInstall(options, findings);
     CheckId(options, files, findings);
     if (!IsAllowed(findings)) {
-        return End(report, options.asJson, kRefused, "refused");
+        return kRefused;
     }
     for (const Json::Value &finding : findings) {
-        Say(options.asJson, "warning " + finding["code"].asString() + ": " + finding["text"].asString());
+        Say(options, "warning " + finding["code"].asString() + ": " + finding["text"].asString());
     }
     if (options.onlyCheck) {
-        return End(report, options.asJson, kDone, "can be installed");
+        report["result"] = "can-be-installed";
+        return kDone;
     }
     if (const int status = PutIntoArchive(options, files); status != kDone) {
-        return End(report, options.asJson, status, status == kRefused ? "refused" : "not all is done");
+        return status;
     }
-    Say(options.asJson, options.id + ": in the archive");
+    Say(options, *options.id + ": in the archive");
     return RollOutCrt(options, report);
 }
 

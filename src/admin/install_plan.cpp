@@ -163,7 +163,7 @@ InstallFiles PlanInstall(const Options &options, Json::Value &findings)
         return {};
     }
 
-    WarnOfLostNames(options.id, *pairs.front().crts.front(), findings);
+    WarnOfLostNames(*options.id, *pairs.front().crts.front(), findings);
     InstallFiles files;
     AddFiles(pairs.front(), "", files);
     if (pairs.size() == 2) {

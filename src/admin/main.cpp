@@ -16,7 +16,7 @@ namespace opalcrt {
 
 namespace {
 
-using Verb = int (*)(const Options &);
+using Verb = int (*)(const Options &, Json::Value &report);
 
 void AddVerbs(CLI::App &app, Options &options, Verb &verb)
 {
@@ -97,13 +97,20 @@ int Run(int argc, char *argv[])
             throw CLI::ValidationError("--key and --cert", "each key needs a certificate");
         }
     } catch (const CLI::ParseError &error) {
+        if (argc == 1) {
+            fputs(app.help().c_str(), stderr);
+            return kWrongUsage;
+        }
         return app.exit(error) == 0 ? kDone : kWrongUsage;
     }
     // A monitor may not be root, and is answered in its own way.
     if (geteuid() != 0 && !app.got_subcommand("status")) {
         return Refuse("only root can do this");
     }
-    return verb(options);
+    Json::Value report;
+    const int status = verb(options, report);
+    FinishReport(options, status, report);
+    return status;
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ constexpr size_t kLongestCommonName = 64;  // RFC 5280, A.1
 
 bool LookAtOld(const Options &options, Json::Value &info, Json::Value &crt)
 {
-    const std::string &id = options.id;
+    const std::string &id = *options.id;
     if (!ReadInfo(info)) {
         return false;
     }
@@ -76,14 +76,13 @@ int MakeNewSet(const std::string &cert_id, const std::vector<std::string> &names
 
 // A run before this one may have ended between the exchange and the last service. What a mend has made is given to
 // nobody who has something better.
-int RollOutRest(const Options &options, const Json::Value &info, const Json::Value &crt,
-                const Json::Value &report)
+int RollOutRest(const Options &options, const Json::Value &info, const Json::Value &crt, Json::Value &report)
 {
     Json::Value rest(Json::arrayValue);
     const bool isMended = std::any_of(crt["findings"].begin(), crt["findings"].end(),
                                       [](const Json::Value &finding) { return finding["code"] == "mended"; });
     const ServicesByCrt services = ListServices(info);
-    for (const Json::Value &service : services.at(options.id)) {
+    for (const Json::Value &service : services.at(*options.id)) {
         const auto isBehind = [&service](const Json::Value &looked) {
             return NameOf(looked) == NameOf(service) &&
                    (looked["state"] != "current" || Exists(looked["folder"].asString() + ".bak"));
@@ -92,18 +91,20 @@ int RollOutRest(const Options &options, const Json::Value &info, const Json::Val
             rest.append(service);
         }
     }
-    return rest.empty() ? End(report, options.asJson, kDone, "not due")
-                        : RollOut({{options.id, rest}}, "", report, options.asJson);
+    if (rest.empty()) {
+        report["result"] = "not-due";
+        return kDone;
+    }
+    return RollOut({{*options.id, rest}}, "", options, report);
 }
 
 }  // namespace
 
-int Renew(const Options &given)
+int Renew(const Options &given, Json::Value &report)
 {
     Options options = given;
-    options.id = given.id.empty() ? ReadDefaultId() : given.id;
-    Json::Value report(Json::objectValue);
-    report["id"] = options.id;
+    options.id = given.id.value_or(ReadDefaultId());
+    report["id"] = *options.id;
     Json::Value info;
     Json::Value crt;
     std::optional<RecoverLock> lock;  // Who only asks waits for nobody.
@@ -111,33 +112,35 @@ int Renew(const Options &given)
         lock.emplace();
     }
     if ((lock && !*lock) || !LookAtOld(options, info, crt)) {
-        return End(report, options.asJson, kRefused, "refused");
+        return kRefused;
     }
-    if (!crt["self_made"].asBool() || HasCrtKeyTypes(options.id)) {
-        return End(report, options.asJson, kDone, "left alone, it is not self-made");
+    if (!crt["self_made"].asBool() || HasCrtKeyTypes(*options.id)) {
+        report["result"] = "not-self-made";
+        return kDone;
     }
     const bool isDue = IsDue(options, crt);
     std::vector<std::string> names;
     if (isDue && !ListNewNames(options, crt, names)) {
-        return End(report, options.asJson, kRefused, "refused");
+        return kRefused;
     }
     if (options.onlyCheck) {
-        return End(report, options.asJson, isDue ? kRefused : kDone, isDue ? "due" : "not due");
+        report["result"] = isDue ? "due" : "not-due";
+        return isDue ? kRefused : kDone;
     }
     int status = kDone;
     if (isDue) {
-        status = MakeNewSet(options.id, names);
-    } else if (Exists(GetNewFolderPath(options.id)) && !RemoveNewFolder(options.id)) {
+        status = MakeNewSet(*options.id, names);
+    } else if (Exists(GetNewFolderPath(*options.id)) && !RemoveNewFolder(*options.id)) {
         status = kRefused;
     }
     if (status != kDone) {
-        return End(report, options.asJson, status, status == kRefused ? "refused" : "not all is done");
+        return status;
     }
     lock.reset();
     if (!isDue) {
         return RollOutRest(options, info, crt, report);
     }
-    Say(options.asJson, options.id + ": renewed, for " + Join(names));
+    Say(options, *options.id + ": renewed, for " + Join(names));
     return RollOutCrt(options, report);
 }
 

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
 
 #include "common/json_file.h"
 #include "common/log.h"
@@ -39,9 +40,9 @@ Refused RefuseCall(const std::string &text, int line) { return Refuse(text + ": 
 
 void Complain(const std::string &text) { fprintf(stderr, "opalcrt: %s\n", ToShownText(text).c_str()); }
 
-void Say(bool asJson, const std::string &text)
+void Say(const Options &options, const std::string &text)
 {
-    if (!asJson) {
+    if (!options.asJson) {
         printf("%s\n", ToShownText(text).c_str());
         fflush(stdout);
     }
@@ -114,15 +115,28 @@ bool PrintJson(const Json::Value &object)
     return WriteAll(STDOUT_FILENO, "{\"format\":1," + toString(object).substr(1));
 }
 
-int End(Json::Value report, bool asJson, int status, const std::string &result)
+void FinishReport(const Options &options, int status, Json::Value report)
 {
-    report["result"] = result;
-    if (asJson) {
+    static const std::map<std::string, std::string> kTexts = {
+        {"can-be-installed", "can be installed"},
+        {"not-due", "not due"},
+        {"not-self-made", "left alone, it is not self-made"},
+        {"partly-done", "not all is done"},
+    };
+    if (report.isNull()) {
+        return;
+    }
+    if (!report.isMember("result")) {
+        report["result"] = status == kDone ? "done" : status == kRefused ? "refused" : "partly-done";
+    }
+    const std::string result = report["result"].asString();
+    const auto text = kTexts.find(result);
+    if (options.asJson) {
         PrintJson(report);
     } else if (result != "refused") {
-        Say(false, report["id"].asString() + (report["id"].asString().empty() ? "" : ": ") + result);
+        Say(options, (report.isMember("id") ? report["id"].asString() + ": " : "") +
+                         (text != kTexts.end() ? text->second : result));
     }
-    return status;
 }
 
 }  // namespace opalcrt

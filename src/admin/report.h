@@ -24,7 +24,7 @@ Refused RefuseCall(const std::string &text, int line = __builtin_LINE());
 void Complain(const std::string &text);
 
 // One line for people on standard output, unless the caller wants JSON.
-void Say(bool asJson, const std::string &text);
+void Say(const Options &options, const std::string &text);
 
 // Text from outside as one line of UTF-8 that no terminal obeys: what is none of it becomes "?".
 std::string ToShownText(std::string text);
@@ -45,8 +45,8 @@ const char *SeverityName(int severity);
 // output did not take it.
 bool PrintJson(const Json::Value &object);
 
-// The end of a verb: prints `report`, with the result in it, or for people "ID: RESULT", but nothing of "refused", which
-// was told already. Answers the status. The archive is what it is when the output could not be written, so the status stays.
-int End(Json::Value report, bool asJson, int status, const std::string &result);
+// The end of a verb: prints its report, unless that is null, with the `result`, a code, in it; or for people "ID: RESULT",
+// but nothing of "refused", which was told already. The archive is what it is when the output could not be written.
+void FinishReport(const Options &options, int status, Json::Value report);
 
 }  // namespace opalcrt

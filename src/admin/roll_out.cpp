@@ -19,7 +19,8 @@ constexpr int kActionAssign = 0;
 constexpr int kActionDeploy = 2;
 
 // Adds to the report, and says, what the engine tells of a service. Whether all of it is done.
-bool Tell(const Json::Value &serviceObj, const ServiceOutcome &outcome, Json::Value &services, bool asJson)
+bool Tell(const Json::Value &serviceObj, const ServiceOutcome &outcome, const Options &options,
+          Json::Value &services)
 {
     const bool isDone = outcome.isDone && outcome.hookEnded <= 0;
     Json::Value service(Json::objectValue);
@@ -30,7 +31,7 @@ bool Tell(const Json::Value &serviceObj, const ServiceOutcome &outcome, Json::Va
     if (outcome.hookEnded >= 0) {
         service["hook_status"] = outcome.hookEnded;
     }
-    Say(asJson,
+    Say(options,
         service["subscriber"].asString() + "/" + service["service"].asString() +
             (outcome.isDone ? ": has " + outcome.cert_id : ": failed; the system log says why") +
             (outcome.hookEnded < 0 ? "" : "; its hook ended with " + std::to_string(outcome.hookEnded)));
@@ -79,11 +80,12 @@ ServicesByCrt ListServices(const Json::Value &info)
     return services;
 }
 
-int RollOut(const ServicesByCrt &services, const std::string &cert_id, Json::Value report, bool asJson)
+int RollOut(const ServicesByCrt &services, const std::string &cert_id, const Options &options,
+            Json::Value &report)
 {
     Json::Value info;
     if (!ReadInfo(info)) {
-        return End(report, asJson, kRefused, "refused");
+        return kRefused;
     }
     report["services"] = Json::Value(Json::arrayValue);
     Json::Value moved(Json::arrayValue);
@@ -96,7 +98,7 @@ int RollOut(const ServicesByCrt &services, const std::string &cert_id, Json::Val
             allDone = false;
         } else if (!list.empty()) {
             const auto tell = [&](const Json::Value &serviceObj, const ServiceOutcome &outcome) {
-                allDone = Tell(serviceObj, outcome, report["services"], asJson) && allDone;
+                allDone = Tell(serviceObj, outcome, options, report["services"]) && allDone;
                 if (outcome.isDone) {
                     moved.append(serviceObj);
                 }
@@ -105,36 +107,41 @@ int RollOut(const ServicesByCrt &services, const std::string &cert_id, Json::Val
         }
     }
     if (!allDone && report["services"].empty()) {
-        return End(report, asJson, kRefused, "refused");
+        return kRefused;
     }
     allDone = (cert_id.empty() || ListOnce(cert_id, moved)) && allDone;
     ReloadRelayDaemon();
-    return allDone ? End(report, asJson, kDone, "done")
-                   : End(report, asJson, kPartlyChanged, "not all is done");
+    return allDone ? kDone : kPartlyChanged;
 }
 
-int RollOutCrt(const Options &options, const Json::Value &report)
+int RollOutCrt(const Options &options, Json::Value &report)
 {
     Json::Value info;
-    if (!ReadInfo(info) || (!options.id.empty() && !IsUsableCrt(options.id, info))) {
-        return End(report, options.asJson, kRefused, "refused");
+    if (!ReadInfo(info) || (options.id && !IsUsableCrt(*options.id, info))) {
+        return kRefused;
     }
     ServicesByCrt services = ListServices(info);
-    if (!options.id.empty()) {
-        services = {{options.id, services[options.id]}};
+    if (options.id) {
+        services = {{*options.id, services[*options.id]}};
     }
-    return RollOut(services, "", report, options.asJson);
+    return RollOut(services, "", options, report);
 }
 
-int Deploy(const Options &options) { return RollOutCrt(options, Json::objectValue); }
-
-int Assign(const Options &options)
+int Deploy(const Options &options, Json::Value &report)
 {
-    Json::Value report(Json::objectValue);
-    report["id"] = options.id;
+    report = Json::objectValue;
+    if (options.id) {
+        report["id"] = *options.id;
+    }
+    return RollOutCrt(options, report);
+}
+
+int Assign(const Options &options, Json::Value &report)
+{
+    report["id"] = *options.id;
     Json::Value info;
-    if (!ReadInfo(info) || !IsUsableCrt(options.id, info)) {
-        return End(report, options.asJson, kRefused, "refused");
+    if (!ReadInfo(info) || !IsUsableCrt(*options.id, info)) {
+        return kRefused;
     }
     ServicesByCrt moved;
     for (const auto &[old_id, list] : ListServices(info)) {
@@ -145,11 +152,10 @@ int Assign(const Options &options)
         }
     }
     if (moved.empty()) {
-        Refuse("INFO lists no service " + options.service + " of " + options.subscriber +
-               "; register it first, opalcrt status lists them");
-        return End(report, options.asJson, kRefused, "refused");
+        return Refuse("INFO lists no service " + options.service + " of " + options.subscriber +
+                      "; register it first, opalcrt status lists them");
     }
-    return RollOut(moved, options.id, report, options.asJson);
+    return RollOut(moved, *options.id, options, report);
 }
 
 }  // namespace opalcrt

@@ -18,10 +18,11 @@ ServicesByCrt ListServices(const Json::Value &info);
 
 // Gives the services what the archive holds of the certificate `cert_id`, or, when that is empty, of the one that each
 // has, and runs their hooks; a line for each as it happens. Certificates that are not complete are refused, not mended.
-// Prints the end of `report`, and answers the exit status.
-int RollOut(const ServicesByCrt &services, const std::string &cert_id, Json::Value report, bool asJson);
+// Adds them to `report`, and answers the exit status.
+int RollOut(const ServicesByCrt &services, const std::string &cert_id, const Options &options,
+            Json::Value &report);
 
 // RollOut of the services of one certificate, or, when no id is given, of all.
-int RollOutCrt(const Options &options, const Json::Value &report);
+int RollOutCrt(const Options &options, Json::Value &report);
 
 }  // namespace opalcrt

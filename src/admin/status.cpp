@@ -89,7 +89,7 @@ bool LookAtInfo(const Options &options, Json::Value &info, Json::Value &findings
     }
     for (const std::string &id : options.ids) {
         if (!info.isMember(id)) {
-            Complain(std::string(kInfoPath) + " lists no certificate " + id);
+            Complain(std::string(kInfoPath) + " lists no certificate \"" + id + "\"");
             return false;
         }
     }
@@ -168,7 +168,7 @@ std::string ToReportText(const Json::Value &report)
 
 }  // namespace
 
-int Status(const Options &options)
+int Status(const Options &options, Json::Value &)
 {
     // Registrations come into SERVICES first and into INFO last, and replace folders between: what seems wrong is
     // looked at again, and once more while the books change.
