@@ -6,6 +6,8 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
 
 #include <memory>
 
@@ -14,6 +16,9 @@ namespace opalcrt {
 struct OpenSSLFree {
     void operator()(BIO *bio) const { BIO_free(bio); }
     void operator()(X509 *crt) const { X509_free(crt); }
+    void operator()(X509_STORE *store) const { X509_STORE_free(store); }
+    void operator()(X509_STORE_CTX *context) const { X509_STORE_CTX_free(context); }
+    void operator()(GENERAL_NAMES *names) const { GENERAL_NAMES_free(names); }
     void operator()(EVP_PKEY *key) const { EVP_PKEY_free(key); }
     void operator()(EVP_MD_CTX *context) const { EVP_MD_CTX_free(context); }
     void operator()(ASN1_INTEGER *number) const { ASN1_INTEGER_free(number); }

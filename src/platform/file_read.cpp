@@ -1,6 +1,5 @@
 #include "platform/file_read.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -10,10 +9,10 @@
 
 namespace opalcrt {
 
-UniqueFd OpenRegularFile(const char *path)
+UniqueFd OpenRegularFile(const char *path, int folder)
 {
     // O_NONBLOCK: opening a fifo must not wait for a writer. It has no effect on a regular file.
-    UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    UniqueFd fd(openat(folder, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat info = {};
     if (!fd.IsOpen() || fstat(fd.Get(), &info) != 0) {
         SET_PLATFORM_ERRNO(errno);
@@ -47,7 +46,7 @@ char *YLIBCFgets(char *buffer, int size, FILE *file) { return fgets(buffer, size
 bool ReadWhole(int fd, size_t limit, std::string &text)
 {
     text.clear();
-    std::string chunk(64UL * 1024, '\0');  // Not on the stack, which a caller may have limited.
+    std::string chunk(16UL * 1024, '\0');  // Not on the stack, which a caller may have limited.
     for (ssize_t got; (got = read(fd, chunk.data(), chunk.size())) != 0;) {
         if (got > 0 && text.size() + static_cast<size_t>(got) <= limit) {
             text.append(chunk, 0, static_cast<size_t>(got));

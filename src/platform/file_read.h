@@ -1,6 +1,8 @@
 // Reading regular files.
 #pragma once
 
+#include <fcntl.h>
+
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -11,8 +13,8 @@ namespace opalcrt {
 
 // Opens a regular file for reading, close-on-exec. Anything else in its place (a folder, a fifo, a device)
 // is refused without waiting for it: errno is EINVAL then. Follows links.
-// A descriptor that is not open, with the platform error state and errno set, on failure.
-UniqueFd OpenRegularFile(const char *path);
+// A relative path leads from the open folder. A descriptor that is not open, with the platform error state and errno set, on failure.
+UniqueFd OpenRegularFile(const char *path, int folder = AT_FDCWD);
 
 struct FileCloser {
     void operator()(FILE *file) const { fclose(file); }

@@ -9,23 +9,28 @@
 
 namespace opalcrt {
 
-std::string GetDefCrtId()
+std::string ReadDefCrtId()
 {
     const UniqueFile file = OpenForReading(kDefaultPath);
-    char line[16] = {};
+    char line[kLongestDefaultId + 1] = {};
     if (file == nullptr || YLIBCFgets(line, sizeof(line), file.get()) == nullptr) {
         return std::string();
     }
     if (char *newline = strrchr(line, '\n'); newline != nullptr) {
         *newline = '\0';
     }
+    return line;
+}
 
-    const std::string folder = GetCrtFolderPath(line);
-    if (YLIBCFileCheckDir(folder.c_str()) == 0) {
+std::string GetDefCrtId()
+{
+    const std::string cert_id = ReadDefCrtId();
+    const std::string folder = GetCrtFolderPath(cert_id);
+    if (!cert_id.empty() && YLIBCFileCheckDir(folder.c_str()) == 0) {
         LOG_ERROR_STATE("[%s] doesn't exist.", folder.c_str());
         return std::string();
     }
-    return line;
+    return cert_id;
 }
 
 }  // namespace opalcrt
