@@ -6,13 +6,14 @@
 #include <cstdio>
 
 #include "admin/report.h"
-#include "admin/store_look.h"
 #include "assign/recovery.h"
 #include "common/json_member.h"
 #include "deploy/dir_utils.h"
 #include "platform/atomic_file.h"
 #include "platform/directory.h"
+#include "platform/file_test.h"
 #include "store/crt_info.h"
+#include "store/default_crt.h"
 #include "store/names.h"
 #include "store/paths.h"
 
@@ -25,32 +26,33 @@ RecoverLock::RecoverLock() : lock(kRecoverLock, kLockExclusive, kRecoverLockSeco
     }
 }
 
-std::string GetNewFolderPath(const std::string &cert_id) { return GetCrtFolderPath("." + cert_id + ".new"); }
-
 bool RemoveNewFolder(const std::string &cert_id)
 {
     // It may be the old folder: if a power cut takes the exchange back, that must still be whole.
-    const std::string fresh = GetNewFolderPath(cert_id);
+    const std::string fresh = GetCrtFolderPath("." + cert_id + ".new");
     return (SyncPath(kArchive) && RemovePath(fresh)) ||
            RefuseCall("cannot sync the archive, or remove " + fresh + "; run the same command again");
 }
 
-bool MakeNewFolder(const std::string &cert_id)
-{
-    const std::string fresh = GetNewFolderPath(cert_id);
-    return RemoveNewFolder(cert_id) &&
-           (OPALFSMkdirP(fresh.c_str(), nullptr, 0, 0, 0, 0700) == 0 || RefuseCall("cannot make " + fresh));
-}
-
-int ExchangeFolder(const std::string &cert_id)
+int ReplaceCrtFolder(const std::string &cert_id, const std::function<bool(const std::string &folder)> &fill)
 {
     const std::string folder = GetCrtFolderPath(cert_id);
-    const std::string fresh = GetNewFolderPath(cert_id);
-    const unsigned how = Exists(folder) ? RENAME_EXCHANGE : RENAME_NOREPLACE;
-    if (!SyncPath(fresh) || renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, folder.c_str(), how) != 0) {
+    const std::string fresh = GetCrtFolderPath("." + cert_id + ".new");
+    const unsigned how = YLIBCFileExist(folder.c_str()) != 0 ? RENAME_EXCHANGE : RENAME_NOREPLACE;
+    if (!RemoveNewFolder(cert_id)) {
+        return kRefused;
+    }
+    if (OPALFSMkdirP(fresh.c_str(), nullptr, 0, 0, 0, 0700) != 0) {
+        return RefuseCall("cannot make " + fresh);
+    }
+    bool isReplaced = fill(fresh);
+    if (isReplaced &&
+        (!SyncPath(fresh) || renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, folder.c_str(), how) != 0)) {
         const bool isUnable = errno == EINVAL || errno == ENOSYS;
-        RefuseCall("cannot replace " + folder +
-                   (isUnable ? ": its file system exchanges no folders in one step" : ""));
+        isReplaced = RefuseCall("cannot replace " + folder +
+                                (isUnable ? ": its file system exchanges no folders in one step" : ""));
+    }
+    if (!isReplaced) {
         RemovePath(fresh);
         return kRefused;
     }
@@ -65,20 +67,35 @@ bool ReadInfo(Json::Value &info)
            Refuse(std::string(kInfoPath) + " cannot be read as a JSON object; see opalcrt status");
 }
 
+bool ChangeInfo(const std::function<bool(Json::Value &info)> &change)
+{
+    const ScopedLock lock(kInfoLock, kLockExclusive, kInfoLockSeconds, UnlockLine::kStore);
+    Json::Value info;
+    if (!lock.IsHeld() || !TakeCrtInfo(info) || !info.isObject()) {
+        return RefuseCall(std::string("cannot lock or read ") + kInfoPath + "; run the same command again");
+    }
+    return !change(info) || WriteCrtInfo(std::move(info)) ||
+           RefuseCall(std::string("cannot write ") + kInfoPath + "; run the same command again");
+}
+
+bool IsListedCrt(const std::string &cert_id, const Json::Value &info)
+{
+    return (IsPlainFolderName(cert_id) && GetMember(info, cert_id.c_str()).isObject()) ||
+           Refuse("there is no certificate \"" + cert_id + "\" in INFO; opalcrt status lists them");
+}
+
 bool IsUsableCrt(const std::string &cert_id, const Json::Value &info)
 {
-    if (!IsPlainFolderName(cert_id) || !GetMember(info, cert_id.c_str()).isObject()) {
-        return Refuse("there is no certificate \"" + cert_id + "\" in INFO; opalcrt status lists them");
-    }
-    return IsCrtComplete(cert_id, GetCrtFolderPath(cert_id)) ||
-           Refuse("the certificate " + cert_id +
-                  " lacks files or is being mended; see opalcrt status, or install it anew");
+    return IsListedCrt(cert_id, info) &&
+           (IsCrtComplete(cert_id, GetCrtFolderPath(cert_id)) ||
+            Refuse("the certificate " + cert_id +
+                   " lacks files or is being mended; see opalcrt status, or install it anew"));
 }
 
 int Default(const Options &options, Json::Value &)
 {
     if (!options.id) {
-        const std::string old_id = ReadDefaultId();
+        const std::string old_id = ReadDefCrtId();
         if (old_id.empty()) {
             return Refuse(std::string(kDefaultPath) + " names none; set one: opalcrt default ID");
         }

@@ -3,11 +3,9 @@
 #include <arpa/inet.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
-#include <openssl/x509_vfy.h>
-#include <openssl/x509v3.h>
 
 #include <regex>
-#include <string_view>
+#include <utility>
 
 #include "admin/report.h"
 #include "platform/string_list.h"
@@ -16,49 +14,21 @@ namespace opalcrt {
 
 namespace {
 
-// Whether there was something to take.
-template <typename Type, typename List>
-bool Take(Type *value, List &list)
+// What a function of OpenSSL writes; empty when it fails.
+template <typename Write>
+std::string Written(const Write &write)
 {
-    if (value != nullptr) {
-        list.emplace_back(value);
-    }
-    return value != nullptr;
-}
-
-void TakeBlock(std::string_view name, std::string_view header, const unsigned char *data, long size,
-               PemContent &content)
-{
-    bool isGood = true;
-    if (name.ends_with("CERTIFICATE")) {
-        isGood = Take(d2i_X509_AUX(nullptr, &data, size), content.crts);
-    } else if (name == PEM_STRING_PKCS8 || header.find("ENCRYPTED") != std::string_view::npos) {
-        content.hasEncryptedKey = true;
-    } else if (name.ends_with("PRIVATE KEY")) {
-        isGood = Take(d2i_AutoPrivateKey(nullptr, &data, size), content.keys);
-    }
-    content.isBroken = content.isBroken || !isGood;
-}
-
-std::string TextOf(BIO &bio)
-{
+    const UniqueOpenSSL<BIO> bio(BIO_new(BIO_s_mem()));
+    const bool isWritten = write(bio.get()) > 0;
     char *data = nullptr;
-    const long size = BIO_get_mem_data(&bio, &data);
-    return size > 0 ? std::string(data, static_cast<size_t>(size)) : std::string();
-}
-
-UniqueOpenSSL<BIO> ReadFrom(const std::string &text)
-{
-    return UniqueOpenSSL<BIO>(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    const long size = BIO_get_mem_data(bio.get(), &data);
+    return isWritten ? std::string(data, static_cast<size_t>(size)) : std::string();
 }
 
 std::string ToText(const ASN1_STRING *string)
 {
-    unsigned char *utf8 = nullptr;
-    const int size = ASN1_STRING_to_UTF8(&utf8, string);
-    std::string text(reinterpret_cast<const char *>(utf8), size > 0 ? static_cast<size_t>(size) : 0);
-    OPENSSL_free(utf8);
-    return text;
+    return Written(
+        [string](BIO *bio) { return ASN1_STRING_print_ex(bio, string, ASN1_STRFLGS_UTF8_CONVERT); });
 }
 
 std::string ToAddress(const ASN1_STRING *octets)
@@ -71,25 +41,21 @@ std::string ToAddress(const ASN1_STRING *octets)
     return text;
 }
 
-std::vector<std::string> ListNames(const X509 &crt)
+Json::Value ListNames(const X509 &crt)
 {
-    std::vector<std::string> names;
-    auto *alternatives =
-        static_cast<GENERAL_NAMES *>(X509_get_ext_d2i(&crt, NID_subject_alt_name, nullptr, nullptr));
-    for (int at = 0; at < sk_GENERAL_NAME_num(alternatives); ++at) {
-        const GENERAL_NAME *name = sk_GENERAL_NAME_value(alternatives, at);
-        if (name->type == GEN_DNS) {
-            names.push_back(ToText(name->d.dNSName));
-        } else if (name->type == GEN_IPADD) {
-            names.push_back(ToAddress(name->d.iPAddress));
+    Json::Value names(Json::arrayValue);
+    const UniqueOpenSSL<GENERAL_NAMES> alternatives(
+        static_cast<GENERAL_NAMES *>(X509_get_ext_d2i(&crt, NID_subject_alt_name, nullptr, nullptr)));
+    for (int at = 0; at < sk_GENERAL_NAME_num(alternatives.get()); ++at) {
+        const GENERAL_NAME *name = sk_GENERAL_NAME_value(alternatives.get(), at);
+        if (name->type == GEN_DNS || name->type == GEN_IPADD) {
+            names.append(name->type == GEN_DNS ? ToText(name->d.dNSName) : ToAddress(name->d.iPAddress));
         }
     }
-    GENERAL_NAMES_free(alternatives);
-
     const X509_NAME *subject = X509_get_subject_name(&crt);
     const int at = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
     if (names.empty() && at >= 0) {
-        names.push_back(ToText(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at))));
+        names.append(ToText(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at))));
     }
     return names;
 }
@@ -98,6 +64,14 @@ time_t ToTime(const ASN1_TIME *time)
 {
     struct tm parts = {};
     return ASN1_TIME_to_tm(time, &parts) == 1 ? timegm(&parts) : 0;
+}
+
+std::string ToTimeText(time_t time)
+{
+    struct tm parts = {};
+    char text[32] = {};
+    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&time, &parts));
+    return text;
 }
 
 }  // namespace
@@ -113,18 +87,20 @@ PemContent ParsePem(std::string text)
     }
 
     PemContent content;
-    const UniqueOpenSSL<BIO> bio = ReadFrom(text);
-    char *name = nullptr;
-    char *header = nullptr;
-    unsigned char *data = nullptr;
-    long size = 0;
-    while (PEM_read_bio(bio.get(), &name, &header, &data, &size) == 1) {
-        TakeBlock(name, header, data, size, content);
-        OPENSSL_free(name);
-        OPENSSL_free(header);
-        OPENSSL_clear_free(data, static_cast<size_t>(size));
+    const UniqueOpenSSL<BIO> bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    STACK_OF(X509_INFO) *blocks = PEM_X509_INFO_read_bio(bio.get(), nullptr, NoPassword, nullptr);
+    content.isBroken = blocks == nullptr;
+    for (int at = 0; at < sk_X509_INFO_num(blocks); ++at) {
+        X509_INFO &block = *sk_X509_INFO_value(blocks, at);
+        content.hasEncryptedKey = content.hasEncryptedKey || block.enc_data != nullptr;
+        if (block.x509 != nullptr) {
+            content.crts.emplace_back(std::exchange(block.x509, nullptr));
+        }
+        if (block.x_pkey != nullptr && block.x_pkey->dec_pkey != nullptr) {
+            content.keys.emplace_back(std::exchange(block.x_pkey->dec_pkey, nullptr));
+        }
     }
-    content.isBroken = content.isBroken || ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE;
+    sk_X509_INFO_pop_free(blocks, X509_INFO_free);
     ERR_clear_error();
     return content;
 }
@@ -141,34 +117,27 @@ UniqueOpenSSL<EVP_PKEY> FirstKey(const std::string &text)
     return content.keys.empty() ? nullptr : std::move(content.keys.front());
 }
 
-CrtFacts DescribeCrt(const X509 &crt)
+Json::Value DescribeCrt(const X509 &crt)
 {
-    CrtFacts facts;
-    const UniqueOpenSSL<BIO> subject(BIO_new(BIO_s_mem()));
-    X509_NAME_print_ex(
-        subject.get(), X509_get_subject_name(&crt), 0,
-        XN_FLAG_SEP_CPLUS_SPC | XN_FLAG_FN_SN | ASN1_STRFLGS_UTF8_CONVERT | ASN1_STRFLGS_ESC_CTRL);
-    facts.subject = TextOf(*subject);
-    facts.names = ListNames(crt);
-    facts.notBefore = ToTime(X509_get0_notBefore(&crt));
-    facts.notAfter = ToTime(X509_get0_notAfter(&crt));
-
+    constexpr unsigned long kHowSubjects =
+        XN_FLAG_SEP_CPLUS_SPC | XN_FLAG_FN_SN | ASN1_STRFLGS_UTF8_CONVERT | ASN1_STRFLGS_ESC_CTRL;
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned size = 0;
     X509_digest(&crt, EVP_sha256(), digest, &size);
-    constexpr char kDigits[] = "0123456789abcdef";
+    std::string digits;
     for (unsigned at = 0; at < size; ++at) {
-        facts.sha256 += {kDigits[digest[at] >> 4], kDigits[digest[at] & 15]};
+        digits += {"0123456789abcdef"[digest[at] >> 4], "0123456789abcdef"[digest[at] & 15]};
     }
+    const time_t end = ToTime(X509_get0_notAfter(&crt));
+    Json::Value facts(Json::objectValue);
+    facts["subject"] = Written(
+        [&crt](BIO *bio) { return X509_NAME_print_ex(bio, X509_get_subject_name(&crt), 0, kHowSubjects); });
+    facts["names"] = ListNames(crt);
+    facts["not_before"] = ToTimeText(ToTime(X509_get0_notBefore(&crt)));
+    facts["not_after"] = ToTimeText(end);
+    facts["seconds_left"] = static_cast<Json::Int64>(end - time(nullptr));
+    facts["sha256"] = digits;
     return facts;
-}
-
-std::string ToTimeText(time_t time)
-{
-    struct tm parts = {};
-    char text[32] = {};
-    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&time, &parts));
-    return text;
 }
 
 void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings)
@@ -177,11 +146,12 @@ void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Va
     const time_t begin = ToTime(X509_get0_notBefore(&crt));
     const time_t end = ToTime(X509_get0_notAfter(&crt));
     if (end < now) {
-        Add(findings, "expired", what + " has ended: " + ToTimeText(end));
+        AddCritical(findings, "expired", what + " has ended: " + ToTimeText(end));
     } else if (begin > now) {
-        Add(findings, "not-yet-valid", what + " begins " + ToTimeText(begin) + "; is the clock right?");
+        AddCritical(findings, "not-yet-valid",
+                    what + " begins " + ToTimeText(begin) + "; is the clock right?");
     } else if (end - now < days * kDaySeconds) {
-        Add(findings, "expires-soon", what + " ends soon: " + ToTimeText(end));
+        AddWarning(findings, "expires-soon", what + " ends soon: " + ToTimeText(end));
     }
 }
 
@@ -204,17 +174,13 @@ bool IsKeyOf(const EVP_PKEY &key, const X509 &crt)
 
 bool IsIssuerWellKnown(const X509 &crt)
 {
-    X509_STORE *store = X509_STORE_new();
-    X509_STORE_CTX *search = X509_STORE_CTX_new();
-    X509 *issuer = nullptr;
-    if (X509_STORE_set_default_paths(store) == 1 &&
-        X509_STORE_CTX_init(search, store, nullptr, nullptr) == 1) {
-        X509_STORE_CTX_get1_issuer(&issuer, search, const_cast<X509 *>(&crt));
-    }
-    const bool isKnown = issuer != nullptr && IsSignedBy(crt, *issuer);
-    X509_free(issuer);
-    X509_STORE_CTX_free(search);
-    X509_STORE_free(store);
+    const UniqueOpenSSL<X509_STORE> known(X509_STORE_new());
+    const UniqueOpenSSL<X509_STORE_CTX> check(X509_STORE_CTX_new());
+    const bool isKnown =
+        X509_STORE_set_default_paths(known.get()) == 1 &&
+        X509_STORE_set_flags(known.get(), X509_V_FLAG_NO_CHECK_TIME) == 1 &&
+        X509_STORE_CTX_init(check.get(), known.get(), const_cast<X509 *>(&crt), nullptr) == 1 &&
+        X509_verify_cert(check.get()) == 1;
     ERR_clear_error();
     return isKnown;
 }
@@ -228,16 +194,15 @@ bool IsHostName(const std::string &name)
 
 std::string ToPem(const X509 &crt)
 {
-    const UniqueOpenSSL<BIO> bio(BIO_new(BIO_s_mem()));
-    return PEM_write_bio_X509(bio.get(), const_cast<X509 *>(&crt)) == 1 ? TextOf(*bio) : std::string();
+    return Written([&crt](BIO *bio) { return PEM_write_bio_X509(bio, const_cast<X509 *>(&crt)); });
 }
 
 std::string ToPem(const EVP_PKEY &key)
 {
-    const UniqueOpenSSL<BIO> bio(BIO_new(BIO_s_mem()));
-    const bool isWritten = PEM_write_bio_PKCS8PrivateKey(bio.get(), const_cast<EVP_PKEY *>(&key), nullptr,
-                                                         nullptr, 0, nullptr, nullptr) == 1;
-    return isWritten ? TextOf(*bio) : std::string();
+    return Written([&key](BIO *bio) {
+        return PEM_write_bio_PKCS8PrivateKey(bio, const_cast<EVP_PKEY *>(&key), nullptr, nullptr, 0, nullptr,
+                                             nullptr);
+    });
 }
 
 }  // namespace opalcrt

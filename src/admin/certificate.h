@@ -20,28 +20,21 @@ struct PemContent {
     bool isBroken = false;  // a block that is cut off, or is not what its first line says
 };
 
-// All certificates and private keys of the text, in its order; anything else in it is passed over. Takes what people
-// make by joining files: a byte order mark, line ends of any kind, and a "BEGIN" behind an "END" on one line.
+// All certificates and private keys of the text, in its order, but none when it is broken; anything else in it is passed
+// over. Takes what people make by joining files: a byte order mark, line ends of any kind, and a "BEGIN" behind an "END"
+// on one line.
 PemContent ParsePem(std::string text);
 
 // The first certificate, or the first private key; null when the text holds none.
 UniqueOpenSSL<X509> FirstCrt(const std::string &text);
 UniqueOpenSSL<EVP_PKEY> FirstKey(const std::string &text);
 
-struct CrtFacts {
-    std::string subject;             // "C=TW, O=Kestrel Inc., CN=kestrel"
-    std::vector<std::string> names;  // host names and addresses of subjectAltName, or else the common name
-    time_t notBefore = 0;
-    time_t notAfter = 0;
-    std::string sha256;  // of the DER encoding, in lower-case hexadecimal digits
-};
-
-CrtFacts DescribeCrt(const X509 &crt);
+// What a report tells of a certificate: its `subject` ("C=TW, O=Kestrel Inc., CN=kestrel"), its `names` (host names and
+// addresses of subjectAltName, or else the common name), `not_before` and `not_after` (RFC 3339, in UTC),
+// `seconds_left`, and `sha256` of its DER encoding in lower-case hexadecimal digits.
+Json::Value DescribeCrt(const X509 &crt);
 
 constexpr time_t kDaySeconds = 24L * 60 * 60;
-
-// RFC 3339, in UTC.
-std::string ToTimeText(time_t time);
 
 // Adds to `findings` (admin/report.h) that it has ended, has not begun, or has less than so many days left.
 void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings);
@@ -51,7 +44,7 @@ bool IsSignedBy(const X509 &crt, const X509 &issuer);
 
 bool IsKeyOf(const EVP_PKEY &key, const X509 &crt);
 
-// Whether the machine's own CA certificates have the issuer.
+// Whether the machine's own CA certificates lead to a root, whatever the times.
 bool IsIssuerWellKnown(const X509 &crt);
 
 // Whether it is a name that clients can ask for, and a certificate can be made for.

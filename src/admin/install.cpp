@@ -1,18 +1,14 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <regex>
 
 #include "admin/archive.h"
 #include "admin/install_plan.h"
+#include "admin/look.h"
 #include "admin/report.h"
-#include "admin/roll_out.h"
-#include "admin/store_look.h"
 #include "common/json_member.h"
-#include "deploy/dir_utils.h"
 #include "platform/atomic_file.h"
-#include "store/crt_info.h"
+#include "platform/file_test.h"
+#include "store/default_crt.h"
 #include "store/names.h"
 #include "store/paths.h"
 
@@ -24,7 +20,7 @@ namespace {
 bool IsMadeAlready(const std::string &folder, const InstallFiles &files)
 {
     return !files.empty() && std::all_of(files.begin(), files.end(), [&folder](const auto &file) {
-        return LookAtFile(AT_FDCWD, folder + "/" + file.first).text == file.second;
+        return LookAtFile(folder + "/" + file.first).text == file.second;
     });
 }
 
@@ -33,22 +29,24 @@ void CheckId(const Options &options, const InstallFiles &files, Json::Value &fin
     const std::string &id = *options.id;
     const std::string folder = GetCrtFolderPath(id);
     Json::Value info;
-    // The books and their temporary files have names that begin so.
-    const bool isBook = std::regex_match(id, std::regex("(INFO|SERVICES|DEFAULT)(\\..*)?"));
-    if (!IsPlainFolderName("." + id + ".new") || id.empty() || id.starts_with('.') || ToShownText(id) != id ||
-        isBook) {
-        Add(findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
+    // The books and their temporary files have names that begin so; other names with a dot in front are ours, too.
+    const bool isTaken = std::regex_match(id, std::regex("(INFO|SERVICES|DEFAULT)(\\..*)?|\\..*"));
+    if (!IsPlainFolderName("." + id + ".new") || id.empty() || isTaken || ToShownText(id) != id) {
+        AddCritical(findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
     } else if (!ReadInfo(info)) {
-        Add(findings, "book-broken", std::string("without ") + kInfoPath + " nothing can be installed");
+        AddCritical(findings, "book-broken",
+                    std::string("without ") + kInfoPath + " nothing can be installed");
     } else if (!options.isNew && !GetMember(info, id.c_str()).isObject()) {
-        Add(findings, "no-such-id", "there is no certificate " + id + "; with --new it is made");
+        AddCritical(findings, "no-such-id", "there is no certificate " + id + "; with --new it is made");
     } else if (options.isNew && info.isMember(id)) {
-        Add(findings, "in-info", "there is a certificate " + id + " already; it is replaced without --new");
-    } else if (options.isNew && Exists(folder) && !IsMadeAlready(folder, files)) {
-        Add(findings, "folder-exists", folder + " is there, though INFO does not list it; move it away");
+        AddCritical(findings, "in-info",
+                    "there is a certificate " + id + " already; it is replaced without --new");
+    } else if (options.isNew && YLIBCFileExist(folder.c_str()) != 0 && !IsMadeAlready(folder, files)) {
+        AddCritical(findings, "folder-exists",
+                    folder + " is there, though INFO does not list it; move it away");
     }
-    if (id.size() > kLongestDefaultId && LookAtFile(AT_FDCWD, kDefaultPath).text == id + "\n") {
-        Add(findings, "id-too-long", id + " would be the default certificate: at most 15 bytes");
+    if (id.size() > kLongestDefaultId && LookAtFile(kDefaultPath).text == id + "\n") {
+        AddCritical(findings, "id-too-long", id + " would be the default certificate: at most 15 bytes");
     }
 }
 
@@ -64,44 +62,26 @@ bool IsAllowed(const Json::Value &findings)
     return isAllowed;
 }
 
-// The folder is root's alone and empty.
-bool WriteFiles(const std::string &folder, const InstallFiles &files)
-{
-    for (const auto &[name, text] : files) {
-        const std::string path = folder + "/" + name;
-        if (!WriteNewFile(path, text, std::string(), 0400)) {
-            RefuseCall("cannot write " + path);
-            RemovePath(folder);
-            return false;
-        }
-    }
-    return true;
-}
-
-bool AddToInfo(const std::string &cert_id)
-{
-    const ScopedLock lock(kInfoLock, kLockExclusive, kInfoLockSeconds, UnlockLine::kStore);
-    Json::Value info;
-    if (!lock.IsHeld() || !TakeCrtInfo(info) || !info.isObject()) {
-        return RefuseCall(std::string("cannot lock or read ") + kInfoPath + "; run the same command again");
-    }
-    info[cert_id]["services"] = Json::Value(Json::arrayValue);
-    return WriteCrtInfo(std::move(info)) ||
-           RefuseCall(std::string("cannot write ") + kInfoPath + "; run the same command again");
-}
-
 // The exit status of all that is done under the recovery lock.
 int PutIntoArchive(const Options &options, const InstallFiles &files)
 {
     const RecoverLock lock;
     Json::Value findings(Json::arrayValue);
     CheckId(options, files, findings);  // Another run may have changed the archive since the first look.
-    if (!lock || !IsAllowed(findings) || !MakeNewFolder(*options.id) ||
-        !WriteFiles(GetNewFolderPath(*options.id), files)) {
+    if (!lock || !IsAllowed(findings)) {
         return kRefused;
     }
-    const int status = ExchangeFolder(*options.id);
-    return status != kDone || !options.isNew || AddToInfo(*options.id) ? status : kPartlyChanged;
+    const int status = ReplaceCrtFolder(*options.id, [&files](const std::string &folder) {
+        return std::all_of(files.begin(), files.end(), [&folder](const auto &file) {
+            const std::string path = folder + "/" + file.first;
+            return WriteNewFile(path, file.second, std::string(), 0400) || RefuseCall("cannot write " + path);
+        });
+    });
+    const auto list = [&options](Json::Value &info) {
+        info[*options.id]["services"] = Json::Value(Json::arrayValue);
+        return true;
+    };
+    return status != kDone || !options.isNew || ChangeInfo(list) ? status : kPartlyChanged;
 }
 
 }  // namespace
@@ -126,7 +106,7 @@ int Install(const Options &options, Json::Value &report)
         return status;
     }
     Say(options, *options.id + ": in the archive");
-    return RollOutCrt(options, report);
+    return Deploy(options, report) == kDone ? kDone : kPartlyChanged;
 }
 
 }  // namespace opalcrt

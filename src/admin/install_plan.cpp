@@ -1,14 +1,12 @@
 #include "admin/install_plan.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "admin/certificate.h"
+#include "admin/look.h"
 #include "admin/report.h"
-#include "admin/store_look.h"
 #include "common/json_file.h"
 #include "deploy/key_types.h"
 #include "store/paths.h"
@@ -27,19 +25,19 @@ struct KeyPair {
 
 PemContent ReadPem(const std::string &path, bool wantsKey, Json::Value &findings)
 {
-    const FileLook file = LookAtFile(AT_FDCWD, path);
+    const FileLook file = LookAtFile(path);
     PemContent content = ParsePem(file.text);
     if (file.error != 0) {
         const char *cause = file.error == EINVAL ? "it is no regular file" : strerror(file.error);
-        Add(findings, "unreadable", path + " cannot be read (at most 1 MiB): " + cause);
+        AddCritical(findings, "unreadable", path + " cannot be read (at most 1 MiB): " + cause);
     } else if (content.isBroken) {
-        Add(findings, "no-pem", path + " is damaged: a block in it cannot be read; get it anew");
+        AddCritical(findings, "no-pem", path + " is damaged: a block in it cannot be read; get it anew");
     } else if (wantsKey && content.hasEncryptedKey) {
-        Add(findings, "key-encrypted",
-            path + " has a password; take it off: openssl pkey -in " + path + " -out NEWFILE");
+        AddCritical(findings, "key-encrypted",
+                    path + " has a password; take it off: openssl pkey -in " + path + " -out NEWFILE");
     } else if (wantsKey ? content.keys.size() != 1 : content.crts.empty()) {
-        const std::string wanted = wantsKey ? "one private key" : "a certificate";
-        Add(findings, "no-pem", path + " does not hold " + wanted + " in PEM");
+        AddCritical(findings, "no-pem",
+                    path + " does not hold " + (wantsKey ? "one private key" : "a certificate") + " in PEM");
     }
     return content;
 }
@@ -55,9 +53,10 @@ std::vector<KeyPair> ReadKeys(const std::vector<std::string> &paths, Json::Value
         const int id = EVP_PKEY_get_base_id(content.keys.front().get());
         const KeyType type = id == EVP_PKEY_EC ? KeyType::ECC : KeyType::RSA;
         if (id != EVP_PKEY_RSA && id != EVP_PKEY_EC) {
-            Add(findings, "key-type", path + " holds neither an RSA nor an EC key");
+            AddCritical(findings, "key-type", path + " holds neither an RSA nor an EC key");
         } else if (!pairs.empty() && pairs.front().type == type) {
-            Add(findings, "key-type", path + " holds a second key of one type; two are an RSA and an EC key");
+            AddCritical(findings, "key-type",
+                        path + " holds a second key of one type; two are an RSA and an EC key");
         }
         pairs.push_back({std::move(content.keys.front()), type, path, {}});
     }
@@ -100,33 +99,34 @@ void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpen
     for (const KeyPair &pair : pairs) {
         used.insert(used.end(), pair.crts.begin(), pair.crts.end());
         if (pair.crts.empty()) {
-            Add(findings, "key-mismatch",
-                "the key in " + pair.keyFile + " fits none of the certificates given");
-        } else if (!IsSignedBy(*pair.crts.back(), *pair.crts.back()) &&
-                   !IsIssuerWellKnown(*pair.crts.back())) {
-            Add(findings, "chain-unknown",
-                "the chain of " + DescribeCrt(*pair.crts.front()).subject +
-                    " reaches no root that is known here; is a --chain missing?");
+            AddCritical(findings, "key-mismatch",
+                        "the key in " + pair.keyFile + " fits none of the certificates given");
+        } else if (const X509 &last = *pair.crts.back();
+                   !IsSignedBy(last, last) && !IsIssuerWellKnown(last)) {
+            AddWarning(findings, "chain-unknown",
+                       "the chain of " + DescribeCrt(*pair.crts.front())["subject"].asString() +
+                           " reaches no root that is known here; is a --chain missing?");
         }
     }
     for (const UniqueOpenSSL<X509> &crt : crts) {
+        const std::string what = "the certificate of " + DescribeCrt(*crt)["subject"].asString();
         if (std::find(used.begin(), used.end(), crt.get()) != used.end()) {
-            AddTimeFinding("the certificate of " + DescribeCrt(*crt).subject, *crt, 30, findings);
+            AddTimeFinding(what, *crt, 30, findings);
         } else if (!used.empty()) {
-            Add(findings, "chain-broken",
-                "the certificate of " + DescribeCrt(*crt).subject +
-                    " signed none of the others; leave it out");
+            AddCritical(findings, "chain-broken", what + " signed none of the others; leave it out");
         }
     }
 }
 
 void WarnOfLostNames(const std::string &id, const X509 &crt, Json::Value &findings)
 {
-    const UniqueOpenSSL<X509> old = FirstCrt(LookAtFile(AT_FDCWD, GetCrtFolderPath(id) + "/cert.pem").text);
-    const std::vector<std::string> names = DescribeCrt(crt).names;
-    for (const std::string &name : old != nullptr ? DescribeCrt(*old).names : names) {
+    const UniqueOpenSSL<X509> old = FirstCrt(LookAtFile(GetCrtFolderPath(id) + "/cert.pem").text);
+    const Json::Value names = DescribeCrt(crt)["names"];
+    const Json::Value oldNames = old != nullptr ? DescribeCrt(*old)["names"] : names;
+    for (const Json::Value &name : oldNames) {
         if (std::find(names.begin(), names.end(), name) == names.end()) {
-            Add(findings, "name-lost", "the new certificate is not for " + name + ", as the old one is");
+            AddWarning(findings, "name-lost",
+                       "the new certificate is not for " + name.asString() + ", as the old one is");
         }
     }
 }
@@ -138,11 +138,11 @@ void AddFiles(const KeyPair &pair, const std::string &prefix, InstallFiles &file
     for (size_t at = 1; at < pair.crts.size(); ++at) {
         chain += ToPem(*pair.crts[at]);
     }
-    files.emplace_back(prefix + "cert.pem", crt);
-    files.emplace_back(prefix + "privkey.pem", ToPem(*pair.key));
-    files.emplace_back(prefix + "fullchain.pem", crt + chain);
+    files[prefix + "cert.pem"] = crt;
+    files[prefix + "privkey.pem"] = ToPem(*pair.key);
+    files[prefix + "fullchain.pem"] = crt + chain;
     if (prefix.empty() && !chain.empty()) {
-        files.emplace_back("chain.pem", chain);
+        files["chain.pem"] = chain;
     }
 }
 
@@ -167,11 +167,14 @@ InstallFiles PlanInstall(const Options &options, Json::Value &findings)
     InstallFiles files;
     AddFiles(pairs.front(), "", files);
     if (pairs.size() == 2) {
-        AddFiles(pairs[0], KeyTypePrefix(pairs[0].type), files);
-        AddFiles(pairs[1], KeyTypePrefix(pairs[1].type), files);
+        Json::Value types;
+        for (const KeyPair &pair : pairs) {
+            AddFiles(pair, KeyTypePrefix(pair.type), files);
+            types.append(KeyTypeName(pair.type));
+        }
         Json::Value renew(Json::objectValue);
-        renew["key_types"] = KeyTypeName(pairs[0].type) + "/" + KeyTypeName(pairs[1].type);
-        files.emplace_back("renew.json", toString(renew));
+        renew["key_types"] = Join(types, "/");
+        files["renew.json"] = toString(renew);
     }
     return files;
 }

@@ -3,16 +3,15 @@
 
 #include <json/value.h>
 
+#include <map>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "admin/verbs.h"
 
 namespace opalcrt {
 
 // Names and contents of the new folder's files.
-using InstallFiles = std::vector<std::pair<std::string, std::string>>;
+using InstallFiles = std::map<std::string, std::string>;
 
 // Reads and checks the given files, and makes the new ones of them. All that is wrong goes into `findings`, not the
 // first thing only; when something critical is among them, the files are worth nothing.

@@ -1,18 +1,15 @@
 #include <algorithm>
-#include <ctime>
 #include <optional>
 
 #include "admin/archive.h"
 #include "admin/certificate.h"
-#include "admin/crt_status.h"
+#include "admin/look.h"
 #include "admin/report.h"
-#include "admin/roll_out.h"
-#include "admin/store_look.h"
-#include "deploy/dir_utils.h"
 #include "deploy/key_types.h"
 #include "mkcert/default_set.h"
+#include "platform/file_test.h"
 #include "platform/string_list.h"
-#include "store/names.h"
+#include "store/default_crt.h"
 
 namespace opalcrt {
 
@@ -20,82 +17,58 @@ namespace {
 
 constexpr size_t kLongestCommonName = 64;  // RFC 5280, A.1
 
-bool LookAtOld(const Options &options, Json::Value &info, Json::Value &crt)
-{
-    const std::string &id = *options.id;
-    if (!ReadInfo(info)) {
-        return false;
-    }
-    if (!IsPlainFolderName(id) || !info.isMember(id)) {
-        return Refuse("there is no certificate \"" + id + "\" in INFO; opalcrt status lists them");
-    }
-    StoreFacts facts;
-    facts.now = time(nullptr);
-    facts.days = options.days;
-    crt = LookAtCrt(id, info[id], facts);
-    return crt.isMember("not_after") ||
-           Refuse("the certificate " + id + " cannot be read; see opalcrt status");
-}
-
+// Fewer days are left, or a wanted name is missing.
 bool IsDue(const Options &options, const Json::Value &crt)
 {
+    const Json::Value &names = crt["names"];
     return crt["seconds_left"].asInt64() < options.days * kDaySeconds ||
-           std::any_of(options.names.begin(), options.names.end(), [&crt](const std::string &name) {
-               return std::find(crt["names"].begin(), crt["names"].end(), name) == crt["names"].end();
+           std::any_of(options.names.begin(), options.names.end(), [&names](const std::string &name) {
+               return std::find(names.begin(), names.end(), name) == names.end();
            });
 }
 
-// The names of the new one: those given, or the old one's.
-bool ListNewNames(const Options &options, const Json::Value &crt, std::vector<std::string> &names)
+// Whether a certificate can be made for them; a refusal is told.
+bool AreGoodNames(const Json::Value &names)
 {
-    names = options.names;
-    for (Json::ArrayIndex at = 0; options.names.empty() && at < crt["names"].size(); ++at) {
-        names.push_back(crt["names"][at].asString());
-    }
-    for (const std::string &name : names) {
+    for (const Json::Value &each : names) {
+        const std::string name = each.asString();
         if (!IsHostName(name) && BlYLIBIsIpAddr(name.c_str()) == 0) {
             return Refuse("\"" + name + "\" is neither a host name nor an address; give others with --name");
         }
     }
-    return (!names.empty() && names.front().size() <= kLongestCommonName) ||
+    return (!names.empty() && names[0].asString().size() <= kLongestCommonName) ||
            Refuse("the first name must have 1 to 64 bytes; give others with --name");
 }
 
-int MakeNewSet(const std::string &cert_id, const std::vector<std::string> &names)
+int MakeNewSet(const std::string &cert_id, const Json::Value &names)
 {
-    const std::string fresh = GetNewFolderPath(cert_id);
-    if (!MakeNewFolder(cert_id)) {
-        return kRefused;
-    }
-    if (genNamedCrtSet(fresh, names.front(), Join(names, ";")) != 0) {
-        RemovePath(fresh);
-        return Refuse("cannot generate a certificate; the system log says why");
-    }
-    return ExchangeFolder(cert_id);
+    return ReplaceCrtFolder(cert_id, [&names](const std::string &folder) {
+        return genNamedCrtSet(folder, names[0].asString(), Join(names, ";")) == 0 ||
+               Refuse("cannot generate a certificate; the system log says why");
+    });
 }
 
 // A run before this one may have ended between the exchange and the last service. What a mend has made is given to
 // nobody who has something better.
 int RollOutRest(const Options &options, const Json::Value &info, const Json::Value &crt, Json::Value &report)
 {
-    Json::Value rest(Json::arrayValue);
     const bool isMended = std::any_of(crt["findings"].begin(), crt["findings"].end(),
                                       [](const Json::Value &finding) { return finding["code"] == "mended"; });
-    const ServicesByCrt services = ListServices(info);
-    for (const Json::Value &service : services.at(*options.id)) {
-        const auto isBehind = [&service](const Json::Value &looked) {
-            return NameOf(looked) == NameOf(service) &&
-                   (looked["state"] != "current" || Exists(looked["folder"].asString() + ".bak"));
-        };
-        if (!isMended && std::any_of(crt["services"].begin(), crt["services"].end(), isBehind)) {
-            rest.append(service);
-        }
-    }
+    const auto isBehind = [&](const std::string &cert_id, const Json::Value &service) {
+        return cert_id == *options.id && !isMended &&
+               std::any_of(crt["services"].begin(), crt["services"].end(),
+                           [&service](const Json::Value &looked) {
+                               return NameOf(looked) == NameOf(service) &&
+                                      (looked["state"] != "current" ||
+                                       YLIBCFileExist((looked["folder"].asString() + ".bak").c_str()) != 0);
+                           });
+    };
+    const ServicesByCrt rest = ListServices(info, isBehind);
     if (rest.empty()) {
         report["result"] = "not-due";
         return kDone;
     }
-    return RollOut({{*options.id, rest}}, "", options, report);
+    return RollOut(rest, "", info, options, report);
 }
 
 }  // namespace
@@ -103,45 +76,46 @@ int RollOutRest(const Options &options, const Json::Value &info, const Json::Val
 int Renew(const Options &given, Json::Value &report)
 {
     Options options = given;
-    options.id = given.id.value_or(ReadDefaultId());
-    report["id"] = *options.id;
-    Json::Value info;
-    Json::Value crt;
+    options.id = given.id.value_or(ReadDefCrtId());
+    const std::string &id = *options.id;
+    report["id"] = id;
     std::optional<RecoverLock> lock;  // Who only asks waits for nobody.
     if (!options.onlyCheck) {
         lock.emplace();
     }
-    if ((lock && !*lock) || !LookAtOld(options, info, crt)) {
+    Json::Value info;
+    if ((lock && !*lock) || !ReadInfo(info) || !IsListedCrt(id, info)) {
         return kRefused;
     }
-    if (!crt["self_made"].asBool() || HasCrtKeyTypes(*options.id)) {
+    StoreFacts facts;
+    facts.days = options.days;
+    const Json::Value crt = LookAtCrt(id, info[id], facts);
+    if (!crt.isMember("not_after")) {
+        return Refuse("the certificate " + id + " cannot be read; see opalcrt status");
+    }
+    if (!crt["self_made"].asBool() || HasCrtKeyTypes(id)) {
         report["result"] = "not-self-made";
         return kDone;
     }
     const bool isDue = IsDue(options, crt);
-    std::vector<std::string> names;
-    if (isDue && !ListNewNames(options, crt, names)) {
+    Json::Value names = options.names.empty() ? crt["names"] : Json::Value(Json::arrayValue);
+    for (const std::string &name : options.names) {
+        names.append(name);
+    }
+    if (isDue && !AreGoodNames(names)) {
         return kRefused;
     }
     if (options.onlyCheck) {
         report["result"] = isDue ? "due" : "not-due";
         return isDue ? kRefused : kDone;
     }
-    int status = kDone;
-    if (isDue) {
-        status = MakeNewSet(*options.id, names);
-    } else if (Exists(GetNewFolderPath(*options.id)) && !RemoveNewFolder(*options.id)) {
-        status = kRefused;
-    }
-    if (status != kDone) {
-        return status;
-    }
+    const int status = isDue ? MakeNewSet(id, names) : RemoveNewFolder(id) ? kDone : kRefused;
     lock.reset();
-    if (!isDue) {
-        return RollOutRest(options, info, crt, report);
+    if (status != kDone || !isDue) {
+        return status == kDone ? RollOutRest(options, info, crt, report) : status;
     }
-    Say(options, *options.id + ": renewed, for " + Join(names));
-    return RollOutCrt(options, report);
+    Say(options, id + ": renewed, for " + Join(names));
+    return Deploy(options, report) == kDone ? kDone : kPartlyChanged;
 }
 
 }  // namespace opalcrt

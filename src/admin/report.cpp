@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -17,15 +16,13 @@ namespace opalcrt {
 
 namespace {
 
-constexpr int kWarning = 1;
-constexpr int kCritical = 2;
-
-// What is not among them is critical: expired, not-yet-valid, key-mismatch, incomplete, unreadable, chain-mismatch,
-// copy-missing, copy-mismatch, copy-exposed, default-unusable, book-broken, and what an installation is refused for.
-constexpr const char *kWarnings[] = {
-    "expires-soon", "old-copy",      "mended",          "mend-unfinished", "listed-twice", "not-in-services",
-    "not-in-info",  "orphan-folder", "mended-for-ever", "chain-unknown",   "name-lost",
-};
+void Add(Json::Value &findings, const char *code, const char *severity, const std::string &text)
+{
+    Json::Value &finding = findings.append(Json::objectValue);
+    finding["code"] = code;
+    finding["severity"] = severity;
+    finding["text"] = text;
+}
 
 }  // namespace
 
@@ -63,51 +60,23 @@ std::string ToShownText(std::string text)
     return text;
 }
 
-std::string Join(const std::vector<std::string> &texts, const char *separator)
+std::string Join(const Json::Value &texts, const char *separator)
 {
     std::string joined;
-    for (const std::string &text : texts) {
-        joined += (joined.empty() ? "" : separator) + text;
+    for (const Json::Value &text : texts) {
+        joined += (joined.empty() ? "" : separator) + text.asString();
     }
     return joined;
 }
 
-void Add(Json::Value &findings, const char *code, const std::string &text)
+void AddCritical(Json::Value &findings, const char *code, const std::string &text)
 {
-    const bool isWarning = std::any_of(std::begin(kWarnings), std::end(kWarnings),
-                                       [code](const char *known) { return strcmp(known, code) == 0; });
-    Json::Value finding(Json::objectValue);
-    finding["code"] = code;
-    finding["severity"] = SeverityName(isWarning ? kWarning : kCritical);
-    finding["text"] = text;
-    findings.append(std::move(finding));
+    Add(findings, code, "critical", text);
 }
 
-std::string ToLines(const Json::Value &findings, const std::string &indentation)
+void AddWarning(Json::Value &findings, const char *code, const std::string &text)
 {
-    std::string lines;
-    for (const Json::Value &finding : findings) {
-        lines += indentation + finding["severity"].asString() + " " + finding["code"].asString() + ": " +
-                 ToShownText(finding["text"].asString()) + "\n";
-    }
-    return lines;
-}
-
-int WorstIn(const Json::Value &report)
-{
-    if (report.isObject() && report.isMember("severity")) {
-        return report["severity"] == SeverityName(kCritical) ? kCritical : kWarning;
-    }
-    int worst = 0;
-    for (const Json::Value &part : report) {
-        worst = std::max(worst, WorstIn(part));
-    }
-    return worst;
-}
-
-const char *SeverityName(int severity)
-{
-    return severity == 0 ? "ok" : severity == kWarning ? "warning" : "critical";
+    Add(findings, code, "warning", text);
 }
 
 bool PrintJson(const Json::Value &object)
@@ -117,8 +86,10 @@ bool PrintJson(const Json::Value &object)
 
 void FinishReport(const Options &options, int status, Json::Value report)
 {
-    static const std::map<std::string, std::string> kTexts = {
+    static const std::map<std::string, const char *> kTexts = {
         {"can-be-installed", "can be installed"},
+        {"done", "done"},
+        {"due", "due"},
         {"not-due", "not due"},
         {"not-self-made", "left alone, it is not self-made"},
         {"partly-done", "not all is done"},
@@ -129,13 +100,10 @@ void FinishReport(const Options &options, int status, Json::Value report)
     if (!report.isMember("result")) {
         report["result"] = status == kDone ? "done" : status == kRefused ? "refused" : "partly-done";
     }
-    const std::string result = report["result"].asString();
-    const auto text = kTexts.find(result);
     if (options.asJson) {
         PrintJson(report);
-    } else if (result != "refused") {
-        Say(options, (report.isMember("id") ? report["id"].asString() + ": " : "") +
-                         (text != kTexts.end() ? text->second : result));
+    } else if (const auto text = kTexts.find(report["result"].asString()); text != kTexts.end()) {
+        Say(options, (report.isMember("id") ? report["id"].asString() + ": " : "") + text->second);
     }
 }
 

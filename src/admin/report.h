@@ -4,7 +4,6 @@
 #include <json/value.h>
 
 #include <string>
-#include <vector>
 
 #include "admin/verbs.h"
 
@@ -29,17 +28,12 @@ void Say(const Options &options, const std::string &text);
 // Text from outside as one line of UTF-8 that no terminal obeys: what is none of it becomes "?".
 std::string ToShownText(std::string text);
 
-std::string Join(const std::vector<std::string> &texts, const char *separator = ", ");
+// The strings of the array, with something between them.
+std::string Join(const Json::Value &texts, const char *separator = ", ");
 
-// Appends {"code", "severity", "text"} to the array `findings`. The code has its severity in the table of report.cpp.
-void Add(Json::Value &findings, const char *code, const std::string &text);
-
-// A line for each finding.
-std::string ToLines(const Json::Value &findings, const std::string &indentation);
-
-// The worst severity anywhere in a report: 0 none, 1 warning, 2 critical; and its name.
-int WorstIn(const Json::Value &report);
-const char *SeverityName(int severity);
+// Appends {"code", "severity", "text"} to the array `findings`.
+void AddCritical(Json::Value &findings, const char *code, const std::string &text);
+void AddWarning(Json::Value &findings, const char *code, const std::string &text);
 
 // Prints the object on one line with "format" in front, which jsoncpp, who sorts, cannot do. False when standard
 // output did not take it.

@@ -10,13 +10,13 @@
 #include <thread>
 
 #include "admin/certificate.h"
-#include "admin/crt_status.h"
+#include "admin/look.h"
 #include "admin/report.h"
-#include "admin/store_look.h"
 #include "common/json_file.h"
 #include "common/json_member.h"
 #include "platform/atomic_file.h"
 #include "platform/file_test.h"
+#include "store/default_crt.h"
 #include "store/names.h"
 #include "store/paths.h"
 
@@ -31,19 +31,20 @@ constexpr time_t kRegistrationSeconds = 60;
 void LookAtServicesBook(const Json::Value &services, StoreFacts &facts, Json::Value &findings)
 {
     if (!services.isArray()) {
-        Add(findings, "book-broken",
+        AddCritical(
+            findings, "book-broken",
             std::string("nothing can be registered: ") + kServicesPath + " is missing or no JSON array");
         return;
     }
     facts.registered.emplace();
     for (const Json::Value &element : services) {
         if (!IsService(element)) {
-            Add(findings, "book-broken",
-                "SERVICES lists something that is no service: " + ToLogText(element));
+            AddCritical(findings, "book-broken",
+                        "SERVICES lists something that is no service: " + ToLogText(element));
         } else if (!facts.listed.contains(NameOf(element))) {
-            Add(findings, "not-in-info",
-                GetString(element, "subscriber") + "/" + GetString(element, "service") +
-                    " is registered, but not listed in INFO");
+            AddWarning(findings, "not-in-info",
+                       GetString(element, "subscriber") + "/" + GetString(element, "service") +
+                           " is registered, but not listed in INFO");
         }
         facts.registered->insert(NameOf(element));
     }
@@ -51,10 +52,11 @@ void LookAtServicesBook(const Json::Value &services, StoreFacts &facts, Json::Va
 
 void LookAtDefault(const Json::Value &info, const std::string &id, Json::Value &findings)
 {
-    if (!IsPlainFolderName(id) || !GetMember(info, id.c_str()).isObject() || !Exists(GetCrtFolderPath(id))) {
-        Add(findings, "default-unusable",
-            std::string("no new service can be registered: ") + kDefaultPath + " names \"" + id +
-                "\", which INFO does not list or which has no folder");
+    if (!IsPlainFolderName(id) || !GetMember(info, id.c_str()).isObject() ||
+        YLIBCFileExist(GetCrtFolderPath(id).c_str()) == 0) {
+        AddCritical(findings, "default-unusable",
+                    std::string("no new service can be registered: ") + kDefaultPath + " names \"" + id +
+                        "\", which INFO does not list or which has no folder");
     }
 }
 
@@ -68,9 +70,9 @@ void LookForOrphans(const StoreFacts &facts, Json::Value &findings)
         path.pop_back();
         struct stat info = {};
         const bool hasStood =
-            lstat(path.c_str(), &info) == 0 && std::abs(facts.now - info.st_mtime) > kRegistrationSeconds;
+            lstat(path.c_str(), &info) == 0 && std::abs(time(nullptr) - info.st_mtime) > kRegistrationSeconds;
         if (hasStood && !facts.folders.contains(path)) {
-            Add(findings, "orphan-folder", path + " belongs to nothing that INFO lists");
+            AddWarning(findings, "orphan-folder", path + " belongs to nothing that INFO lists");
         }
     }
     globfree(&found);
@@ -84,7 +86,7 @@ bool LookAtInfo(const Options &options, Json::Value &info, Json::Value &findings
         return false;
     }
     if (!info.isObject()) {
-        Add(findings, "book-broken", std::string(kInfoPath) + " is no JSON object");
+        AddCritical(findings, "book-broken", std::string(kInfoPath) + " is no JSON object");
         info = Json::Value(Json::objectValue);
     }
     for (const std::string &id : options.ids) {
@@ -102,9 +104,8 @@ bool LookOnce(const Options &options, Json::Value &report)
     report = Json::Value(Json::objectValue);
     report["certificates"] = report["findings"] = Json::Value(Json::arrayValue);
     StoreFacts facts;
-    facts.now = time(nullptr);
     facts.days = options.days;
-    facts.defaultId = ReadDefaultId();
+    facts.defaultId = ReadDefCrtId();
     Json::Value info;
     Json::Value services;
     if (!LookAtInfo(options, info, report["findings"])) {
@@ -131,18 +132,24 @@ bool LookOnce(const Options &options, Json::Value &report)
     return true;
 }
 
+std::string ToLines(const Json::Value &findings, const std::string &indentation)
+{
+    std::string lines;
+    for (const Json::Value &finding : findings) {
+        lines += indentation + finding["severity"].asString() + " " + finding["code"].asString() + ": " +
+                 ToShownText(finding["text"].asString()) + "\n";
+    }
+    return lines;
+}
+
 std::string CrtText(const Json::Value &crt)
 {
     std::string text = crt["id"].asString() + ":" + (crt["default"].asBool() ? " default," : "") +
                        (crt["self_made"].asBool() ? " self-made," : "");
-    std::vector<std::string> names;
-    for (const Json::Value &name : crt["names"]) {
-        names.push_back(name.asString());
-    }
     if (!crt.isMember("not_after")) {
         return text + " no certificate that can be read";
     }
-    return text + " " + crt["subject"].asString() + ", for " + Join(names) + ", ends " +
+    return text + " " + crt["subject"].asString() + ", for " + Join(crt["names"]) + ", ends " +
            crt["not_after"].asString() + ", " + std::to_string(crt["seconds_left"].asInt64() / kDaySeconds) +
            " days left";
 }
@@ -166,6 +173,19 @@ std::string ToReportText(const Json::Value &report)
            text;
 }
 
+// The exit status for the worst finding anywhere in a report.
+int WorstIn(const Json::Value &report)
+{
+    int worst = 0;
+    if (report.isObject() && report.isMember("severity")) {
+        worst = report["severity"] == "critical" ? 2 : 1;
+    }
+    for (const Json::Value &part : report) {
+        worst = std::max(worst, WorstIn(part));
+    }
+    return worst;
+}
+
 }  // namespace
 
 int Status(const Options &options, Json::Value &)
@@ -173,6 +193,7 @@ int Status(const Options &options, Json::Value &)
     // Registrations come into SERVICES first and into INFO last, and replace folders between: what seems wrong is
     // looked at again, and once more while the books change.
     constexpr int kMostLooks = 3;
+    constexpr const char *kWorst[] = {"ok", "warning", "critical"};
     constexpr std::chrono::milliseconds kPause(300);
 
     if (geteuid() != 0) {
@@ -190,7 +211,7 @@ int Status(const Options &options, Json::Value &)
         const bool hasChanged = stat(kInfoPath, &after) != 0 || !IsSameFile(before, after);
         const int worst = WorstIn(report);
         if (worst == 0 || looks == kMostLooks || (looks > 1 && !hasChanged)) {
-            report["worst"] = SeverityName(worst);
+            report["worst"] = kWorst[worst];
             const bool isPrinted =
                 options.asJson ? PrintJson(report) : WriteAll(STDOUT_FILENO, ToReportText(report));
             return isPrinted ? worst : kCouldNotLook;

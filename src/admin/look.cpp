@@ -1,0 +1,297 @@
+#include "admin/look.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+#include "admin/certificate.h"
+#include "admin/report.h"
+#include "common/json_file.h"
+#include "common/json_member.h"
+#include "deploy/key_types.h"
+#include "platform/file_read.h"
+#include "platform/file_test.h"
+#include "platform/users.h"
+#include "store/names.h"
+#include "store/paths.h"
+
+namespace opalcrt {
+
+namespace {
+
+// An open folder, in which names keep meaning the same files when its path is given to another one, and what has been
+// read of it. A folder that is not there has no files.
+struct FolderLook {
+    explicit FolderLook(const std::string &path)
+        : fd(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
+          inside("/proc/self/fd/" + std::to_string(fd.Get()) + "/")
+    {
+    }
+
+    const FileLook &File(const std::string &name)
+    {
+        const auto [entry, isNew] = files.try_emplace(name);
+        if (isNew) {
+            entry->second = fd.IsOpen() ? LookAtFile(name, fd.Get()) : FileLook{ENOENT, "", {}};
+        }
+        return entry->second;
+    }
+
+    // Those that every key type has which are not there: "a, b".
+    std::string ListMissing(const std::string &prefix)
+    {
+        Json::Value missing;
+        for (const char *name : kKeyTypeFiles) {
+            if (const int error = File(prefix + name).error; error != 0 && IsMissing(error)) {
+                missing.append(prefix + name);
+            }
+        }
+        return Join(missing);
+    }
+
+    UniqueFd fd;
+    std::string inside;
+    std::map<std::string, FileLook> files;
+};
+
+// What is wrong with one certificate of the archive's folder, its key and its chain. Answers the certificate.
+UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, int days, Json::Value &findings)
+{
+    const FileLook &crtFile = folder.File(prefix + "cert.pem");
+    const FileLook &keyFile = folder.File(prefix + "privkey.pem");
+    const FileLook &chainFile = folder.File(prefix + "fullchain.pem");
+    UniqueOpenSSL<X509> crt = FirstCrt(crtFile.text);
+    const UniqueOpenSSL<EVP_PKEY> key = FirstKey(keyFile.text);
+    const auto tell = [&](const FileLook &file, const char *name, bool isGood, const char *fault) {
+        if (file.error == 0 ? !isGood : file.error != ENOENT) {
+            AddCritical(findings, "unreadable",
+                        prefix + name + (file.error == 0 ? fault : strerror(file.error)));
+        }
+    };
+    tell(crtFile, "cert.pem: ", crt != nullptr, "it holds no certificate");
+    tell(keyFile, "privkey.pem: ", key != nullptr, "it holds no key without a password");
+    tell(chainFile, "fullchain.pem: ", chainFile.text.find("----------BEGIN") == std::string::npos,
+         "it has two blocks on one line, as no server reads it");
+    if (crt == nullptr) {
+        return nullptr;
+    }
+    if (key != nullptr && !IsKeyOf(*key, *crt)) {
+        AddCritical(findings, "key-mismatch",
+                    prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
+    }
+    AddTimeFinding(prefix + "cert.pem", *crt, days, findings);
+    if (chainFile.error == 0 && !chainFile.text.starts_with(crtFile.text)) {
+        const UniqueOpenSSL<X509> first = FirstCrt(chainFile.text);  // It may only be written in another way.
+        if (first == nullptr || X509_cmp(first.get(), crt.get()) != 0) {
+            AddCritical(findings, "chain-mismatch", prefix + "fullchain.pem does not begin with cert.pem");
+        }
+    }
+    return crt;
+}
+
+// What is wrong with the folder as a whole.
+void LookAtCrtFolder(const std::string &path, FolderLook &folder, const std::vector<std::string> &prefixes,
+                     Json::Value &findings)
+{
+    std::error_code error;
+    if (const auto real = std::filesystem::canonical(path, error); !error && real != path) {
+        AddWarning(findings, "mended-for-ever",
+                   path + " is a link: every registration makes a new certificate");
+    }
+    if (const std::string missing = folder.ListMissing(""); !missing.empty()) {
+        AddCritical(findings, "incomplete",
+                    path + " lacks " + missing + ": a registration makes a new certificate");
+    }
+    for (const std::string &prefix : prefixes) {
+        if (const std::string missing = folder.ListMissing(prefix); !missing.empty()) {
+            AddWarning(
+                findings, "mended-for-ever",
+                path + " lacks " + missing + ", of renew.json: every registration makes a new certificate");
+        }
+    }
+    if (folder.File(".mending").error == 0) {
+        AddWarning(findings, "mend-unfinished", path + " is being mended, or that was cut off");
+    }
+    Json::Value crtInfo;
+    if (fromFile(folder.inside + "cert_info", crtInfo) && GetBool(crtInfo, "is_broken")) {
+        AddWarning(findings, "mended", "it had lost files, and a generated one has taken its place");
+    }
+}
+
+// The file name prefixes of what the copy's `info` tells the service to use.
+std::vector<std::string> ListUsedPrefixes(const FolderLook &copy, const std::string &path)
+{
+    const std::string name = "cert.pem";
+    Json::Value info;
+    std::vector<std::string> prefixes;
+    (void)fromFile(copy.inside + "info", info);
+    for (const Json::Value &element : GetMember(info, "certs")) {
+        const std::string crt = GetString(element, "cert");
+        if (crt.starts_with(path + "/") && crt.ends_with(name)) {
+            prefixes.push_back(crt.substr(path.size() + 1, crt.size() - path.size() - 1 - name.size()));
+        }
+    }
+    return prefixes;
+}
+
+// Compares files of the service with the archive's, and appends the names of those that differ. Parsed is only what
+// differs.
+void LookAtCopy(FolderLook &copy, FolderLook &archive, const std::string &prefix, const std::string &owner,
+                StoreFacts &facts, Json::Value &differing, Json::Value &findings)
+{
+    if (const std::string missing = copy.ListMissing(prefix); !missing.empty()) {
+        AddCritical(findings, "copy-missing", missing);
+        return;
+    }
+    const FileLook &keyFile = copy.File(prefix + "privkey.pem");
+    const auto [user, isNew] = facts.users.try_emplace(owner, static_cast<uid_t>(-1));
+    if (isNew) {
+        (void)OPALUserGetUGID(owner, &user->second, nullptr);
+    }
+    if ((keyFile.info.st_mode & 0377) != 0 || keyFile.info.st_uid != user->second) {
+        char found[64];
+        snprintf(found, sizeof(found), "mode %04o and user %u", keyFile.info.st_mode & 07777,
+                 keyFile.info.st_uid);
+        AddCritical(findings, "copy-exposed",
+                    prefix + "privkey.pem has " + found + " instead of 0400 and " + owner);
+    }
+
+    std::vector<std::string> names(std::begin(kKeyTypeFiles), std::end(kKeyTypeFiles));
+    if (prefix.empty()) {
+        names.insert(names.end(), {"chain.pem", "opal-ca-cert.pem"});
+    }
+    const Json::ArrayIndex before = differing.size();
+    for (const std::string &name : names) {
+        const FileLook &mine = copy.File(prefix + name);
+        const FileLook &right = archive.File(prefix + name);
+        if (mine.error != right.error || mine.text != right.text) {
+            differing.append(prefix + name);
+        }
+    }
+    if (differing.size() != before) {
+        const UniqueOpenSSL<X509> crt = FirstCrt(copy.File(prefix + "cert.pem").text);
+        const UniqueOpenSSL<EVP_PKEY> key = FirstKey(keyFile.text);
+        if (crt == nullptr || key == nullptr || !IsKeyOf(*key, *crt)) {
+            AddCritical(findings, "copy-mismatch",
+                        prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
+        } else {
+            AddTimeFinding("the service's " + prefix + "cert.pem", *crt, facts.days, findings);
+        }
+    }
+}
+
+// The service's part of the report. `archive` is its certificate's folder, which has key types of these prefixes.
+Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
+                          const std::vector<std::string> &typePrefixes, StoreFacts &facts)
+{
+    const ServiceName name = NameOf(element);
+    const std::string path = GetServiceFolderPath(GetBool(element, "isPkg"), std::string(name.subscriber),
+                                                  std::string(name.service));
+    Json::Value service(Json::objectValue);
+    service["subscriber"] = element["subscriber"];
+    service["service"] = element["service"];
+    service["folder"] = path;
+    service["state"] = "current";
+    Json::Value &findings = service["findings"] = Json::Value(Json::arrayValue);
+    facts.folders.insert(path);
+
+    FolderLook copy(path);
+    const std::vector<std::string> used = ListUsedPrefixes(copy, path);
+    Json::Value differing(Json::arrayValue);
+    for (const std::string &prefix : used) {
+        LookAtCopy(copy, archive, prefix, GetString(element, "owner"), facts, differing, findings);
+    }
+    const bool isMultiple = GetBool(element, "multiple_cert") && !typePrefixes.empty();
+    if (used.empty()) {
+        AddCritical(findings, "copy-missing", path + "/info, which names the files, is missing or broken");
+    } else if (used != (isMultiple ? typePrefixes : std::vector{std::string()})) {
+        differing.append("the key types");
+    }
+    if (!differing.empty()) {
+        AddWarning(findings, "old-copy", "differs from the archive: " + Join(differing));
+    }
+    for (const Json::Value &finding : findings) {
+        const std::string code = finding["code"].asString();
+        if (code.starts_with("copy-") || (code == "old-copy" && service["state"] == "current")) {
+            service["state"] = code;
+        }
+    }
+    if (facts.listed[name] > 1) {
+        AddWarning(findings, "listed-twice",
+                   "INFO lists it " + std::to_string(facts.listed[name]) + " times");
+    }
+    if (facts.registered && !facts.registered->contains(name)) {
+        AddWarning(findings, "not-in-services", "SERVICES does not list it");
+    }
+    return service;
+}
+
+}  // namespace
+
+FileLook LookAtFile(const std::string &path, int folder)
+{
+    constexpr size_t kLargestFile = 1024UL * 1024;
+
+    FileLook look;
+    const UniqueFd fd = OpenRegularFile(path.c_str(), folder);
+    if (!fd.IsOpen() || fstat(fd.Get(), &look.info) != 0 || !ReadWhole(fd.Get(), kLargestFile, look.text)) {
+        look.error = errno;
+        look.text.clear();
+    }
+    return look;
+}
+
+bool IsService(const Json::Value &element)
+{
+    const std::string subscriber = GetString(element, "subscriber");
+    return IsUsableSubscriber(subscriber) && IsUsableService(subscriber, GetString(element, "service"));
+}
+
+Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, StoreFacts &facts)
+{
+    Json::Value crt(Json::objectValue);
+    Json::Value findings(Json::arrayValue);
+    Json::Value services(Json::arrayValue);
+    crt["names"] = Json::Value(Json::arrayValue);
+    bool isSelfMade = false;
+    const Json::Value &listed = GetMember(entry, "services");
+    if (listed.isArray() && IsPlainFolderName(cert_id)) {
+        const std::string path = GetCrtFolderPath(cert_id);
+        facts.folders.insert(path);
+        FolderLook folder(path);
+        std::vector<std::string> prefixes;
+        for (const KeyType type : GetCrtKeyTypes(cert_id)) {
+            prefixes.push_back(KeyTypePrefix(type));
+        }
+        LookAtCrtFolder(path, folder, prefixes, findings);
+        if (const UniqueOpenSSL<X509> main = LookAtPair(folder, "", facts.days, findings)) {
+            const UniqueOpenSSL<X509> ca = FirstCrt(folder.File("opal-ca-cert.pem").text);
+            isSelfMade = ca != nullptr && IsSignedBy(*main, *ca);
+            crt = DescribeCrt(*main);
+        }
+        for (const std::string &prefix : prefixes) {
+            LookAtPair(folder, prefix, facts.days, findings);
+        }
+        for (const Json::Value &element : listed) {
+            if (IsService(element)) {
+                services.append(LookAtService(element, folder, prefixes, facts));
+            } else {
+                AddCritical(findings, "book-broken",
+                            "INFO lists something that is no service: " + ToLogText(element));
+            }
+        }
+    } else {
+        AddCritical(findings, "book-broken", "INFO has an entry that is none of a certificate: " + cert_id);
+    }
+    crt["id"] = cert_id;
+    crt["default"] = cert_id == facts.defaultId;
+    crt["self_made"] = isSelfMade;
+    crt["services"] = std::move(services);
+    crt["findings"] = std::move(findings);
+    return crt;
+}
+
+}  // namespace opalcrt

@@ -1,0 +1,44 @@
+// Looking at the store without a trace: no lock, no log line, nothing written. What the engine asks of the same files
+// it asks with log lines, and mends.
+#pragma once
+
+#include <fcntl.h>
+#include <json/value.h>
+#include <sys/stat.h>
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "store/service.h"
+
+namespace opalcrt {
+
+struct FileLook {
+    int error = 0;  // errno when it could not be read: EINVAL for no regular file, EFBIG for one over 1 MiB
+    std::string text;
+    struct stat info = {};
+};
+
+FileLook LookAtFile(const std::string &path, int folder = AT_FDCWD);
+
+// What is the same for all certificates of one look.
+struct StoreFacts {
+    int days = 30;
+    std::string defaultId;
+    std::map<ServiceName, int> listed;  // how often INFO lists the service
+    // What SERVICES lists; nothing when it cannot be read.
+    std::optional<std::set<ServiceName>> registered;
+    std::set<std::string> folders;       // looked at until now
+    std::map<std::string, uid_t> users;  // asked for until now
+};
+
+// Whether an element of a book names a service that can have a folder.
+bool IsService(const Json::Value &element);
+
+// The part of the report (admin/verbs.h) for one certificate of INFO and the services that have it. Without `not_after`
+// where no certificate could be read.
+Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, StoreFacts &facts);
+
+}  // namespace opalcrt
