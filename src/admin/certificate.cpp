@@ -145,14 +145,11 @@ void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Va
     const time_t now = time(nullptr);
     const time_t begin = ToTime(X509_get0_notBefore(&crt));
     const time_t end = ToTime(X509_get0_notAfter(&crt));
-    if (end < now) {
-        AddCritical(findings, "expired", what + " has ended: " + ToTimeText(end));
-    } else if (begin > now) {
-        AddCritical(findings, "not-yet-valid",
-                    what + " begins " + ToTimeText(begin) + "; is the clock right?");
-    } else if (end - now < days * kDaySeconds) {
-        AddWarning(findings, "expires-soon", what + " ends soon: " + ToTimeText(end));
-    }
+    const std::string endText = ToTimeText(end);
+    AddIf(end < now, findings, "expired", what + " has ended: " + endText) ||
+        AddIf(begin > now, findings, "not-yet-valid",
+              what + " begins " + ToTimeText(begin) + "; is the clock right?") ||
+        AddIf(end - now < days * kDaySeconds, findings, "expires-soon", what + " ends soon: " + endText);
 }
 
 // OpenSSL keeps what it has worked out of a certificate inside it, so these of its functions take no const.

@@ -32,22 +32,21 @@ void CheckId(const Options &options, const InstallFiles &files, Json::Value &fin
     // The books and their temporary files have names that begin so; other names with a dot in front are ours, too.
     const bool isTaken = std::regex_match(id, std::regex("(INFO|SERVICES|DEFAULT)(\\..*)?|\\..*"));
     if (!IsPlainFolderName("." + id + ".new") || id.empty() || isTaken || ToShownText(id) != id) {
-        AddCritical(findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
+        AddIf(true, findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
     } else if (!ReadInfo(info)) {
-        AddCritical(findings, "book-broken",
-                    std::string("without ") + kInfoPath + " nothing can be installed");
+        AddIf(true, findings, "book-broken",
+              std::string("without ") + kInfoPath + " nothing can be installed");
     } else if (!options.isNew && !GetMember(info, id.c_str()).isObject()) {
-        AddCritical(findings, "no-such-id", "there is no certificate " + id + "; with --new it is made");
+        AddIf(true, findings, "no-such-id", "there is no certificate " + id + "; with --new it is made");
     } else if (options.isNew && info.isMember(id)) {
-        AddCritical(findings, "in-info",
-                    "there is a certificate " + id + " already; it is replaced without --new");
-    } else if (options.isNew && YLIBCFileExist(folder.c_str()) != 0 && !IsMadeAlready(folder, files)) {
-        AddCritical(findings, "folder-exists",
-                    folder + " is there, though INFO does not list it; move it away");
+        AddIf(true, findings, "in-info",
+              "there is a certificate " + id + " already; it is replaced without --new");
+    } else {
+        AddIf(options.isNew && YLIBCFileExist(folder.c_str()) != 0 && !IsMadeAlready(folder, files), findings,
+              "folder-exists", folder + " is there, though INFO does not list it; move it away");
     }
-    if (id.size() > kLongestDefaultId && LookAtFile(kDefaultPath).text == id + "\n") {
-        AddCritical(findings, "id-too-long", id + " would be the default certificate: at most 15 bytes");
-    }
+    AddIf(id.size() > kLongestDefaultId && LookAtFile(kDefaultPath).text == id + "\n", findings,
+          "id-too-long", id + " would be the default certificate: at most 15 bytes");
 }
 
 // Whether nothing speaks against it; else that is told, a line for each.

@@ -29,15 +29,15 @@ PemContent ReadPem(const std::string &path, bool wantsKey, Json::Value &findings
     PemContent content = ParsePem(file.text);
     if (file.error != 0) {
         const char *cause = file.error == EINVAL ? "it is no regular file" : strerror(file.error);
-        AddCritical(findings, "unreadable", path + " cannot be read (at most 1 MiB): " + cause);
+        AddIf(true, findings, "unreadable", path + " cannot be read (at most 1 MiB): " + cause);
     } else if (content.isBroken) {
-        AddCritical(findings, "no-pem", path + " is damaged: a block in it cannot be read; get it anew");
+        AddIf(true, findings, "no-pem", path + " is damaged: a block in it cannot be read; get it anew");
     } else if (wantsKey && content.hasEncryptedKey) {
-        AddCritical(findings, "key-encrypted",
-                    path + " has a password; take it off: openssl pkey -in " + path + " -out NEWFILE");
+        AddIf(true, findings, "key-encrypted",
+              path + " has a password; take it off: openssl pkey -in " + path + " -out NEWFILE");
     } else if (wantsKey ? content.keys.size() != 1 : content.crts.empty()) {
-        AddCritical(findings, "no-pem",
-                    path + " does not hold " + (wantsKey ? "one private key" : "a certificate") + " in PEM");
+        AddIf(true, findings, "no-pem",
+              path + " does not hold " + (wantsKey ? "one private key" : "a certificate") + " in PEM");
     }
     return content;
 }
@@ -53,10 +53,10 @@ std::vector<KeyPair> ReadKeys(const std::vector<std::string> &paths, Json::Value
         const int id = EVP_PKEY_get_base_id(content.keys.front().get());
         const KeyType type = id == EVP_PKEY_EC ? KeyType::ECC : KeyType::RSA;
         if (id != EVP_PKEY_RSA && id != EVP_PKEY_EC) {
-            AddCritical(findings, "key-type", path + " holds neither an RSA nor an EC key");
+            AddIf(true, findings, "key-type", path + " holds neither an RSA nor an EC key");
         } else if (!pairs.empty() && pairs.front().type == type) {
-            AddCritical(findings, "key-type",
-                        path + " holds a second key of one type; two are an RSA and an EC key");
+            AddIf(true, findings, "key-type",
+                  path + " holds a second key of one type; two are an RSA and an EC key");
         }
         pairs.push_back({std::move(content.keys.front()), type, path, {}});
     }
@@ -99,13 +99,13 @@ void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpen
     for (const KeyPair &pair : pairs) {
         used.insert(used.end(), pair.crts.begin(), pair.crts.end());
         if (pair.crts.empty()) {
-            AddCritical(findings, "key-mismatch",
-                        "the key in " + pair.keyFile + " fits none of the certificates given");
+            AddIf(true, findings, "key-mismatch",
+                  "the key in " + pair.keyFile + " fits none of the certificates given");
         } else if (const X509 &last = *pair.crts.back();
                    !IsSignedBy(last, last) && !IsIssuerWellKnown(last)) {
-            AddWarning(findings, "chain-unknown",
-                       "the chain of " + DescribeCrt(*pair.crts.front())["subject"].asString() +
-                           " reaches no root that is known here; is a --chain missing?");
+            AddIf(true, findings, "chain-unknown",
+                  "the chain of " + DescribeCrt(*pair.crts.front())["subject"].asString() +
+                      " reaches no root that is known here; is a --chain missing?");
         }
     }
     for (const UniqueOpenSSL<X509> &crt : crts) {
@@ -113,7 +113,7 @@ void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpen
         if (std::find(used.begin(), used.end(), crt.get()) != used.end()) {
             AddTimeFinding(what, *crt, 30, findings);
         } else if (!used.empty()) {
-            AddCritical(findings, "chain-broken", what + " signed none of the others; leave it out");
+            AddIf(true, findings, "chain-broken", what + " signed none of the others; leave it out");
         }
     }
 }
@@ -124,10 +124,8 @@ void WarnOfLostNames(const std::string &id, const X509 &crt, Json::Value &findin
     const Json::Value names = DescribeCrt(crt)["names"];
     const Json::Value oldNames = old != nullptr ? DescribeCrt(*old)["names"] : names;
     for (const Json::Value &name : oldNames) {
-        if (std::find(names.begin(), names.end(), name) == names.end()) {
-            AddWarning(findings, "name-lost",
-                       "the new certificate is not for " + name.asString() + ", as the old one is");
-        }
+        AddIf(std::find(names.begin(), names.end(), name) == names.end(), findings, "name-lost",
+              "the new certificate is not for " + name.asString() + ", as the old one is");
     }
 }
 

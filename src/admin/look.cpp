@@ -66,10 +66,8 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, in
     UniqueOpenSSL<X509> crt = FirstCrt(crtFile.text);
     const UniqueOpenSSL<EVP_PKEY> key = FirstKey(keyFile.text);
     const auto tell = [&](const FileLook &file, const char *name, bool isGood, const char *fault) {
-        if (file.error == 0 ? !isGood : file.error != ENOENT) {
-            AddCritical(findings, "unreadable",
-                        prefix + name + (file.error == 0 ? fault : strerror(file.error)));
-        }
+        AddIf(file.error == 0 ? !isGood : file.error != ENOENT, findings, "unreadable",
+              prefix + name + (file.error == 0 ? fault : strerror(file.error)));
     };
     tell(crtFile, "cert.pem: ", crt != nullptr, "it holds no certificate");
     tell(keyFile, "privkey.pem: ", key != nullptr, "it holds no key without a password");
@@ -78,16 +76,13 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, in
     if (crt == nullptr) {
         return nullptr;
     }
-    if (key != nullptr && !IsKeyOf(*key, *crt)) {
-        AddCritical(findings, "key-mismatch",
-                    prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
-    }
+    AddIf(key != nullptr && !IsKeyOf(*key, *crt), findings, "key-mismatch",
+          prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
     AddTimeFinding(prefix + "cert.pem", *crt, days, findings);
     if (chainFile.error == 0 && !chainFile.text.starts_with(crtFile.text)) {
         const UniqueOpenSSL<X509> first = FirstCrt(chainFile.text);  // It may only be written in another way.
-        if (first == nullptr || X509_cmp(first.get(), crt.get()) != 0) {
-            AddCritical(findings, "chain-mismatch", prefix + "fullchain.pem does not begin with cert.pem");
-        }
+        AddIf(first == nullptr || X509_cmp(first.get(), crt.get()) != 0, findings, "chain-mismatch",
+              prefix + "fullchain.pem does not begin with cert.pem");
     }
     return crt;
 }
@@ -97,28 +92,23 @@ void LookAtCrtFolder(const std::string &path, FolderLook &folder, const std::vec
                      Json::Value &findings)
 {
     std::error_code error;
-    if (const auto real = std::filesystem::canonical(path, error); !error && real != path) {
-        AddWarning(findings, "mended-for-ever",
-                   path + " is a link: every registration makes a new certificate");
-    }
-    if (const std::string missing = folder.ListMissing(""); !missing.empty()) {
-        AddCritical(findings, "incomplete",
-                    path + " lacks " + missing + ": a registration makes a new certificate");
-    }
+    const auto real = std::filesystem::canonical(path, error);
+    AddIf(!error && real != path, findings, "mended-for-ever",
+          path + " is a link: every registration makes a new certificate");
+    const std::string missing = folder.ListMissing("");
+    AddIf(!missing.empty(), findings, "incomplete",
+          path + " lacks " + missing + ": a registration makes a new certificate");
     for (const std::string &prefix : prefixes) {
-        if (const std::string missing = folder.ListMissing(prefix); !missing.empty()) {
-            AddWarning(
-                findings, "mended-for-ever",
-                path + " lacks " + missing + ", of renew.json: every registration makes a new certificate");
-        }
+        const std::string lacking = folder.ListMissing(prefix);
+        AddIf(!lacking.empty(), findings, "mended-for-ever",
+              path + " lacks " + lacking + ", of renew.json: every registration makes a new certificate");
     }
-    if (folder.File(".mending").error == 0) {
-        AddWarning(findings, "mend-unfinished", path + " is being mended, or that was cut off");
-    }
+    AddIf(folder.File(".mending").error == 0, findings, "mend-unfinished",
+          path + " is being mended, or that was cut off");
     Json::Value crtInfo;
-    if (fromFile(folder.inside + "cert_info", crtInfo) && GetBool(crtInfo, "is_broken")) {
-        AddWarning(findings, "mended", "it had lost files, and a generated one has taken its place");
-    }
+    (void)fromFile(folder.inside + "cert_info", crtInfo);
+    AddIf(GetBool(crtInfo, "is_broken"), findings, "mended",
+          "it had lost files, and a generated one has taken its place");
 }
 
 // The file name prefixes of what the copy's `info` tells the service to use.
@@ -142,8 +132,8 @@ std::vector<std::string> ListUsedPrefixes(const FolderLook &copy, const std::str
 void LookAtCopy(FolderLook &copy, FolderLook &archive, const std::string &prefix, const std::string &owner,
                 StoreFacts &facts, Json::Value &differing, Json::Value &findings)
 {
-    if (const std::string missing = copy.ListMissing(prefix); !missing.empty()) {
-        AddCritical(findings, "copy-missing", missing);
+    const std::string missing = copy.ListMissing(prefix);
+    if (AddIf(!missing.empty(), findings, "copy-missing", missing)) {
         return;
     }
     const FileLook &keyFile = copy.File(prefix + "privkey.pem");
@@ -151,13 +141,11 @@ void LookAtCopy(FolderLook &copy, FolderLook &archive, const std::string &prefix
     if (isNew) {
         (void)OPALUserGetUGID(owner, &user->second, nullptr);
     }
-    if ((keyFile.info.st_mode & 0377) != 0 || keyFile.info.st_uid != user->second) {
-        char found[64];
-        snprintf(found, sizeof(found), "mode %04o and user %u", keyFile.info.st_mode & 07777,
-                 keyFile.info.st_uid);
-        AddCritical(findings, "copy-exposed",
-                    prefix + "privkey.pem has " + found + " instead of 0400 and " + owner);
-    }
+    char found[64];
+    snprintf(found, sizeof(found), "mode %04o and user %u", keyFile.info.st_mode & 07777,
+             keyFile.info.st_uid);
+    AddIf((keyFile.info.st_mode & 0377) != 0 || keyFile.info.st_uid != user->second, findings, "copy-exposed",
+          prefix + "privkey.pem has " + found + " instead of 0400 and " + owner);
 
     std::vector<std::string> names(std::begin(kKeyTypeFiles), std::end(kKeyTypeFiles));
     if (prefix.empty()) {
@@ -174,10 +162,8 @@ void LookAtCopy(FolderLook &copy, FolderLook &archive, const std::string &prefix
     if (differing.size() != before) {
         const UniqueOpenSSL<X509> crt = FirstCrt(copy.File(prefix + "cert.pem").text);
         const UniqueOpenSSL<EVP_PKEY> key = FirstKey(keyFile.text);
-        if (crt == nullptr || key == nullptr || !IsKeyOf(*key, *crt)) {
-            AddCritical(findings, "copy-mismatch",
-                        prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
-        } else {
+        if (!AddIf(crt == nullptr || key == nullptr || !IsKeyOf(*key, *crt), findings, "copy-mismatch",
+                   prefix + "privkey.pem is not the key of " + prefix + "cert.pem")) {
             AddTimeFinding("the service's " + prefix + "cert.pem", *crt, facts.days, findings);
         }
     }
@@ -205,27 +191,22 @@ Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
         LookAtCopy(copy, archive, prefix, GetString(element, "owner"), facts, differing, findings);
     }
     const bool isMultiple = GetBool(element, "multiple_cert") && !typePrefixes.empty();
-    if (used.empty()) {
-        AddCritical(findings, "copy-missing", path + "/info, which names the files, is missing or broken");
-    } else if (used != (isMultiple ? typePrefixes : std::vector{std::string()})) {
+    if (used != (isMultiple ? typePrefixes : std::vector{std::string()}) && !used.empty()) {
         differing.append("the key types");
     }
-    if (!differing.empty()) {
-        AddWarning(findings, "old-copy", "differs from the archive: " + Join(differing));
-    }
+    AddIf(used.empty(), findings, "copy-missing",
+          path + "/info, which names the files, is missing or broken");
+    AddIf(!differing.empty(), findings, "old-copy", "differs from the archive: " + Join(differing));
     for (const Json::Value &finding : findings) {
         const std::string code = finding["code"].asString();
         if (code.starts_with("copy-") || (code == "old-copy" && service["state"] == "current")) {
             service["state"] = code;
         }
     }
-    if (facts.listed[name] > 1) {
-        AddWarning(findings, "listed-twice",
-                   "INFO lists it " + std::to_string(facts.listed[name]) + " times");
-    }
-    if (facts.registered && !facts.registered->contains(name)) {
-        AddWarning(findings, "not-in-services", "SERVICES does not list it");
-    }
+    const int times = facts.listed[name];
+    AddIf(times > 1, findings, "listed-twice", "INFO lists it " + std::to_string(times) + " times");
+    AddIf(facts.registered && !facts.registered->contains(name), findings, "not-in-services",
+          "SERVICES does not list it");
     return service;
 }
 
@@ -258,7 +239,8 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
     crt["names"] = Json::Value(Json::arrayValue);
     bool isSelfMade = false;
     const Json::Value &listed = GetMember(entry, "services");
-    if (listed.isArray() && IsPlainFolderName(cert_id)) {
+    if (!AddIf(!listed.isArray() || !IsPlainFolderName(cert_id), findings, "book-broken",
+               "INFO has an entry that is none of a certificate: " + cert_id)) {
         const std::string path = GetCrtFolderPath(cert_id);
         facts.folders.insert(path);
         FolderLook folder(path);
@@ -279,12 +261,10 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
             if (IsService(element)) {
                 services.append(LookAtService(element, folder, prefixes, facts));
             } else {
-                AddCritical(findings, "book-broken",
-                            "INFO lists something that is no service: " + ToLogText(element));
+                AddIf(true, findings, "book-broken",
+                      "INFO lists something that is no service: " + ToLogText(element));
             }
         }
-    } else {
-        AddCritical(findings, "book-broken", "INFO has an entry that is none of a certificate: " + cert_id);
     }
     crt["id"] = cert_id;
     crt["default"] = cert_id == facts.defaultId;

@@ -25,9 +25,6 @@ void AddVerbs(CLI::App &app, Options &options, Verb &verb)
         command->callback([&verb, what] { verb = what; });
         return command;
     };
-    const auto addId = [&](CLI::App *command, const char *text) {
-        return command->add_option("ID", options.id, text);
-    };
     const auto addDays = [&](CLI::App *command, const char *text) {
         command->add_option("--days", options.days, text)->capture_default_str()->check(CLI::Range(0, 36500));
     };
@@ -35,48 +32,43 @@ void AddVerbs(CLI::App &app, Options &options, Verb &verb)
                             const char *type, const char *text) {
         return command->add_option(name, list, text)->type_name(type)->allow_extra_args(false);
     };
-    const auto addFlag = [](CLI::App *command, const char *name, bool &flag, const char *text) {
-        command->add_flag(name, flag, text);
-    };
 
     add("init", "Make the first certificate archive, where there is none", Init);
 
-    CLI::App *status =
-        add("status", "Tell what certificates and services there are and what is wrong", Status);
+    auto *status = add("status", "Tell what certificates and services there are and what is wrong", Status);
     status->add_option("ID", options.ids, "Only these certificates");
     addDays(status, "Warn when fewer days are left");
     status->footer("Exit status: 0 well, 1 a warning, 2 something critical, 3 it could not look.");
 
-    CLI::App *install =
-        add("install", "Put a key and its certificate in the place of a certificate", Install);
-    addId(install, "The certificate")->required();
+    auto *install = add("install", "Put a key and its certificate in the place of a certificate", Install);
+    install->add_option("ID", options.id, "The certificate")->required();
     addList(install, "--key", options.keyFiles, "FILE", "PEM file of the key; twice: an RSA and an EC key")
         ->required();
     addList(install, "--cert", options.crtFiles, "FILE", "PEM file of its certificate, also with the chain")
         ->required();
     addList(install, "--chain", options.chainFiles, "FILE", "PEM file of the certificates that sign it");
-    addFlag(install, "--new", options.isNew, "The certificate is not in the archive yet");
-    addFlag(install, "--check", options.onlyCheck, "Only tell whether it could be installed");
+    install->add_flag("--new", options.isNew, "The certificate is not in the archive yet");
+    install->add_flag("--check", options.onlyCheck, "Only tell whether it could be installed");
 
-    CLI::App *deploy = add("deploy", "Copy certificates to their services again", Deploy);
-    addId(deploy, "Only this certificate");
+    auto *deploy = add("deploy", "Copy certificates to their services again", Deploy);
+    deploy->add_option("ID", options.id, "Only this certificate");
 
-    CLI::App *assign = add("assign", "Give services another certificate", Assign);
-    addId(assign, "The certificate")->required();
+    auto *assign = add("assign", "Give services another certificate", Assign);
+    assign->add_option("ID", options.id, "The certificate")->required();
     assign->add_option("SUBSCRIBER", options.subscriber, "Whose services")->required();
     assign->add_option("SERVICE", options.service, "Only this one");
 
-    CLI::App *standard = add("default", "Print, or set, the certificate of new services", Default);
-    addId(standard, "The certificate that they get from now on");
+    auto *standard = add("default", "Print, or set, the certificate of new services", Default);
+    standard->add_option("ID", options.id, "The certificate that they get from now on");
 
-    CLI::App *renew = add("renew", "Make a self-made certificate anew before it ends", Renew);
-    addId(renew, "The certificate; else the default one");
+    auto *renew = add("renew", "Make a self-made certificate anew before it ends", Renew);
+    renew->add_option("ID", options.id, "The certificate; else the default one");
     addDays(renew, "When fewer days are left");
     addList(renew, "--name", options.names, "NAME", "A host name or address that it is to be for");
-    addFlag(renew, "--check", options.onlyCheck, "Only tell, with status 1, that it is due");
+    renew->add_flag("--check", options.onlyCheck, "Only tell, with status 1, that it is due");
 
     for (CLI::App *command : {status, install, deploy, assign, renew}) {
-        addFlag(command, "--json", options.asJson, "One JSON object on one line");
+        command->add_flag("--json", options.asJson, "One JSON object on one line");
     }
 }
 
@@ -99,9 +91,8 @@ int Run(int argc, char *argv[])
     } catch (const CLI::ParseError &error) {
         if (argc == 1) {
             fputs(app.help().c_str(), stderr);
-            return kWrongUsage;
         }
-        return app.exit(error) == 0 ? kDone : kWrongUsage;
+        return argc > 1 && app.exit(error) == 0 ? kDone : kWrongUsage;
     }
     // A monitor may not be root, and is answered in its own way.
     if (geteuid() != 0 && !app.got_subcommand("status")) {

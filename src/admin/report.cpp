@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "common/json_file.h"
 #include "common/log.h"
@@ -16,13 +17,11 @@ namespace opalcrt {
 
 namespace {
 
-void Add(Json::Value &findings, const char *code, const char *severity, const std::string &text)
-{
-    Json::Value &finding = findings.append(Json::objectValue);
-    finding["code"] = code;
-    finding["severity"] = severity;
-    finding["text"] = text;
-}
+// What is not among them is critical.
+const std::set<std::string> kWarnings = {
+    "expires-soon", "old-copy",      "mended",          "mend-unfinished", "listed-twice", "not-in-services",
+    "not-in-info",  "orphan-folder", "mended-for-ever", "chain-unknown",   "name-lost",
+};
 
 }  // namespace
 
@@ -35,7 +34,11 @@ Refused Refuse(const std::string &text, int line)
 
 Refused RefuseCall(const std::string &text, int line) { return Refuse(text + ": " + strerror(errno), line); }
 
-void Complain(const std::string &text) { fprintf(stderr, "opalcrt: %s\n", ToShownText(text).c_str()); }
+bool Complain(const std::string &text)
+{
+    fprintf(stderr, "opalcrt: %s\n", ToShownText(text).c_str());
+    return false;
+}
 
 void Say(const Options &options, const std::string &text)
 {
@@ -69,14 +72,15 @@ std::string Join(const Json::Value &texts, const char *separator)
     return joined;
 }
 
-void AddCritical(Json::Value &findings, const char *code, const std::string &text)
+bool AddIf(bool isSo, Json::Value &findings, const char *code, const std::string &text)
 {
-    Add(findings, code, "critical", text);
-}
-
-void AddWarning(Json::Value &findings, const char *code, const std::string &text)
-{
-    Add(findings, code, "warning", text);
+    if (isSo) {
+        Json::Value &finding = findings.append(Json::objectValue);
+        finding["code"] = code;
+        finding["severity"] = kWarnings.contains(code) ? "warning" : "critical";
+        finding["text"] = text;
+    }
+    return isSo;
 }
 
 bool PrintJson(const Json::Value &object)

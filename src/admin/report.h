@@ -19,8 +19,8 @@ struct Refused {
 Refused Refuse(const std::string &text, int line = __builtin_LINE());
 Refused RefuseCall(const std::string &text, int line = __builtin_LINE());
 
-// The line on standard error alone.
-void Complain(const std::string &text);
+// The line on standard error alone; false.
+bool Complain(const std::string &text);
 
 // One line for people on standard output, unless the caller wants JSON.
 void Say(const Options &options, const std::string &text);
@@ -31,9 +31,9 @@ std::string ToShownText(std::string text);
 // The strings of the array, with something between them.
 std::string Join(const Json::Value &texts, const char *separator = ", ");
 
-// Appends {"code", "severity", "text"} to the array `findings`.
-void AddCritical(Json::Value &findings, const char *code, const std::string &text);
-void AddWarning(Json::Value &findings, const char *code, const std::string &text);
+// If it is so, appends {"code", "severity", "text"} to the array `findings`; the code has its severity in the table of
+// report.cpp. Answers whether it is so.
+bool AddIf(bool isSo, Json::Value &findings, const char *code, const std::string &text);
 
 // Prints the object on one line with "format" in front, which jsoncpp, who sorts, cannot do. False when standard
 // output did not take it.

@@ -1,7 +1,7 @@
 #include <glob.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -30,33 +30,21 @@ constexpr time_t kRegistrationSeconds = 60;
 // `services` is kept by the caller as long as the facts: they name what stands in it.
 void LookAtServicesBook(const Json::Value &services, StoreFacts &facts, Json::Value &findings)
 {
-    if (!services.isArray()) {
-        AddCritical(
-            findings, "book-broken",
-            std::string("nothing can be registered: ") + kServicesPath + " is missing or no JSON array");
+    if (AddIf(!services.isArray(), findings, "book-broken",
+              std::string("nothing can be registered: ") + kServicesPath + " is missing or no JSON array")) {
         return;
     }
     facts.registered.emplace();
     for (const Json::Value &element : services) {
+        const std::string name = GetString(element, "subscriber") + "/" + GetString(element, "service");
         if (!IsService(element)) {
-            AddCritical(findings, "book-broken",
-                        "SERVICES lists something that is no service: " + ToLogText(element));
-        } else if (!facts.listed.contains(NameOf(element))) {
-            AddWarning(findings, "not-in-info",
-                       GetString(element, "subscriber") + "/" + GetString(element, "service") +
-                           " is registered, but not listed in INFO");
+            AddIf(true, findings, "book-broken",
+                  "SERVICES lists something that is no service: " + ToLogText(element));
+        } else {
+            AddIf(!facts.listed.contains(NameOf(element)), findings, "not-in-info",
+                  name + " is registered, but not listed in INFO");
         }
         facts.registered->insert(NameOf(element));
-    }
-}
-
-void LookAtDefault(const Json::Value &info, const std::string &id, Json::Value &findings)
-{
-    if (!IsPlainFolderName(id) || !GetMember(info, id.c_str()).isObject() ||
-        YLIBCFileExist(GetCrtFolderPath(id).c_str()) == 0) {
-        AddCritical(findings, "default-unusable",
-                    std::string("no new service can be registered: ") + kDefaultPath + " names \"" + id +
-                        "\", which INFO does not list or which has no folder");
     }
 }
 
@@ -71,81 +59,76 @@ void LookForOrphans(const StoreFacts &facts, Json::Value &findings)
         struct stat info = {};
         const bool hasStood =
             lstat(path.c_str(), &info) == 0 && std::abs(time(nullptr) - info.st_mtime) > kRegistrationSeconds;
-        if (hasStood && !facts.folders.contains(path)) {
-            AddWarning(findings, "orphan-folder", path + " belongs to nothing that INFO lists");
-        }
+        AddIf(hasStood && !facts.folders.contains(path), findings, "orphan-folder",
+              path + " belongs to nothing that INFO lists");
     }
     globfree(&found);
 }
 
-// False, told, when there is nothing to be looked at.
-bool LookAtInfo(const Options &options, Json::Value &info, Json::Value &findings)
-{
-    if (!fromFile(kInfoPath, info) && errno != EBADMSG && errno != EFBIG) {
-        Complain(std::string("cannot read ") + kInfoPath + ": " + strerror(errno));
-        return false;
-    }
-    if (!info.isObject()) {
-        AddCritical(findings, "book-broken", std::string(kInfoPath) + " is no JSON object");
-        info = Json::Value(Json::objectValue);
-    }
-    for (const std::string &id : options.ids) {
-        if (!info.isMember(id)) {
-            Complain(std::string(kInfoPath) + " lists no certificate \"" + id + "\"");
-            return false;
-        }
-    }
-    return true;
-}
-
-// Everything once. False, told, when it could not look.
+// Everything once. False, told, when there is nothing to be looked at.
 bool LookOnce(const Options &options, Json::Value &report)
 {
     report = Json::Value(Json::objectValue);
-    report["certificates"] = report["findings"] = Json::Value(Json::arrayValue);
+    Json::Value &crts = report["certificates"] = Json::Value(Json::arrayValue);
+    Json::Value &findings = report["findings"] = Json::Value(Json::arrayValue);
     StoreFacts facts;
     facts.days = options.days;
     facts.defaultId = ReadDefCrtId();
     Json::Value info;
     Json::Value services;
-    if (!LookAtInfo(options, info, report["findings"])) {
-        return false;
+    if (!fromFile(kInfoPath, info) && errno != EBADMSG && errno != EFBIG) {
+        return Complain(std::string("cannot read ") + kInfoPath + ": " + strerror(errno));
+    }
+    if (AddIf(!info.isObject(), findings, "book-broken", std::string(kInfoPath) + " is no JSON object")) {
+        info = Json::Value(Json::objectValue);
     }
     for (const Json::Value &entry : info) {
-        if (const Json::Value &list = GetMember(entry, "services"); list.isArray()) {
-            for (const Json::Value &element : list) {
-                ++facts.listed[NameOf(element)];
-            }
+        const Json::Value &list = GetMember(entry, "services");
+        for (Json::ArrayIndex at = 0; list.isArray() && at < list.size(); ++at) {
+            ++facts.listed[NameOf(list[at])];
         }
     }
     (void)fromFile(kServicesPath, services);
-    LookAtServicesBook(services, facts, report["findings"]);
-    LookAtDefault(info, facts.defaultId, report["findings"]);
-    for (const std::string &id : options.ids.empty() ? info.getMemberNames() : options.ids) {
-        report["certificates"].append(LookAtCrt(id, info[id], facts));
+    LookAtServicesBook(services, facts, findings);
+    const std::string &id = facts.defaultId;
+    AddIf(!IsPlainFolderName(id) || !GetMember(info, id.c_str()).isObject() ||
+              YLIBCFileExist(GetCrtFolderPath(id).c_str()) == 0,
+          findings, "default-unusable",
+          std::string("no new service can be registered: ") + kDefaultPath + " names \"" + id +
+              "\", which INFO does not list or which has no folder");
+    for (const std::string &cert_id : options.ids.empty() ? info.getMemberNames() : options.ids) {
+        if (!info.isMember(cert_id)) {
+            return Complain(std::string(kInfoPath) + " lists no certificate \"" + cert_id + "\"");
+        }
+        crts.append(LookAtCrt(cert_id, info[cert_id], facts));
     }
     if (options.ids.empty()) {
-        LookForOrphans(facts, report["findings"]);
+        LookForOrphans(facts, findings);
     } else {
-        report["findings"].clear();  // What belongs to no certificate was not asked for.
+        findings.clear();  // What belongs to no certificate was not asked for.
     }
     return true;
 }
 
-std::string ToLines(const Json::Value &findings, const std::string &indentation)
+std::string ToLine(const char *indentation, const std::string &text)
+{
+    return indentation + ToShownText(text) + "\n";
+}
+
+std::string ToLines(const char *indentation, const Json::Value &findings)
 {
     std::string lines;
     for (const Json::Value &finding : findings) {
-        lines += indentation + finding["severity"].asString() + " " + finding["code"].asString() + ": " +
-                 ToShownText(finding["text"].asString()) + "\n";
+        lines += ToLine(indentation, finding["severity"].asString() + " " + finding["code"].asString() +
+                                         ": " + finding["text"].asString());
     }
     return lines;
 }
 
 std::string CrtText(const Json::Value &crt)
 {
-    std::string text = crt["id"].asString() + ":" + (crt["default"].asBool() ? " default," : "") +
-                       (crt["self_made"].asBool() ? " self-made," : "");
+    const std::string text = crt["id"].asString() + ":" + (crt["default"].asBool() ? " default," : "") +
+                             (crt["self_made"].asBool() ? " self-made," : "");
     if (!crt.isMember("not_after")) {
         return text + " no certificate that can be read";
     }
@@ -159,27 +142,25 @@ std::string ToReportText(const Json::Value &report)
     std::string text;
     Json::ArrayIndex services = 0;
     for (const Json::Value &crt : report["certificates"]) {
-        text += ToShownText(CrtText(crt)) + "\n" + ToLines(crt["findings"], "  ");
+        text += ToLine("", CrtText(crt)) + ToLines("  ", crt["findings"]);
         services += crt["services"].size();
         for (const Json::Value &service : crt["services"]) {
-            text += "  " +
-                    ToShownText(service["subscriber"].asString() + "/" + service["service"].asString() +
-                                ": " + service["state"].asString() + ", " + service["folder"].asString()) +
-                    "\n" + ToLines(service["findings"], "    ");
+            text +=
+                ToLine("  ", service["subscriber"].asString() + "/" + service["service"].asString() + ": " +
+                                 service["state"].asString() + ", " + service["folder"].asString()) +
+                ToLines("    ", service["findings"]);
         }
     }
     return report["worst"].asString() + ": " + std::to_string(report["certificates"].size()) +
-           " certificates, " + std::to_string(services) + " services\n" + ToLines(report["findings"], "") +
+           " certificates, " + std::to_string(services) + " services\n" + ToLines("", report["findings"]) +
            text;
 }
 
 // The exit status for the worst finding anywhere in a report.
 int WorstIn(const Json::Value &report)
 {
-    int worst = 0;
-    if (report.isObject() && report.isMember("severity")) {
-        worst = report["severity"] == "critical" ? 2 : 1;
-    }
+    const std::string severity = GetString(report, "severity");
+    int worst = severity == "critical" ? 2 : severity == "warning" ? 1 : 0;
     for (const Json::Value &part : report) {
         worst = std::max(worst, WorstIn(part));
     }
@@ -193,8 +174,8 @@ int Status(const Options &options, Json::Value &)
     // Registrations come into SERVICES first and into INFO last, and replace folders between: what seems wrong is
     // looked at again, and once more while the books change.
     constexpr int kMostLooks = 3;
-    constexpr const char *kWorst[] = {"ok", "warning", "critical"};
     constexpr std::chrono::milliseconds kPause(300);
+    constexpr const char *kWorst[] = {"ok", "warning", "critical"};
 
     if (geteuid() != 0) {
         Complain("only root can read the keys");
@@ -204,10 +185,7 @@ int Status(const Options &options, Json::Value &)
     struct stat after = {};
     (void)stat(kInfoPath, &before);
     Json::Value report;
-    for (int looks = 1;; ++looks) {
-        if (!LookOnce(options, report)) {
-            return kCouldNotLook;
-        }
+    for (int looks = 1; LookOnce(options, report); ++looks) {
         const bool hasChanged = stat(kInfoPath, &after) != 0 || !IsSameFile(before, after);
         const int worst = WorstIn(report);
         if (worst == 0 || looks == kMostLooks || (looks > 1 && !hasChanged)) {
@@ -218,6 +196,7 @@ int Status(const Options &options, Json::Value &)
         }
         std::this_thread::sleep_for(kPause);
     }
+    return kCouldNotLook;
 }
 
 }  // namespace opalcrt
