@@ -19,11 +19,11 @@
 
 namespace opalcrt {
 
-RecoverLock::RecoverLock() : lock(kRecoverLock, kLockExclusive, kRecoverLockSeconds, UnlockLine::kStore)
+bool TakeRecoverLock(std::optional<ScopedLock> &lock)
 {
-    if (!lock.IsHeld()) {
-        RefuseCall(std::string("cannot lock ") + kRecoverLock + "; if another run holds it, try again");
-    }
+    lock.emplace(kRecoverLock, kLockExclusive, kRecoverLockSeconds, UnlockLine::kStore);
+    return lock->IsHeld() ||
+           RefuseCall(std::string("cannot lock ") + kRecoverLock + "; if another run holds it, try again");
 }
 
 bool RemoveNewFolder(const std::string &cert_id)
@@ -103,9 +103,9 @@ int Default(const Options &options, Json::Value &)
         return kDone;
     }
     const std::string &cert_id = *options.id;
-    const RecoverLock lock;
+    std::optional<ScopedLock> lock;
     Json::Value info;
-    if (!lock || !ReadInfo(info) || !IsUsableCrt(cert_id, info)) {
+    if (!TakeRecoverLock(lock) || !ReadInfo(info) || !IsUsableCrt(cert_id, info)) {
         return kRefused;
     }
     if (cert_id.size() > kLongestDefaultId || cert_id.find('\n') != std::string::npos) {

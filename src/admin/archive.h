@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "admin/verbs.h"
@@ -16,12 +17,8 @@
 
 namespace opalcrt {
 
-// The recovery lock; a refusal is told.
-struct RecoverLock {
-    RecoverLock();
-    explicit operator bool() const { return lock.IsHeld(); }
-    ScopedLock lock;
-};
+// Takes the recovery lock. False, told.
+bool TakeRecoverLock(std::optional<ScopedLock> &lock);
 
 // Removes what a run that was cut off, or could not end its work, has left of a new folder. False, told.
 bool RemoveNewFolder(const std::string &cert_id);

@@ -30,14 +30,12 @@ constexpr const char *kFolders[] = {
     "/usr/local/share/certificate.d", "/usr/local/libexec/certificate.d", "/usr/opal/etc/ssl",
 };
 
-// As many hexadecimal digits, the first of them below 8.
-std::string RandomDigits(size_t count)
+// 16 hexadecimal digits, the first of them below 8.
+std::string RandomDigits()
 {
     std::random_device random;
-    std::string digits(1, "01234567"[random() % 8]);
-    while (digits.size() < count) {
-        digits += "0123456789abcdef"[random() % 16];
-    }
+    char digits[17];
+    snprintf(digits, sizeof(digits), "%08x%08x", random() / 2, random());
     return digits;
 }
 
@@ -63,7 +61,7 @@ bool MakeSerialFile()
     if (HasSerialFile() || YLIBCFileExist(kMacAddressFile) != 0) {
         return true;
     }
-    return ReplaceFile(kSerialFile, RandomDigits(16) + "\n", kSerialFile) ||
+    return ReplaceFile(kSerialFile, RandomDigits() + "\n", kSerialFile) ||
            RefuseCall(std::string("cannot write ") + kSerialFile);
 }
 
@@ -91,8 +89,9 @@ bool MakeArchive(const std::string &cert_id)
 
 int Init(const Options &options, Json::Value &)
 {
-    const RecoverLock lock;
-    if (!lock || !std::all_of(std::begin(kFolders), std::end(kFolders), MakeFolder) || !MakeSerialFile()) {
+    std::optional<ScopedLock> lock;
+    if (!TakeRecoverLock(lock) || !std::all_of(std::begin(kFolders), std::end(kFolders), MakeFolder) ||
+        !MakeSerialFile()) {
         return kRefused;
     }
     std::error_code error;
@@ -100,7 +99,7 @@ int Init(const Options &options, Json::Value &)
         Say(options, std::string(kArchive) + ": left as it is");
         return kDone;
     }
-    const std::string cert_id = RandomDigits(8);
+    const std::string cert_id = RandomDigits().substr(0, 8);
     if (!MakeArchive(cert_id)) {
         return kRefused;
     }

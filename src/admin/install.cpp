@@ -3,10 +3,10 @@
 
 #include "admin/archive.h"
 #include "admin/install_plan.h"
-#include "admin/look.h"
 #include "admin/report.h"
 #include "common/json_member.h"
 #include "platform/atomic_file.h"
+#include "platform/file_read.h"
 #include "platform/file_test.h"
 #include "store/default_crt.h"
 #include "store/names.h"
@@ -31,20 +31,17 @@ void CheckId(const Options &options, const InstallFiles &files, Json::Value &fin
     Json::Value info;
     // The books and their temporary files have names that begin so; other names with a dot in front are ours, too.
     const bool isTaken = std::regex_match(id, std::regex("(INFO|SERVICES|DEFAULT)(\\..*)?|\\..*"));
-    if (!IsPlainFolderName("." + id + ".new") || id.empty() || isTaken || ToShownText(id) != id) {
-        AddIf(true, findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder");
-    } else if (!ReadInfo(info)) {
-        AddIf(true, findings, "book-broken",
-              std::string("without ") + kInfoPath + " nothing can be installed");
-    } else if (!options.isNew && !GetMember(info, id.c_str()).isObject()) {
-        AddIf(true, findings, "no-such-id", "there is no certificate " + id + "; with --new it is made");
-    } else if (options.isNew && info.isMember(id)) {
-        AddIf(true, findings, "in-info",
-              "there is a certificate " + id + " already; it is replaced without --new");
-    } else {
+    const bool isGood =
+        IsPlainFolderName("." + id + ".new") && !id.empty() && !isTaken && ToShownText(id) == id;
+    AddIf(!isGood, findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder") ||
+        AddIf(!ReadInfo(info), findings, "book-broken",
+              std::string("without ") + kInfoPath + " nothing can be installed") ||
+        AddIf(!options.isNew && !GetMember(info, id.c_str()).isObject(), findings, "no-such-id",
+              "there is no certificate " + id + "; with --new it is made") ||
+        AddIf(options.isNew && info.isMember(id), findings, "in-info",
+              "there is a certificate " + id + " already; it is replaced without --new") ||
         AddIf(options.isNew && YLIBCFileExist(folder.c_str()) != 0 && !IsMadeAlready(folder, files), findings,
               "folder-exists", folder + " is there, though INFO does not list it; move it away");
-    }
     AddIf(id.size() > kLongestDefaultId && LookAtFile(kDefaultPath).text == id + "\n", findings,
           "id-too-long", id + " would be the default certificate: at most 15 bytes");
 }
@@ -64,10 +61,13 @@ bool IsAllowed(const Json::Value &findings)
 // The exit status of all that is done under the recovery lock.
 int PutIntoArchive(const Options &options, const InstallFiles &files)
 {
-    const RecoverLock lock;
+    std::optional<ScopedLock> lock;
+    if (!TakeRecoverLock(lock)) {
+        return kRefused;
+    }
     Json::Value findings(Json::arrayValue);
     CheckId(options, files, findings);  // Another run may have changed the archive since the first look.
-    if (!lock || !IsAllowed(findings)) {
+    if (!IsAllowed(findings)) {
         return kRefused;
     }
     const int status = ReplaceCrtFolder(*options.id, [&files](const std::string &folder) {

@@ -5,10 +5,10 @@
 #include <cstring>
 
 #include "admin/certificate.h"
-#include "admin/look.h"
 #include "admin/report.h"
 #include "common/json_file.h"
 #include "deploy/key_types.h"
+#include "platform/file_read.h"
 #include "store/paths.h"
 
 namespace opalcrt {
@@ -27,18 +27,14 @@ PemContent ReadPem(const std::string &path, bool wantsKey, Json::Value &findings
 {
     const FileLook file = LookAtFile(path);
     PemContent content = ParsePem(file.text);
-    if (file.error != 0) {
-        const char *cause = file.error == EINVAL ? "it is no regular file" : strerror(file.error);
-        AddIf(true, findings, "unreadable", path + " cannot be read (at most 1 MiB): " + cause);
-    } else if (content.isBroken) {
-        AddIf(true, findings, "no-pem", path + " is damaged: a block in it cannot be read; get it anew");
-    } else if (wantsKey && content.hasEncryptedKey) {
-        AddIf(true, findings, "key-encrypted",
-              path + " has a password; take it off: openssl pkey -in " + path + " -out NEWFILE");
-    } else if (wantsKey ? content.keys.size() != 1 : content.crts.empty()) {
-        AddIf(true, findings, "no-pem",
+    const char *cause = file.error == EINVAL ? "it is no regular file" : strerror(file.error);
+    AddIf(file.error != 0, findings, "unreadable", path + " cannot be read (at most 1 MiB): " + cause) ||
+        AddIf(content.isBroken, findings, "no-pem",
+              path + " is damaged: a block in it cannot be read; get it anew") ||
+        AddIf(wantsKey && content.hasEncryptedKey, findings, "key-encrypted",
+              path + " has a password; take it off: openssl pkey -in " + path + " -out NEWFILE") ||
+        AddIf(wantsKey ? content.keys.size() != 1 : content.crts.empty(), findings, "no-pem",
               path + " does not hold " + (wantsKey ? "one private key" : "a certificate") + " in PEM");
-    }
     return content;
 }
 
@@ -52,12 +48,10 @@ std::vector<KeyPair> ReadKeys(const std::vector<std::string> &paths, Json::Value
         }
         const int id = EVP_PKEY_get_base_id(content.keys.front().get());
         const KeyType type = id == EVP_PKEY_EC ? KeyType::ECC : KeyType::RSA;
-        if (id != EVP_PKEY_RSA && id != EVP_PKEY_EC) {
-            AddIf(true, findings, "key-type", path + " holds neither an RSA nor an EC key");
-        } else if (!pairs.empty() && pairs.front().type == type) {
-            AddIf(true, findings, "key-type",
+        AddIf(id != EVP_PKEY_RSA && id != EVP_PKEY_EC, findings, "key-type",
+              path + " holds neither an RSA nor an EC key") ||
+            AddIf(!pairs.empty() && pairs.front().type == type, findings, "key-type",
                   path + " holds a second key of one type; two are an RSA and an EC key");
-        }
         pairs.push_back({std::move(content.keys.front()), type, path, {}});
     }
     return pairs;
@@ -98,12 +92,10 @@ void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpen
     std::vector<const X509 *> used;
     for (const KeyPair &pair : pairs) {
         used.insert(used.end(), pair.crts.begin(), pair.crts.end());
-        if (pair.crts.empty()) {
-            AddIf(true, findings, "key-mismatch",
-                  "the key in " + pair.keyFile + " fits none of the certificates given");
-        } else if (const X509 &last = *pair.crts.back();
-                   !IsSignedBy(last, last) && !IsIssuerWellKnown(last)) {
-            AddIf(true, findings, "chain-unknown",
+        if (!AddIf(pair.crts.empty(), findings, "key-mismatch",
+                   "the key in " + pair.keyFile + " fits none of the certificates given")) {
+            const X509 &last = *pair.crts.back();
+            AddIf(!IsSignedBy(last, last) && !IsIssuerWellKnown(last), findings, "chain-unknown",
                   "the chain of " + DescribeCrt(*pair.crts.front())["subject"].asString() +
                       " reaches no root that is known here; is a --chain missing?");
         }

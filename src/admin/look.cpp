@@ -25,11 +25,7 @@ namespace {
 // An open folder, in which names keep meaning the same files when its path is given to another one, and what has been
 // read of it. A folder that is not there has no files.
 struct FolderLook {
-    explicit FolderLook(const std::string &path)
-        : fd(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
-          inside("/proc/self/fd/" + std::to_string(fd.Get()) + "/")
-    {
-    }
+    explicit FolderLook(const std::string &path) : fd(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
 
     const FileLook &File(const std::string &name)
     {
@@ -53,7 +49,7 @@ struct FolderLook {
     }
 
     UniqueFd fd;
-    std::string inside;
+    std::string inside = "/proc/self/fd/" + std::to_string(fd.Get()) + "/";
     std::map<std::string, FileLook> files;
 };
 
@@ -212,25 +208,6 @@ Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
 
 }  // namespace
 
-FileLook LookAtFile(const std::string &path, int folder)
-{
-    constexpr size_t kLargestFile = 1024UL * 1024;
-
-    FileLook look;
-    const UniqueFd fd = OpenRegularFile(path.c_str(), folder);
-    if (!fd.IsOpen() || fstat(fd.Get(), &look.info) != 0 || !ReadWhole(fd.Get(), kLargestFile, look.text)) {
-        look.error = errno;
-        look.text.clear();
-    }
-    return look;
-}
-
-bool IsService(const Json::Value &element)
-{
-    const std::string subscriber = GetString(element, "subscriber");
-    return IsUsableSubscriber(subscriber) && IsUsableService(subscriber, GetString(element, "service"));
-}
-
 Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, StoreFacts &facts)
 {
     Json::Value crt(Json::objectValue);
@@ -258,7 +235,7 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
             LookAtPair(folder, prefix, facts.days, findings);
         }
         for (const Json::Value &element : listed) {
-            if (IsService(element)) {
+            if (HasUsableNames(element)) {
                 services.append(LookAtService(element, folder, prefixes, facts));
             } else {
                 AddIf(true, findings, "book-broken",

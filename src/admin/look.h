@@ -2,9 +2,7 @@
 // it asks with log lines, and mends.
 #pragma once
 
-#include <fcntl.h>
 #include <json/value.h>
-#include <sys/stat.h>
 
 #include <map>
 #include <optional>
@@ -14,14 +12,6 @@
 #include "store/service.h"
 
 namespace opalcrt {
-
-struct FileLook {
-    int error = 0;  // errno when it could not be read: EINVAL for no regular file, EFBIG for one over 1 MiB
-    std::string text;
-    struct stat info = {};
-};
-
-FileLook LookAtFile(const std::string &path, int folder = AT_FDCWD);
 
 // What is the same for all certificates of one look.
 struct StoreFacts {
@@ -33,9 +23,6 @@ struct StoreFacts {
     std::set<std::string> folders;       // looked at until now
     std::map<std::string, uid_t> users;  // asked for until now
 };
-
-// Whether an element of a book names a service that can have a folder.
-bool IsService(const Json::Value &element);
 
 // The part of the report (admin/verbs.h) for one certificate of INFO and the services that have it. Without `not_after`
 // where no certificate could be read.

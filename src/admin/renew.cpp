@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <optional>
 
 #include "admin/archive.h"
 #include "admin/certificate.h"
@@ -10,6 +9,7 @@
 #include "platform/file_test.h"
 #include "platform/string_list.h"
 #include "store/default_crt.h"
+#include "store/paths.h"
 
 namespace opalcrt {
 
@@ -52,16 +52,20 @@ int MakeNewSet(const std::string &cert_id, const Json::Value &names)
 // nobody who has something better.
 int RollOutRest(const Options &options, const Json::Value &info, const Json::Value &crt, Json::Value &report)
 {
-    const bool isMended = std::any_of(crt["findings"].begin(), crt["findings"].end(),
-                                      [](const Json::Value &finding) { return finding["code"] == "mended"; });
+    std::set<ServiceName> behind;
+    for (const Json::Value &service : crt["services"]) {
+        const std::string backup = service["folder"].asString() + kBackupSuffix;
+        if (service["state"] != "current" || YLIBCFileExist(backup.c_str()) != 0) {
+            behind.insert(NameOf(service));
+        }
+    }
+    for (const Json::Value &finding : crt["findings"]) {
+        if (finding["code"] == "mended") {
+            behind.clear();
+        }
+    }
     const auto isBehind = [&](const std::string &cert_id, const Json::Value &service) {
-        return cert_id == *options.id && !isMended &&
-               std::any_of(crt["services"].begin(), crt["services"].end(),
-                           [&service](const Json::Value &looked) {
-                               return NameOf(looked) == NameOf(service) &&
-                                      (looked["state"] != "current" ||
-                                       YLIBCFileExist((looked["folder"].asString() + ".bak").c_str()) != 0);
-                           });
+        return cert_id == *options.id && behind.contains(NameOf(service));
     };
     const ServicesByCrt rest = ListServices(info, isBehind);
     if (rest.empty()) {
@@ -79,12 +83,9 @@ int Renew(const Options &given, Json::Value &report)
     options.id = given.id.value_or(ReadDefCrtId());
     const std::string &id = *options.id;
     report["id"] = id;
-    std::optional<RecoverLock> lock;  // Who only asks waits for nobody.
-    if (!options.onlyCheck) {
-        lock.emplace();
-    }
+    std::optional<ScopedLock> lock;  // Who only asks waits for nobody.
     Json::Value info;
-    if ((lock && !*lock) || !ReadInfo(info) || !IsListedCrt(id, info)) {
+    if ((!options.onlyCheck && !TakeRecoverLock(lock)) || !ReadInfo(info) || !IsListedCrt(id, info)) {
         return kRefused;
     }
     StoreFacts facts;

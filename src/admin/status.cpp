@@ -37,7 +37,7 @@ void LookAtServicesBook(const Json::Value &services, StoreFacts &facts, Json::Va
     facts.registered.emplace();
     for (const Json::Value &element : services) {
         const std::string name = GetString(element, "subscriber") + "/" + GetString(element, "service");
-        if (!IsService(element)) {
+        if (!HasUsableNames(element)) {
             AddIf(true, findings, "book-broken",
                   "SERVICES lists something that is no service: " + ToLogText(element));
         } else {

@@ -14,7 +14,6 @@
 #include "platform/services.h"
 #include "store/crt_info.h"
 #include "store/default_crt.h"
-#include "store/names.h"
 #include "store/paths.h"
 #include "store/service.h"
 
@@ -94,9 +93,7 @@ bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::str
 {
     // The names become paths that root removes and runs: those from a definition were looked at there, those that
     // another caller takes from a book were not.
-    const std::string subscriber = GetString(serviceObj, "subscriber");
-    if (!IsServiceObjValid(serviceObj) || !IsUsableSubscriber(subscriber) ||
-        !IsUsableService(subscriber, GetString(serviceObj, "service"))) {
+    if (!IsServiceObjValid(serviceObj) || !HasUsableNames(serviceObj)) {
         return LOG_ERROR("service object is error.");
     }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <memory>
@@ -12,8 +13,8 @@
 namespace opalcrt {
 
 // Opens a regular file for reading, close-on-exec. Anything else in its place (a folder, a fifo, a device)
-// is refused without waiting for it: errno is EINVAL then. Follows links.
-// A relative path leads from the open folder. A descriptor that is not open, with the platform error state and errno set, on failure.
+// is refused without waiting for it: errno is EINVAL then. Follows links. A relative path leads from the open folder.
+// A descriptor that is not open, with the platform error state and errno set, on failure.
 UniqueFd OpenRegularFile(const char *path, int folder = AT_FDCWD);
 
 struct FileCloser {
@@ -29,6 +30,14 @@ char *YLIBCFgets(char *buffer, int size, FILE *file);
 
 // Reads what is left of `fd`, at most `limit` bytes: more is a failure with EFBIG. False with errno set.
 bool ReadWhole(int fd, size_t limit, std::string &text);
+
+// A regular file of at most 1 MiB, as all are but the books, for who wants to know why it could not be read.
+struct FileLook {
+    int error = 0;  // errno of OpenRegularFile or ReadWhole
+    std::string text;
+    struct stat info = {};
+};
+FileLook LookAtFile(const std::string &path, int folder = AT_FDCWD);
 
 // Takes a UTF-8 byte order mark (EF BB BF) from the start of the file, which is replaced as a whole and keeps
 // its mode and owner. 0 on success, also when there is none; -1, file untouched, with the error state set.

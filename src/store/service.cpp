@@ -2,6 +2,7 @@
 
 #include "common/json_member.h"
 #include "common/log.h"
+#include "store/names.h"
 
 namespace opalcrt {
 
@@ -47,6 +48,12 @@ bool IsServiceObjValid(const Json::Value &serviceObj)
         }
     }
     return true;
+}
+
+bool HasUsableNames(const Json::Value &serviceObj)
+{
+    const std::string subscriber = GetString(serviceObj, "subscriber");
+    return IsUsableSubscriber(subscriber) && IsUsableService(subscriber, GetString(serviceObj, "service"));
 }
 
 ServiceName NameOf(const Json::Value &serviceObj)

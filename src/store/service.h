@@ -19,6 +19,9 @@ namespace opalcrt {
 // Whether the service object is as above. Only a missing member is logged.
 bool IsServiceObjValid(const Json::Value &serviceObj);
 
+// Whether both names can become folders (store/names.h).
+bool HasUsableNames(const Json::Value &serviceObj);
+
 // What a service is known by. The views are into the object and have no data where the member is missing or no string.
 struct ServiceName {
     std::string_view subscriber;
