@@ -42,16 +42,14 @@ int ReplaceCrtFolder(const std::string &cert_id, const std::function<bool(const 
     if (!RemoveNewFolder(cert_id)) {
         return kRefused;
     }
-    if (OPALFSMkdirP(fresh.c_str(), nullptr, 0, 0, 0, 0700) != 0) {
-        return RefuseCall("cannot make " + fresh);
-    }
-    bool isReplaced = fill(fresh);
-    if (isReplaced &&
-        (!SyncPath(fresh) || renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, folder.c_str(), how) != 0)) {
-        const bool isUnable = errno == EINVAL || errno == ENOSYS;
-        isReplaced = RefuseCall("cannot replace " + folder +
-                                (isUnable ? ": its file system exchanges no folders in one step" : ""));
-    }
+    // An errno of renameat2(2) that says that it is the file system which cannot.
+    const auto isUnable = [] { return errno == EINVAL || errno == ENOSYS; };
+    const bool isReplaced =
+        (OPALFSMkdirP(fresh.c_str(), nullptr, 0, 0, 0, 0700) == 0 || RefuseCall("cannot make " + fresh)) &&
+        fill(fresh) &&
+        ((SyncPath(fresh) && renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, folder.c_str(), how) == 0) ||
+         RefuseCall("cannot replace " + folder +
+                    (isUnable() ? ": its file system exchanges no folders in one step" : "")));
     if (!isReplaced) {
         RemovePath(fresh);
         return kRefused;
@@ -105,17 +103,16 @@ int Default(const Options &options, Json::Value &)
     const std::string &cert_id = *options.id;
     std::optional<ScopedLock> lock;
     Json::Value info;
-    if (!TakeRecoverLock(lock) || !ReadInfo(info) || !IsUsableCrt(cert_id, info)) {
-        return kRefused;
+    const bool isSet =
+        TakeRecoverLock(lock) && ReadInfo(info) && IsUsableCrt(cert_id, info) &&
+        ((cert_id.size() <= kLongestDefaultId && cert_id.find('\n') == std::string::npos) ||
+         Refuse(cert_id + " cannot be the default certificate: its id has more than 15 bytes")) &&
+        (ReplaceFile(kDefaultPath, cert_id + "\n", kDefaultPath) ||
+         RefuseCall(std::string("cannot write ") + kDefaultPath));
+    if (isSet) {
+        Say(options, cert_id + ": the certificate of new services");
     }
-    if (cert_id.size() > kLongestDefaultId || cert_id.find('\n') != std::string::npos) {
-        return Refuse(cert_id + " cannot be the default certificate: its id has more than 15 bytes");
-    }
-    if (!ReplaceFile(kDefaultPath, cert_id + "\n", kDefaultPath)) {
-        return RefuseCall(std::string("cannot write ") + kDefaultPath);
-    }
-    Say(options, cert_id + ": the certificate of new services");
-    return kDone;
+    return isSet ? kDone : kRefused;
 }
 
 }  // namespace opalcrt

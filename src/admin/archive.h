@@ -8,7 +8,6 @@
 #include <json/value.h>
 
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 
@@ -41,18 +40,13 @@ bool IsListedCrt(const std::string &cert_id, const Json::Value &info);
 // Whether it also has a folder that is complete, as it is, without a mend. False, told.
 bool IsUsableCrt(const std::string &cert_id, const Json::Value &info);
 
-using ServicesByCrt = std::map<std::string, Json::Value>;
+// Whether a service that INFO lists under a certificate is to get something.
+using IsMeant = std::function<bool(const std::string &cert_id, const Json::Value &service)>;
 
-// Those of INFO's services that are meant, by the certificate that each has: one that is listed several times has the
-// first, in byte order of the ids, as the engine sees it too. What is no service is left out.
-ServicesByCrt ListServices(
-    const Json::Value &info,
-    const std::function<bool(const std::string &cert_id, const Json::Value &service)> &isMeant);
-
-// Gives the services what the archive holds of the certificate `cert_id`, or, when that is empty, of the one that each
-// has, and runs their hooks; a line for each as it happens. Certificates that are not complete are refused, not mended.
-// Adds them to `report`, and answers the exit status.
-int RollOut(const ServicesByCrt &services, const std::string &cert_id, const Json::Value &info,
-            const Options &options, Json::Value &report);
+// Gives the services that are meant the certificate `options.id`, when it `assigns`, or else what the archive holds of
+// the one that each has, and runs their hooks; a line for each as it happens. Certificates that are not complete are
+// refused, not mended; so is all when that is so of `options.id`, or INFO does not list it. Adds the services to `report`,
+// and answers the exit status.
+int RollOut(const Options &options, bool assigns, const IsMeant &isMeant, Json::Value &report);
 
 }  // namespace opalcrt

@@ -42,12 +42,11 @@ std::string RandomDigits()
 // What subjectAltName gets: clients also reach the machine by its own name.
 std::string MakeAliasText()
 {
-    char name[HOST_NAME_MAX + 1] = {};
-    if (gethostname(name, sizeof(name) - 1) != 0 || !IsHostName(name) || name == std::string("localhost") ||
-        name == std::string(kDefaultName)) {
-        return kDefaultName;
-    }
-    return std::string(kDefaultName) + ";" + name;
+    char text[HOST_NAME_MAX + 1] = {};
+    (void)gethostname(text, sizeof(text) - 1);
+    const std::string name = text;
+    const bool isOwn = IsHostName(name) && name != "localhost" && name != kDefaultName;
+    return isOwn ? kDefaultName + (";" + name) : kDefaultName;
 }
 
 bool MakeFolder(const std::string &folder)
@@ -58,10 +57,8 @@ bool MakeFolder(const std::string &folder)
 // Where there is no kernel file the tool can make no serial file, so no certificate could be made or mended.
 bool MakeSerialFile()
 {
-    if (HasSerialFile() || YLIBCFileExist(kMacAddressFile) != 0) {
-        return true;
-    }
-    return ReplaceFile(kSerialFile, RandomDigits() + "\n", kSerialFile) ||
+    return HasSerialFile() || YLIBCFileExist(kMacAddressFile) != 0 ||
+           ReplaceFile(kSerialFile, RandomDigits() + "\n", kSerialFile) ||
            RefuseCall(std::string("cannot write ") + kSerialFile);
 }
 
@@ -70,19 +67,16 @@ bool MakeArchive(const std::string &cert_id)
 {
     const std::string archive = kNewArchive;
     const std::string folder = archive + "/" + cert_id;
-    if (!RemovePath(archive) || !MakeFolder(kNewArchive) || !MakeFolder(folder)) {
-        return false;
-    }
-    if (genNamedCrtSet(folder, kDefaultName, MakeAliasText()) != 0) {
-        return Refuse("cannot generate a certificate; the system log says why");
-    }
+    const Json::Value services(Json::arrayValue);
     Json::Value info(Json::objectValue);
     info[cert_id]["desc"] = "made at installation";
-    info[cert_id]["services"] = Json::Value(Json::arrayValue);
-    return (toFile(archive + "/INFO", info, true) &&
-            toFile(archive + "/SERVICES", Json::Value(Json::arrayValue), true) &&
-            ReplaceFile(archive + "/DEFAULT", cert_id + "\n", std::string()) && SyncTree(archive)) ||
-           RefuseCall("cannot write " + archive);
+    info[cert_id]["services"] = services;
+    return RemovePath(archive) && MakeFolder(archive) && MakeFolder(folder) &&
+           (genNamedCrtSet(folder, kDefaultName, MakeAliasText()) == 0 ||
+            Refuse("cannot generate a certificate; the system log says why")) &&
+           ((toFile(archive + "/INFO", info, true) && toFile(archive + "/SERVICES", services, true) &&
+             ReplaceFile(archive + "/DEFAULT", cert_id + "\n", std::string()) && SyncTree(archive)) ||
+            RefuseCall("cannot write " + archive));
 }
 
 }  // namespace
@@ -100,15 +94,14 @@ int Init(const Options &options, Json::Value &)
         return kDone;
     }
     const std::string cert_id = RandomDigits().substr(0, 8);
-    if (!MakeArchive(cert_id)) {
-        return kRefused;
-    }
     // rename(2) takes the place of an empty folder, and of nothing else.
-    if (rename(kNewArchive, kArchive) != 0 || !SyncParent(kArchive)) {
-        return RefuseCall(std::string("cannot move ") + kNewArchive + " to " + kArchive);
+    const bool isMade =
+        MakeArchive(cert_id) && ((rename(kNewArchive, kArchive) == 0 && SyncParent(kArchive)) ||
+                                 RefuseCall(std::string("cannot move ") + kNewArchive + " to " + kArchive));
+    if (isMade) {
+        Say(options, std::string(kArchive) + ": made, with the certificate " + cert_id);
     }
-    Say(options, std::string(kArchive) + ": made, with the certificate " + cert_id);
-    return kDone;
+    return isMade ? kDone : kRefused;
 }
 
 }  // namespace opalcrt

@@ -17,16 +17,6 @@ namespace {
 
 constexpr size_t kLongestCommonName = 64;  // RFC 5280, A.1
 
-// Fewer days are left, or a wanted name is missing.
-bool IsDue(const Options &options, const Json::Value &crt)
-{
-    const Json::Value &names = crt["names"];
-    return crt["seconds_left"].asInt64() < options.days * kDaySeconds ||
-           std::any_of(options.names.begin(), options.names.end(), [&names](const std::string &name) {
-               return std::find(names.begin(), names.end(), name) == names.end();
-           });
-}
-
 // Whether a certificate can be made for them; a refusal is told.
 bool AreGoodNames(const Json::Value &names)
 {
@@ -50,7 +40,7 @@ int MakeNewSet(const std::string &cert_id, const Json::Value &names)
 
 // A run before this one may have ended between the exchange and the last service. What a mend has made is given to
 // nobody who has something better.
-int RollOutRest(const Options &options, const Json::Value &info, const Json::Value &crt, Json::Value &report)
+int RollOutRest(const Options &options, const Json::Value &crt, Json::Value &report)
 {
     std::set<ServiceName> behind;
     for (const Json::Value &service : crt["services"]) {
@@ -64,15 +54,14 @@ int RollOutRest(const Options &options, const Json::Value &info, const Json::Val
             behind.clear();
         }
     }
-    const auto isBehind = [&](const std::string &cert_id, const Json::Value &service) {
-        return cert_id == *options.id && behind.contains(NameOf(service));
-    };
-    const ServicesByCrt rest = ListServices(info, isBehind);
-    if (rest.empty()) {
+    if (behind.empty()) {
         report["result"] = "not-due";
         return kDone;
     }
-    return RollOut(rest, "", info, options, report);
+    const auto isBehind = [&](const std::string &cert_id, const Json::Value &service) {
+        return cert_id == *options.id && behind.contains(NameOf(service));
+    };
+    return RollOut(options, false, isBehind, report);
 }
 
 }  // namespace
@@ -98,10 +87,12 @@ int Renew(const Options &given, Json::Value &report)
         report["result"] = "not-self-made";
         return kDone;
     }
-    const bool isDue = IsDue(options, crt);
-    Json::Value names = options.names.empty() ? crt["names"] : Json::Value(Json::arrayValue);
+    const Json::Value &old_names = crt["names"];
+    Json::Value names = options.names.empty() ? old_names : Json::Value(Json::arrayValue);
+    bool isDue = crt["seconds_left"].asInt64() < options.days * kDaySeconds;
     for (const std::string &name : options.names) {
         names.append(name);
+        isDue = isDue || std::find(old_names.begin(), old_names.end(), name) == old_names.end();
     }
     if (isDue && !AreGoodNames(names)) {
         return kRefused;
@@ -112,8 +103,11 @@ int Renew(const Options &given, Json::Value &report)
     }
     const int status = isDue ? MakeNewSet(id, names) : RemoveNewFolder(id) ? kDone : kRefused;
     lock.reset();
-    if (status != kDone || !isDue) {
-        return status == kDone ? RollOutRest(options, info, crt, report) : status;
+    if (status != kDone) {
+        return status;
+    }
+    if (!isDue) {
+        return RollOutRest(options, crt, report);
     }
     Say(options, id + ": renewed, for " + Join(names));
     return Deploy(options, report) == kDone ? kDone : kPartlyChanged;

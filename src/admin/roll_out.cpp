@@ -1,3 +1,4 @@
+#include <map>
 #include <set>
 
 #include "admin/archive.h"
@@ -54,14 +55,12 @@ bool ListOnce(const std::string &cert_id, const Json::Value &services)
     });
 }
 
-}  // namespace
-
-ServicesByCrt ListServices(
-    const Json::Value &info,
-    const std::function<bool(const std::string &cert_id, const Json::Value &service)> &isMeant)
+// Those of INFO's services that are meant, by the certificate that each has: one that is listed several times has the
+// first, in byte order of the ids, as the engine sees it too. What is no service is left out.
+std::map<std::string, Json::Value> ListServices(const Json::Value &info, const IsMeant &isMeant)
 {
     std::set<ServiceName> seen;
-    ServicesByCrt services;
+    std::map<std::string, Json::Value> services;
     for (auto entry = info.begin(); entry != info.end(); ++entry) {
         const Json::Value &listed = GetMember(*entry, "services");
         for (Json::ArrayIndex at = 0; listed.isArray() && at < listed.size(); ++at) {
@@ -74,10 +73,16 @@ ServicesByCrt ListServices(
     return services;
 }
 
-int RollOut(const ServicesByCrt &services, const std::string &cert_id, const Json::Value &info,
-            const Options &options, Json::Value &report)
+}  // namespace
+
+int RollOut(const Options &options, bool assigns, const IsMeant &isMeant, Json::Value &report)
 {
     Json::Value &told = report["services"] = Json::Value(Json::arrayValue);
+    Json::Value info;
+    if (!ReadInfo(info) || (options.id && !IsUsableCrt(*options.id, info))) {
+        return kRefused;
+    }
+    const std::map<std::string, Json::Value> services = ListServices(info, isMeant);
     Json::Value moved(Json::arrayValue);
     bool allDone = true;
     const auto tell = [&](const Json::Value &serviceObj, const ServiceOutcome &outcome) {
@@ -87,54 +92,44 @@ int RollOut(const ServicesByCrt &services, const std::string &cert_id, const Jso
         }
     };
     for (const auto &[old_id, list] : services) {
-        const std::string &new_id = cert_id.empty() ? old_id : cert_id;
-        const int action = cert_id.empty() ? kActionDeploy : kActionAssign;
+        const std::string &new_id = assigns ? *options.id : old_id;
+        const int action = assigns ? kActionAssign : kActionDeploy;
         // Asked for here, since the engine would mend it: nobody wants a new key in place of a bought one.
         const bool isGiven =
             IsUsableCrt(new_id, info) && SetCrtForServices(new_id, list, old_id, action, tell, false);
         allDone = isGiven && allDone;
     }
-    if (!allDone && told.empty()) {
-        return kRefused;
+    if (told.empty()) {
+        return allDone ? kDone : kRefused;
     }
-    allDone = (cert_id.empty() || ListOnce(cert_id, moved)) && allDone;
+    allDone = (!assigns || ListOnce(*options.id, moved)) && allDone;
     ReloadRelayDaemon();
     return allDone ? kDone : kPartlyChanged;
 }
 
 int Deploy(const Options &options, Json::Value &report)
 {
-    report["services"] = Json::Value(Json::arrayValue);
     if (options.id) {
         report["id"] = *options.id;
     }
-    Json::Value info;
-    if (!ReadInfo(info) || (options.id && !IsUsableCrt(*options.id, info))) {
-        return kRefused;
-    }
-    const ServicesByCrt services =
-        ListServices(info, [&options](const std::string &cert_id, const Json::Value &) {
-            return cert_id == options.id.value_or(cert_id);
-        });
-    return RollOut(services, "", info, options, report);
+    const auto isMeant = [&options](const std::string &cert_id, const Json::Value &) {
+        return cert_id == options.id.value_or(cert_id);
+    };
+    return RollOut(options, false, isMeant, report);
 }
 
 int Assign(const Options &options, Json::Value &report)
 {
     report["id"] = *options.id;
-    Json::Value info;
-    if (!ReadInfo(info) || !IsUsableCrt(*options.id, info)) {
-        return kRefused;
-    }
-    const ServicesByCrt services =
-        ListServices(info, [&options](const std::string &, const Json::Value &service) {
-            return MatchService(service, options.subscriber, options.service);
-        });
-    if (services.empty()) {
+    const auto isMeant = [&options](const std::string &, const Json::Value &service) {
+        return MatchService(service, options.subscriber, options.service);
+    };
+    const int status = RollOut(options, true, isMeant, report);
+    if (status == kDone && report["services"].empty()) {
         return Refuse("INFO lists no service " + options.service + " of " + options.subscriber +
                       "; register it first, opalcrt status lists them");
     }
-    return RollOut(services, *options.id, info, options, report);
+    return status;
 }
 
 }  // namespace opalcrt

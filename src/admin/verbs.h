@@ -14,8 +14,8 @@ constexpr int kDone = 0;
 constexpr int kRefused = 1;        // or failed; nothing was changed
 constexpr int kPartlyChanged = 3;  // changed, but not to the end
 constexpr int kWrongUsage = 64;
-constexpr int kCouldNotLook =
-    3;  // of `status`, which ends as monitoring plugins do: 1 a warning, 2 something critical
+// Of `status`, which ends as monitoring plugins do: 1 a warning, 2 something critical.
+constexpr int kCouldNotLook = 3;
 
 // What the command line says.
 struct Options {
