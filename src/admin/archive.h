@@ -8,6 +8,7 @@
 #include <json/value.h>
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -27,6 +28,13 @@ bool RemoveNewFolder(const std::string &cert_id);
 // removes the old one. The exit status: after kRefused the archive is as it was; after kPartlyChanged the new folder
 // stands, but may not survive a power cut, or the old one is not removed.
 int ReplaceCrtFolder(const std::string &cert_id, const std::function<bool(const std::string &folder)> &fill);
+
+// Names and contents of a new folder's files.
+using CrtFiles = std::map<std::string, std::string>;
+
+// Reads and checks the files that an administrator has given, and makes the new ones of them. All that is wrong goes into
+// `findings`, not the first thing only; when something critical is among them, the files are worth nothing.
+CrtFiles PlanInstall(const Options &options, Json::Value &findings);
 
 // INFO as it is now. False, told, when it is no JSON object.
 bool ReadInfo(Json::Value &info);

@@ -2,7 +2,6 @@
 #include <regex>
 
 #include "admin/archive.h"
-#include "admin/install_plan.h"
 #include "admin/report.h"
 #include "common/json_member.h"
 #include "platform/atomic_file.h"
@@ -17,14 +16,14 @@ namespace opalcrt {
 namespace {
 
 // What a cut-off run of the same command has left: only its entry in INFO is missing.
-bool IsMadeAlready(const std::string &folder, const InstallFiles &files)
+bool IsMadeAlready(const std::string &folder, const CrtFiles &files)
 {
     return !files.empty() && std::all_of(files.begin(), files.end(), [&folder](const auto &file) {
         return LookAtFile(folder + "/" + file.first).text == file.second;
     });
 }
 
-void CheckId(const Options &options, const InstallFiles &files, Json::Value &findings)
+void CheckId(const Options &options, const CrtFiles &files, Json::Value &findings)
 {
     const std::string &id = *options.id;
     const std::string folder = GetCrtFolderPath(id);
@@ -59,7 +58,7 @@ bool IsAllowed(const Json::Value &findings)
 }
 
 // The exit status of all that is done under the recovery lock.
-int PutIntoArchive(const Options &options, const InstallFiles &files)
+int PutIntoArchive(const Options &options, const CrtFiles &files)
 {
     std::optional<ScopedLock> lock;
     if (!TakeRecoverLock(lock)) {
@@ -89,7 +88,7 @@ int Install(const Options &options, Json::Value &report)
 {
     report["id"] = *options.id;
     Json::Value &findings = report["findings"] = Json::Value(Json::arrayValue);
-    const InstallFiles files = PlanInstall(options, findings);
+    const CrtFiles files = PlanInstall(options, findings);
     CheckId(options, files, findings);
     if (!IsAllowed(findings)) {
         return kRefused;

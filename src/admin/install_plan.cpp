@@ -1,4 +1,4 @@
-#include "admin/install_plan.h"
+#include "admin/archive.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -121,40 +121,41 @@ void WarnOfLostNames(const std::string &id, const X509 &crt, Json::Value &findin
     }
 }
 
-void AddFiles(const KeyPair &pair, const std::string &prefix, InstallFiles &files)
+void AddFiles(const KeyPair &pair, const std::string &prefix, CrtFiles &files)
 {
     const std::string crt = ToPem(*pair.crts.front());
-    std::string chain;
-    for (size_t at = 1; at < pair.crts.size(); ++at) {
-        chain += ToPem(*pair.crts[at]);
+    std::string full;
+    for (const X509 *each : pair.crts) {
+        full += ToPem(*each);
     }
     files[prefix + "cert.pem"] = crt;
     files[prefix + "privkey.pem"] = ToPem(*pair.key);
-    files[prefix + "fullchain.pem"] = crt + chain;
-    if (prefix.empty() && !chain.empty()) {
-        files["chain.pem"] = chain;
+    files[prefix + "fullchain.pem"] = full;
+    if (prefix.empty() && full != crt) {
+        files["chain.pem"] = full.substr(crt.size());
     }
 }
 
 }  // namespace
 
-InstallFiles PlanInstall(const Options &options, Json::Value &findings)
+CrtFiles PlanInstall(const Options &options, Json::Value &findings)
 {
     std::vector<KeyPair> pairs = ReadKeys(options.keyFiles, findings);
     const std::vector<UniqueOpenSSL<X509>> crts = ReadCrts(options, findings);
     if (!findings.empty()) {
         return {};  // Without one of the files nothing sensible can be said of how the others fit together.
     }
+    bool allFit = true;
     for (KeyPair &pair : pairs) {
         pair.crts = OrderChain(*pair.key, crts);
+        allFit = allFit && !pair.crts.empty();
     }
     CheckChains(pairs, crts, findings);
-    if (std::any_of(pairs.begin(), pairs.end(), [](const KeyPair &pair) { return pair.crts.empty(); })) {
+    if (!allFit) {
         return {};
     }
-
     WarnOfLostNames(*options.id, *pairs.front().crts.front(), findings);
-    InstallFiles files;
+    CrtFiles files;
     AddFiles(pairs.front(), "", files);
     if (pairs.size() == 2) {
         Json::Value types;

@@ -41,7 +41,7 @@ struct FolderLook {
     {
         Json::Value missing;
         for (const char *name : kKeyTypeFiles) {
-            if (const int error = File(prefix + name).error; error != 0 && IsMissing(error)) {
+            if (IsMissing(File(prefix + name).error)) {
                 missing.append(prefix + name);
             }
         }
@@ -123,8 +123,7 @@ std::vector<std::string> ListUsedPrefixes(const FolderLook &copy, const std::str
     return prefixes;
 }
 
-// Compares files of the service with the archive's, and appends the names of those that differ. Parsed is only what
-// differs.
+// Compares files of the service with the archive's, and appends the names of those that differ: only these are parsed.
 void LookAtCopy(FolderLook &copy, FolderLook &archive, const std::string &prefix, const std::string &owner,
                 StoreFacts &facts, Json::Value &differing, Json::Value &findings)
 {
@@ -137,12 +136,11 @@ void LookAtCopy(FolderLook &copy, FolderLook &archive, const std::string &prefix
     if (isNew) {
         (void)OPALUserGetUGID(owner, &user->second, nullptr);
     }
+    const struct stat &info = keyFile.info;
     char found[64];
-    snprintf(found, sizeof(found), "mode %04o and user %u", keyFile.info.st_mode & 07777,
-             keyFile.info.st_uid);
-    AddIf((keyFile.info.st_mode & 0377) != 0 || keyFile.info.st_uid != user->second, findings, "copy-exposed",
+    snprintf(found, sizeof(found), "mode %04o and user %u", info.st_mode & 07777, info.st_uid);
+    AddIf((info.st_mode & 0377) != 0 || info.st_uid != user->second, findings, "copy-exposed",
           prefix + "privkey.pem has " + found + " instead of 0400 and " + owner);
-
     std::vector<std::string> names(std::begin(kKeyTypeFiles), std::end(kKeyTypeFiles));
     if (prefix.empty()) {
         names.insert(names.end(), {"chain.pem", "opal-ca-cert.pem"});
@@ -179,7 +177,6 @@ Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
     service["state"] = "current";
     Json::Value &findings = service["findings"] = Json::Value(Json::arrayValue);
     facts.folders.insert(path);
-
     FolderLook copy(path);
     const std::vector<std::string> used = ListUsedPrefixes(copy, path);
     Json::Value differing(Json::arrayValue);
@@ -187,11 +184,11 @@ Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
         LookAtCopy(copy, archive, prefix, GetString(element, "owner"), facts, differing, findings);
     }
     const bool isMultiple = GetBool(element, "multiple_cert") && !typePrefixes.empty();
-    if (used != (isMultiple ? typePrefixes : std::vector{std::string()}) && !used.empty()) {
+    if (!AddIf(used.empty(), findings, "copy-missing",
+               path + "/info, which names the files, is missing or broken") &&
+        used != (isMultiple ? typePrefixes : std::vector{std::string()})) {
         differing.append("the key types");
     }
-    AddIf(used.empty(), findings, "copy-missing",
-          path + "/info, which names the files, is missing or broken");
     AddIf(!differing.empty(), findings, "old-copy", "differs from the archive: " + Join(differing));
     for (const Json::Value &finding : findings) {
         const std::string code = finding["code"].asString();
@@ -214,7 +211,7 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
     Json::Value findings(Json::arrayValue);
     Json::Value services(Json::arrayValue);
     crt["names"] = Json::Value(Json::arrayValue);
-    bool isSelfMade = false;
+    crt["self_made"] = false;
     const Json::Value &listed = GetMember(entry, "services");
     if (!AddIf(!listed.isArray() || !IsPlainFolderName(cert_id), findings, "book-broken",
                "INFO has an entry that is none of a certificate: " + cert_id)) {
@@ -228,8 +225,8 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
         LookAtCrtFolder(path, folder, prefixes, findings);
         if (const UniqueOpenSSL<X509> main = LookAtPair(folder, "", facts.days, findings)) {
             const UniqueOpenSSL<X509> ca = FirstCrt(folder.File("opal-ca-cert.pem").text);
-            isSelfMade = ca != nullptr && IsSignedBy(*main, *ca);
             crt = DescribeCrt(*main);
+            crt["self_made"] = ca != nullptr && IsSignedBy(*main, *ca);
         }
         for (const std::string &prefix : prefixes) {
             LookAtPair(folder, prefix, facts.days, findings);
@@ -244,8 +241,6 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
         }
     }
     crt["id"] = cert_id;
-    crt["default"] = cert_id == facts.defaultId;
-    crt["self_made"] = isSelfMade;
     crt["services"] = std::move(services);
     crt["findings"] = std::move(findings);
     return crt;

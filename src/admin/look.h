@@ -16,7 +16,6 @@ namespace opalcrt {
 // What is the same for all certificates of one look.
 struct StoreFacts {
     int days = 30;
-    std::string defaultId;
     std::map<ServiceName, int> listed;  // how often INFO lists the service
     // What SERVICES lists; nothing when it cannot be read.
     std::optional<std::set<ServiceName>> registered;

@@ -73,7 +73,6 @@ bool LookOnce(const Options &options, Json::Value &report)
     Json::Value &findings = report["findings"] = Json::Value(Json::arrayValue);
     StoreFacts facts;
     facts.days = options.days;
-    facts.defaultId = ReadDefCrtId();
     Json::Value info;
     Json::Value services;
     if (!fromFile(kInfoPath, info) && errno != EBADMSG && errno != EFBIG) {
@@ -90,7 +89,7 @@ bool LookOnce(const Options &options, Json::Value &report)
     }
     (void)fromFile(kServicesPath, services);
     LookAtServicesBook(services, facts, findings);
-    const std::string &id = facts.defaultId;
+    const std::string id = ReadDefCrtId();
     AddIf(!IsPlainFolderName(id) || !GetMember(info, id.c_str()).isObject() ||
               YLIBCFileExist(GetCrtFolderPath(id).c_str()) == 0,
           findings, "default-unusable",
@@ -100,7 +99,7 @@ bool LookOnce(const Options &options, Json::Value &report)
         if (!info.isMember(cert_id)) {
             return Complain(std::string(kInfoPath) + " lists no certificate \"" + cert_id + "\"");
         }
-        crts.append(LookAtCrt(cert_id, info[cert_id], facts));
+        crts.append(LookAtCrt(cert_id, info[cert_id], facts))["default"] = cert_id == id;
     }
     if (options.ids.empty()) {
         LookForOrphans(facts, findings);
