@@ -24,7 +24,7 @@ std::string ReadDefCrtId()
 
 std::string GetDefCrtId()
 {
-    const std::string cert_id = ReadDefCrtId();
+    std::string cert_id = ReadDefCrtId();
     const std::string folder = GetCrtFolderPath(cert_id);
     if (!cert_id.empty() && YLIBCFileCheckDir(folder.c_str()) == 0) {
         LOG_ERROR_STATE("[%s] doesn't exist.", folder.c_str());
