@@ -7,14 +7,12 @@ from conftest import A, D, P, ROW, S
 
 # A root, a CA below it (mid), and what they sign, as NAME.pem and NAME.key: name, issuer, first and last day, kind.
 MAKE = r"""
-cat >cfg <<END
-[ca]\ndefault_ca=d\n[d]\ndatabase=index\nnew_certs_dir=.\ndefault_md=sha256\npolicy=p\nrand_serial=yes
-copy_extensions=copy\n[p]\ncommonName=supplied\n[req]\ndistinguished_name=n\n[n]
-END
-sed -i 's/\\n/\n/g' cfg; : >index; day() { date -u -d "$1 days" +%Y%m%d%H%M%SZ; }
+printf '[ca]\ndefault_ca=d\n[d]\ndatabase=index\nnew_certs_dir=.\ndefault_md=sha256\npolicy=p\n' >cfg
+printf 'rand_serial=yes\ncopy_extensions=copy\n[p]\ncommonName=supplied\n[req]\ndistinguished_name=n\n[n]' >>cfg
+: >index; day() { date -u -d "$1 days" +%Y%m%d%H%M%SZ; }
 make() { sign="-cert $2.pem -keyfile $2.key"; [ $1 != $2 ] || sign="-selfsign -keyfile $1.key"
-    openssl req -new -config cfg -newkey ${6-ec -pkeyopt ec_paramgen_curve:P-256} -nodes -keyout $1.key -out csr \
-        -subj /CN=$1 -addext subjectAltName=DNS:kestrel -addext basicConstraints=critical,CA:${5-false}
+    openssl req -new -config cfg -newkey ${6-ec -pkeyopt ec_paramgen_curve:P-256} -nodes -keyout $1.key \
+        -subj /CN=$1 -out csr -addext subjectAltName=DNS:kestrel -addext basicConstraints=critical,CA:${5-false}
     openssl ca -batch -notext -config cfg $sign -startdate $(day $3) -enddate $(day $4) -in csr -out $1.pem; }
 make root root -9 999 true; make mid root -9 999 true; make good root -9 99; make leaf mid -9 99
 make rsa mid -9 99 false rsa:2048; make ended root -9 -1; make future root 1 99; make soon root -9 9
@@ -80,8 +78,9 @@ def test_status_tells_what_there_is(store):
     (crt,) = report.pop("certificates")
     assert ended == 0 and report == {"format": 1, "worst": "ok", "findings": []}
     assert 98.9 * 86400 < crt.pop("seconds_left") <= 99 * 86400
-    look = """for day in start end; do date -u -d "$(openssl x509 -in c/cert.pem -noout -${day}date | cut -d= -f2)" +%FT%TZ
-        done; openssl x509 -in c/cert.pem -outform DER | sha256sum | cut -c-64"""
+    look = """x509() { openssl x509 -in c/cert.pem "$@"; }
+        for day in start end; do date -u -d "$(x509 -noout -${day}date | cut -d= -f2)" +%FT%TZ; done
+        x509 -outform DER | sha256sum | cut -c-64"""
     assert [crt.pop(name) for name in ("not_before", "not_after", "sha256")] == store.sh(look).split()
     same = {"subscriber": "p", "state": "current", "findings": []}
     services = [{**same, "service": name, "folder": f"{P}/p/{name}"} for name in ("web", "mail")]
@@ -97,24 +96,23 @@ def test_status_tells_what_there_is(store):
 WARNINGS = """expires-soon old-copy mended mend-unfinished listed-twice not-in-services not-in-info orphan-folder
     mended-for-ever""".split()
 FAULTS = [  # The services' copies are old where the archive's folder was changed.
-    ("put ended", "expired/"), ("put future", "not-yet-valid/"), ("put soon", "expires-soon/"),
+    ("put ended", "expired/"), ("echo '{\"key_types\": \"ECC\"}' >c/renew.json", "mended-for-ever old-copy"),
+    ("put future", "not-yet-valid/"), ("cat $ROW/other.key >$P/p/web/privkey.pem", "copy-mismatch old-copy"),
+    ("put soon", "expires-soon/"), ("rm -r $P/p/web; rm $P/p/mail/privkey.pem", "copy-missing copy-missing"),
     ("cat $ROW/other.key >c/privkey.pem", "key-mismatch/"), ("rm c/privkey.pem", "incomplete/"),
-    ("echo x >c/cert.pem", "unreadable/"), ("rm c/cert.pem; mkfifo c/cert.pem", "unreadable/"),
-    ("cat $ROW/locked.key >c/privkey.pem", "unreadable/"), ("rm -r c", "default-unusable incomplete/"),
+    ("echo x >c/cert.pem", "unreadable/"), ("echo z >DEFAULT; rm SERVICES", "book-broken default-unusable"),
+    ("rm c/cert.pem; mkfifo c/cert.pem", "unreadable/"),
+    ("cat $ROW/locked.key >c/privkey.pem", "unreadable/"), ("rm DEFAULT", "default-unusable"),
+    ("rm -r c", "default-unusable incomplete/"), ("cat $ROW/other.pem >c/fullchain.pem", "chain-mismatch/"),
     ('printf %s "$(cat c/cert.pem)" | cat - $ROW/root.pem >c/fullchain.pem', "unreadable/"),
-    ("cat $ROW/other.pem >c/fullchain.pem", "chain-mismatch/"), ("put other $P/p/web", "old-copy"),
-    ("rm -r $P/p/web", "copy-missing"), ("rm $P/p/web/privkey.pem", "copy-missing"), ("rm DEFAULT", "default-unusable"),
-    ("cat $ROW/other.key >$P/p/web/privkey.pem", "copy-mismatch old-copy"), ("rm SERVICES", "book-broken"),
-    ("put ended $P/p/web", "expired old-copy"), ("chmod 0440 $P/p/web/privkey.pem", "copy-exposed"),
-    ("chown opalmail $P/p/web/privkey.pem", "copy-exposed"), ("echo z >DEFAULT", "default-unusable"),
-    ("edit INFO '.c.services += [5]'", "book-broken"), ("edit INFO '.d = 5'", "book-broken"),
+    ("put other $P/p/web; put ended $P/p/mail", "expired old-copy old-copy"),
+    ("chmod 0440 $P/p/web/privkey.pem; chown opalmail $P/p/mail/privkey.pem", "copy-exposed copy-exposed"),
     ("echo { >INFO", "book-broken default-unusable" + " not-in-info" * 2 + " orphan-folder" * 3),
-    ("echo '{\"is_broken\": true}' >c/cert_info", "mended"), ("touch c/.mending", "mend-unfinished"),
+    ("echo '{\"is_broken\": true}' >c/cert_info; touch c/.mending", "mended mend-unfinished"),
     ("cp -a c d; edit INFO '.d.services = [.c.services[0]]'", "listed-twice listed-twice"),
-    ("edit SERVICES '.[:1]'", "not-in-services"), ("mv c cc; ln -s cc c", "mended-for-ever orphan-folder"),
-    ("edit SERVICES '. + [.[0] | .service = \"x\"]'", "not-in-info"),
-    ("mkdir .c.new $P/p/old", "orphan-folder orphan-folder"),
-    ("echo '{\"key_types\": \"ECC\"}' >c/renew.json", "mended-for-ever old-copy"),
+    ("edit SERVICES '.[:1] + [.[0] | .service = \"x\"]'", "not-in-info not-in-services"),
+    ("mv c cc; ln -s cc c; mkdir .c.new $P/p/old", "mended-for-ever" + " orphan-folder" * 3),
+    ("edit INFO '.c.services += [5] | .d = 5'; edit SERVICES '. + [6]'", "book-broken book-broken book-broken"),
 ]
 # fmt: on
 
@@ -165,17 +163,19 @@ def test_the_command_line(store, command, ended, out):
 LEAF = "--key leaf.key --cert leaf.pem --chain mid.pem"
 SCENES = {"folder-exists": "mkdir d", "id-too-long": "echo 0123456789abcdef >DEFAULT", "book-broken": "echo >INFO"}
 @pytest.mark.parametrize("arguments, wrong", [
-    ("c --key no --cert none", "unreadable unreadable"), ("c --key leaf.pem --cert leaf.key", "no-pem no-pem"),
-    ("c --key big --cert /dev/null --chain ended.pem", "unreadable unreadable"), (f"x {LEAF}", "no-such-id"),
-    ("c --key two --cert cut --chain der", "no-pem no-pem no-pem"), (f"c --new {LEAF}", "in-info"),
-    ("c --key locked.key --cert leaf.pem", "key-encrypted"), ("c --key ed.key --cert leaf.pem", "key-type"),
+    ("c --key no --cert none", "unreadable unreadable"),
+    ("c --key leaf.pem --cert leaf.key", "no-pem no-pem"),
+    ("c --key big --cert /dev/null --chain ended.pem", "unreadable unreadable"), (f"c {LEAF}", "book-broken"),
+    (f"x {LEAF}", "no-such-id"), ("c --key leaf.key --cert leaf.pem --chain root.pem", "chain-broken"),
+    ("c --key two --cert cut --chain der", "no-pem no-pem no-pem"), (f"d --new {LEAF}", "folder-exists"),
+    (f"c --new {LEAF}", "in-info"), ("c --key other.key --cert leaf.pem --chain mid.pem", "key-mismatch"),
+    ("c --key locked.key --cert leaf.pem", "key-encrypted"),
+    ("c --key ed.key --cert leaf.pem", "key-type"), ("c --key future.key --cert future.pem", "not-yet-valid"),
     ("c --key leaf.key --cert leaf.pem --key other.key --cert other.pem", "key-type"),
-    ("c --key other.key --cert leaf.pem --chain mid.pem", "key-mismatch"), (f"d --new {LEAF}", "folder-exists"),
-    ("c --key ended.key --cert ended.pem", "expired"), ("c --key future.key --cert future.pem", "not-yet-valid"),
-    ("c --key leaf.key --cert leaf.pem --chain root.pem", "chain-broken"), (f"c {LEAF}", "book-broken"),
+    ("c --key ended.key --cert ended.pem", "expired"), (f"0123456789abcdef {LEAF}", "id-too-long no-such-id"),
     ("x --key ended.key --cert ended.pem --chain other.pem", "chain-broken expired no-such-id"),
-    (f"0123456789abcdef {LEAF}", "id-too-long no-such-id"),
-    *[(f"'{id}' --new {LEAF}", "bad-id") for id in ("../c", "a/b", ".x", "", "INFO", "DEFAULT.new", "a\nb", "0" * 251)],
+    *[(f"'{id}' --new {LEAF}", "bad-id")
+      for id in ("../c", "a/b", ".x", "", "INFO", "DEFAULT.new", "a\nb", "0" * 251)],
 ])
 # fmt: on
 def test_install_refuses(store, arguments, wrong):
@@ -207,9 +207,9 @@ def served(folder, prefix=""):
 # fmt: off
 TWO = "--key rsa.key --cert rsa.pem --chain mid.pem --key leaf.key --cert bare"
 @pytest.mark.parametrize("files, chain", [
-    (LEAF, "mid.pem"), ("--key leaf.key --cert bare --chain mid.pem", "mid.pem"), (TWO, "mid.pem"),
-    ("--key leaf.key --cert reversed", "mid.pem root.pem"), ("--key all --cert all", "mid.pem root.pem"),
-    ("--key dos --cert dos", "mid.pem root.pem"),
+    (LEAF, "mid.pem"), (TWO, "mid.pem"),
+    ("--key leaf.key --cert bare --chain mid.pem", "mid.pem"), ("--key all --cert all", "mid.pem root.pem"),
+    ("--key leaf.key --cert reversed", "mid.pem root.pem"), ("--key dos --cert dos", "mid.pem root.pem"),
 ])
 # fmt: on
 def test_install_takes(store, files, chain):
@@ -309,12 +309,13 @@ def test_default_is_what_a_registration_can_use(store):
 # fmt: off
 RESULTS = {"due": "c: due\n", "not-due": "c: not due\n", "not-self-made": "c: left alone, it is not self-made\n"}
 @pytest.mark.parametrize("scene, arguments, ended, text", [
-    ("", "", 0, "not-due"), ("", "--check", 0, "not-due"), ("put soon", "--check", 1, "due"),
+    ("", "", 0, "not-due"),
+    ("", "--check", 0, "not-due"), ("", "x", 1, 'opalcrt: there is no certificate "x"'),
+    ("put soon", "--check", 1, "due"), ("rm c/cert.pem", "", 1, "opalcrt: the certificate c"),
     ("put other $P/p/web; echo '{\"is_broken\": true}' >c/cert_info", "", 0, "not-due"),
-    ("", "c --days 100 --check", 1, "due"), ("", "--name nas --check", 1, "due"),
-    ("put other", "", 0, "not-self-made"), ("rm c/opal-ca-cert.pem", "--days 400", 0, "not-self-made"),
-    ("", "x", 1, 'opalcrt: there is no certificate "x"'), (": >DEFAULT", "", 1, "opalcrt: there is no certificate"),
-    ("", "--name " + "a." * 32 + "b", 1, "opalcrt: the first"), ("rm c/cert.pem", "", 1, "opalcrt: the certificate c"),
+    ("", "c --days 100 --check", 1, "due"), ("rm c/opal-ca-cert.pem", "--days 400", 0, "not-self-made"),
+    ("", "--name nas --check", 1, "due"), (": >DEFAULT", "", 1, "opalcrt: there is no certificate"),
+    ("put other", "", 0, "not-self-made"), ("", "--name " + "a." * 32 + "b", 1, "opalcrt: the first"),
     *[("", f"--name ok --name '{name}'", 1, f'opalcrt: "{name}" is neither') for name in ("a b", "a;b", "-a", "a/b")],
 ])
 # fmt: on
