@@ -26,18 +26,27 @@ bool TakeRecoverLock(std::optional<ScopedLock> &lock)
            RefuseCall(std::string("cannot lock ") + kRecoverLock + "; if another run holds it, try again");
 }
 
+namespace {
+
+std::string NewFolderPath(const std::string &cert_id) { return GetCrtFolderPath("." + cert_id + ".new"); }
+
+}  // namespace
+
+bool HasNewFolder(const std::string &cert_id) { return YLIBCFileExist(NewFolderPath(cert_id).c_str()) != 0; }
+
 bool RemoveNewFolder(const std::string &cert_id)
 {
     // It may be the old folder: if a power cut takes the exchange back, that must still be whole.
-    const std::string fresh = GetCrtFolderPath("." + cert_id + ".new");
+    const std::string fresh = NewFolderPath(cert_id);
     return (SyncPath(kArchive) && RemovePath(fresh)) ||
            RefuseCall("cannot sync the archive, or remove " + fresh + "; run the same command again");
 }
 
-int ReplaceCrtFolder(const std::string &cert_id, const std::function<bool(const std::string &folder)> &fill)
+int ReplaceCrtFolder(const std::string &cert_id, const std::function<bool(const std::string &folder)> &fill,
+                     bool keepsOld)
 {
     const std::string folder = GetCrtFolderPath(cert_id);
-    const std::string fresh = GetCrtFolderPath("." + cert_id + ".new");
+    const std::string fresh = NewFolderPath(cert_id);
     const unsigned how = YLIBCFileExist(folder.c_str()) != 0 ? RENAME_EXCHANGE : RENAME_NOREPLACE;
     if (!RemoveNewFolder(cert_id)) {
         return kRefused;
@@ -54,7 +63,9 @@ int ReplaceCrtFolder(const std::string &cert_id, const std::function<bool(const 
         RemovePath(fresh);
         return kRefused;
     }
-    return RemoveNewFolder(cert_id) ? kDone : kPartlyChanged;
+    const bool isEnded =
+        keepsOld ? SyncPath(kArchive) || RefuseCall("cannot sync the archive") : RemoveNewFolder(cert_id);
+    return isEnded ? kDone : kPartlyChanged;
 }
 
 bool ReadInfo(Json::Value &info)

@@ -20,14 +20,19 @@ namespace opalcrt {
 // Takes the recovery lock. False, told.
 bool TakeRecoverLock(std::optional<ScopedLock> &lock);
 
+// Whether there is a new folder, or the old one that was exchanged with it: not all is done, or a run is under way.
+bool HasNewFolder(const std::string &cert_id);
+
 // Removes what a run that was cut off, or could not end its work, has left of a new folder. False, told.
 bool RemoveNewFolder(const std::string &cert_id);
 
 // Makes a new folder, for root alone, which `fill` puts the files into; they are on the disk when it answers true, and
 // it has told why when not. Then exchanges it with the certificate's folder, or moves it there when there is none, and
 // removes the old one. The exit status: after kRefused the archive is as it was; after kPartlyChanged the new folder
-// stands, but may not survive a power cut, or the old one is not removed.
-int ReplaceCrtFolder(const std::string &cert_id, const std::function<bool(const std::string &folder)> &fill);
+// stands, but may not survive a power cut, or the old one is not removed. With `keepsOld` that is left to the caller: as
+// long as it is there, it tells the next run that the services have not all got what they are to get.
+int ReplaceCrtFolder(const std::string &cert_id, const std::function<bool(const std::string &folder)> &fill,
+                     bool keepsOld = false);
 
 // Names and contents of a new folder's files.
 using CrtFiles = std::map<std::string, std::string>;

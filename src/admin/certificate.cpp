@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "admin/report.h"
+#include "platform/file_read.h"
 #include "platform/string_list.h"
 
 namespace opalcrt {
@@ -75,6 +76,19 @@ std::string ToTimeText(time_t time)
 }
 
 }  // namespace
+
+FileLook LookAtFile(const std::string &path, int folder)
+{
+    constexpr size_t kLargestFile = 1024UL * 1024;
+
+    FileLook look;
+    const UniqueFd fd = OpenRegularFile(path.c_str(), folder);
+    if (!fd.IsOpen() || fstat(fd.Get(), &look.info) != 0 || !ReadWhole(fd.Get(), kLargestFile, look.text)) {
+        look.error = errno;
+        look.text.clear();
+    }
+    return look;
+}
 
 PemContent ParsePem(std::string text)
 {

@@ -1,9 +1,11 @@
 // Certificates, keys and chains as PEM, and what they say. Nothing here logs or asks for a password.
 #pragma once
 
+#include <fcntl.h>
 #include <json/value.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
+#include <sys/stat.h>
 
 #include <ctime>
 #include <string>
@@ -12,6 +14,14 @@
 #include "common/openssl.h"
 
 namespace opalcrt {
+
+// A regular file of at most 1 MiB, as all are but the books, for who wants to know why it could not be read.
+struct FileLook {
+    int error = 0;  // errno of OpenRegularFile or ReadWhole
+    std::string text;
+    struct stat info = {};
+};
+FileLook LookAtFile(const std::string &path, int folder = AT_FDCWD);
 
 struct PemContent {
     std::vector<UniqueOpenSSL<X509>> crts;

@@ -2,10 +2,10 @@
 #include <regex>
 
 #include "admin/archive.h"
+#include "admin/certificate.h"
 #include "admin/report.h"
 #include "common/json_member.h"
 #include "platform/atomic_file.h"
-#include "platform/file_read.h"
 #include "platform/file_test.h"
 #include "store/default_crt.h"
 #include "store/names.h"

@@ -8,7 +8,6 @@
 #include "admin/report.h"
 #include "common/json_file.h"
 #include "deploy/key_types.h"
-#include "platform/file_read.h"
 #include "store/paths.h"
 
 namespace opalcrt {

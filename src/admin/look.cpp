@@ -1,7 +1,5 @@
 #include "admin/look.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -12,8 +10,8 @@
 #include "common/json_file.h"
 #include "common/json_member.h"
 #include "deploy/key_types.h"
-#include "platform/file_read.h"
 #include "platform/file_test.h"
+#include "platform/unique_fd.h"
 #include "platform/users.h"
 #include "store/names.h"
 #include "store/paths.h"

@@ -32,36 +32,11 @@ bool AreGoodNames(const Json::Value &names)
 
 int MakeNewSet(const std::string &cert_id, const Json::Value &names)
 {
-    return ReplaceCrtFolder(cert_id, [&names](const std::string &folder) {
+    const auto fill = [&names](const std::string &folder) {
         return genNamedCrtSet(folder, names[0].asString(), Join(names, ";")) == 0 ||
                Refuse("cannot generate a certificate; the system log says why");
-    });
-}
-
-// A run before this one may have ended between the exchange and the last service. What a mend has made is given to
-// nobody who has something better.
-int RollOutRest(const Options &options, const Json::Value &crt, Json::Value &report)
-{
-    std::set<ServiceName> behind;
-    for (const Json::Value &service : crt["services"]) {
-        const std::string backup = service["folder"].asString() + kBackupSuffix;
-        if (service["state"] != "current" || YLIBCFileExist(backup.c_str()) != 0) {
-            behind.insert(NameOf(service));
-        }
-    }
-    for (const Json::Value &finding : crt["findings"]) {
-        if (finding["code"] == "mended") {
-            behind.clear();
-        }
-    }
-    if (behind.empty()) {
-        report["result"] = "not-due";
-        return kDone;
-    }
-    const auto isBehind = [&](const std::string &cert_id, const Json::Value &service) {
-        return cert_id == *options.id && behind.contains(NameOf(service));
     };
-    return RollOut(options, false, isBehind, report);
+    return ReplaceCrtFolder(cert_id, fill, true);
 }
 
 }  // namespace
@@ -101,16 +76,22 @@ int Renew(const Options &given, Json::Value &report)
         report["result"] = isDue ? "due" : "not-due";
         return isDue ? kRefused : kDone;
     }
-    const int status = isDue ? MakeNewSet(id, names) : RemoveNewFolder(id) ? kDone : kRefused;
+    if (!isDue && !HasNewFolder(id)) {
+        report["result"] = "not-due";
+        return kDone;
+    }
+    if (isDue) {
+        if (const int status = MakeNewSet(id, names); status != kDone) {
+            return status;
+        }
+        Say(options, id + ": renewed, for " + Join(names));
+    }
     lock.reset();
+    const int status = Deploy(options, report);
     if (status != kDone) {
-        return status;
+        return isDue ? kPartlyChanged : status;
     }
-    if (!isDue) {
-        return RollOutRest(options, crt, report);
-    }
-    Say(options, id + ": renewed, for " + Join(names));
-    return Deploy(options, report) == kDone ? kDone : kPartlyChanged;
+    return TakeRecoverLock(lock) && RemoveNewFolder(id) ? kDone : kPartlyChanged;
 }
 
 }  // namespace opalcrt

@@ -59,7 +59,8 @@ int Default(const Options &options, Json::Value &report);
 
 // A new set in the place of a self-made certificate; another one is left alone. It is due when fewer than `days` days
 // are left, or when it is to have other names. The set is made beside the old one, without a mark of a mend, exchanged
-// with it, and its services get it. When nothing is due, services that have not got it yet do.
+// with it, and its services get it. When nothing is due, but the run before was cut off, or a service or hook failed in
+// it, they get it again.
 int Renew(const Options &given, Json::Value &report);
 
 }  // namespace opalcrt

@@ -1,5 +1,7 @@
 #include "platform/file_read.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 
 #include "platform/atomic_file.h"
@@ -55,19 +57,6 @@ bool ReadWhole(int fd, size_t limit, std::string &text)
         }
     }
     return true;
-}
-
-FileLook LookAtFile(const std::string &path, int folder)
-{
-    constexpr size_t kLargestFile = 1024UL * 1024;
-
-    FileLook look;
-    const UniqueFd fd = OpenRegularFile(path.c_str(), folder);
-    if (!fd.IsOpen() || fstat(fd.Get(), &look.info) != 0 || !ReadWhole(fd.Get(), kLargestFile, look.text)) {
-        look.error = errno;
-        look.text.clear();
-    }
-    return look;
 }
 
 int YLIBCFileUTF8BomStrip(const char *path)

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <cstdio>
 #include <memory>
@@ -30,14 +29,6 @@ char *YLIBCFgets(char *buffer, int size, FILE *file);
 
 // Reads what is left of `fd`, at most `limit` bytes: more is a failure with EFBIG. False with errno set.
 bool ReadWhole(int fd, size_t limit, std::string &text);
-
-// A regular file of at most 1 MiB, as all are but the books, for who wants to know why it could not be read.
-struct FileLook {
-    int error = 0;  // errno of OpenRegularFile or ReadWhole
-    std::string text;
-    struct stat info = {};
-};
-FileLook LookAtFile(const std::string &path, int folder = AT_FDCWD);
 
 // Takes a UTF-8 byte order mark (EF BB BF) from the start of the file, which is replaced as a whole and keeps
 // its mode and owner. 0 on success, also when there is none; -1, file untouched, with the error state set.
