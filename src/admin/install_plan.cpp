@@ -49,7 +49,9 @@ std::vector<KeyPair> ReadKeys(const std::vector<std::string> &paths, Json::Value
         const KeyType type = id == EVP_PKEY_EC ? KeyType::ECC : KeyType::RSA;
         AddIf(id != EVP_PKEY_RSA && id != EVP_PKEY_EC, findings, "key-type",
               path + " holds neither an RSA nor an EC key") ||
-            AddIf(!pairs.empty() && pairs.front().type == type, findings, "key-type",
+            AddIf(std::any_of(pairs.begin(), pairs.end(),
+                              [type](const KeyPair &pair) { return pair.type == type; }),
+                  findings, "key-type",
                   path + " holds a second key of one type; two are an RSA and an EC key");
         pairs.push_back({std::move(content.keys.front()), type, path, {}});
     }

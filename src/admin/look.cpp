@@ -49,6 +49,7 @@ struct FolderLook {
     UniqueFd fd;
     std::string inside = "/proc/self/fd/" + std::to_string(fd.Get()) + "/";
     std::map<std::string, FileLook> files;
+    bool hasMismatch = false;  // of a key and its certificate
 };
 
 // What is wrong with one certificate of the archive's folder, its key and its chain. Answers the certificate.
@@ -70,8 +71,8 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, in
     if (crt == nullptr) {
         return nullptr;
     }
-    AddIf(key != nullptr && !IsKeyOf(*key, *crt), findings, "key-mismatch",
-          prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
+    folder.hasMismatch |= AddIf(key != nullptr && !IsKeyOf(*key, *crt), findings, "key-mismatch",
+                                prefix + "privkey.pem is not the key of " + prefix + "cert.pem");
     AddTimeFinding(prefix + "cert.pem", *crt, days, findings);
     if (chainFile.error == 0 && !chainFile.text.starts_with(crtFile.text)) {
         const UniqueOpenSSL<X509> first = FirstCrt(chainFile.text);  // It may only be written in another way.
@@ -91,7 +92,7 @@ void LookAtCrtFolder(const std::string &path, FolderLook &folder, const std::vec
           path + " is a link: every registration makes a new certificate");
     const std::string missing = folder.ListMissing("");
     AddIf(!missing.empty(), findings, "incomplete",
-          path + " lacks " + missing + ": a registration makes a new certificate");
+          path + " lacks " + missing + ": install it anew, or a registration replaces it or fails");
     for (const std::string &prefix : prefixes) {
         const std::string lacking = folder.ListMissing(prefix);
         AddIf(!lacking.empty(), findings, "mended-for-ever",
@@ -121,7 +122,8 @@ std::vector<std::string> ListUsedPrefixes(const FolderLook &copy, const std::str
     return prefixes;
 }
 
-// Compares files of the service with the archive's, and appends the names of those that differ: only these are parsed.
+// Compares files of the service with the archive's, and appends the names of those that differ: only these are parsed, and
+// such as are no pair in the archive.
 void LookAtCopy(FolderLook &copy, FolderLook &archive, const std::string &prefix, const std::string &owner,
                 StoreFacts &facts, Json::Value &differing, Json::Value &findings)
 {
@@ -151,7 +153,7 @@ void LookAtCopy(FolderLook &copy, FolderLook &archive, const std::string &prefix
             differing.append(prefix + name);
         }
     }
-    if (differing.size() != before) {
+    if (differing.size() != before || archive.hasMismatch) {
         const UniqueOpenSSL<X509> crt = FirstCrt(copy.File(prefix + "cert.pem").text);
         const UniqueOpenSSL<EVP_PKEY> key = FirstKey(keyFile.text);
         if (!AddIf(crt == nullptr || key == nullptr || !IsKeyOf(*key, *crt), findings, "copy-mismatch",

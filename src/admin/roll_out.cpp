@@ -126,8 +126,8 @@ int Assign(const Options &options, Json::Value &report)
     };
     const int status = RollOut(options, true, isMeant, report);
     if (status == kDone && report["services"].empty()) {
-        return Refuse("INFO lists no service " + options.service + " of " + options.subscriber +
-                      "; register it first, opalcrt status lists them");
+        return Refuse("INFO lists no service" + (options.service.empty() ? "" : " " + options.service) +
+                      " of " + options.subscriber + "; register it first, opalcrt status lists them");
     }
     return status;
 }
