@@ -16,12 +16,14 @@ def test_goes_on_after_a_service_that_fails_and_tells_of_each(w):
     for cert_id in ("new", "old"):
         w.crt(cert_id)
     w.write({"new": {"services": [service("web", "q")]}, "old": {"services": [service("web")]}})
-    w.replace("/usr/bin/systemctl", "echo $* >> /run/row/ran")
+    w.replace("/usr/bin/systemctl", f"{{ {CLAIM}; echo $*; }} >> /run/row/ran")
     hook(w, PACKAGE[1])
     base, i18n = service("x"), service("x", display_name_i18n="x")
     lacks = [{key: base[key] for key in base if key != left} for left in ("display_name", "owner", "isPkg")]
     bad = [*({**i18n, key: ""} for key in i18n), 5, service("../../q"), service("x.temp"), *lacks]
     services = [service("web", owner="none"), *bad, {**i18n, "service": "late"}]
+    assert not w.call("SetCrtForServices", "new", services, "", 5) and not w.tree(P)
+    assert w.said.logged("utils.cpp Wrong rgCRTActionInfo.\nutils.cpp Invalid params (action)")
     assert not w.call("SetCrtForServices", "new", services, "", 3)
     lines = "UserGetUGID [none].[0x2A00", "Failed to set cert [old] for [{", "Lack of necesary key. [owner]"
     assert w.said.logged(*lines, "utils.cpp service object is error.\n")
@@ -40,23 +42,9 @@ def test_goes_on_after_a_service_that_fails_and_tells_of_each(w):
     assert w.said.logged(*trail) and w.json("INFO") == {"new": {"services": []}, "old": {}}
 
 
-# fmt: off
-@pytest.mark.parametrize("services, action, line", [
-    ([service("web")], 5, "utils.cpp Wrong rgCRTActionInfo.\nutils.cpp Invalid params (action)"),
-    ({}, 0, "utils.cpp Invalid params (cert_id/services)"),
-])
-# fmt: on
-def test_refuses_what_is_no_action_or_no_list(w, services, action, line):
-    assert (
-        not w.call("SetCrtForServices", "c", services, "", action) and w.said.logged(line) and not w.tree(P)
-    )
-
-
 def test_a_list_is_built_anew_also_of_its_own_element(w):
-    assert w.call("UpdateServiceList", [service("a"), 5, service("b")], 0, False) == [
-        service("b"),
-        service("a"),
-    ]
+    a, b = service("a"), service("b")
+    assert w.call("UpdateServiceList", [a, 5, b], 0, False) == [b, a]
 
 
 @pytest.mark.parametrize("isPkg", [True, False])
