@@ -12,9 +12,7 @@
 #include "assign/engine.h"
 #include "assign/recovery.h"
 #include "assign/reload_hooks.h"
-#include "deploy/deployment.h"
 #include "deploy/dir_utils.h"
-#include "deploy/key_types.h"
 #include "mkcert/crt_creation.h"
 #include "mkcert/default_set.h"
 #include "mkcert/key_match.h"
@@ -58,7 +56,7 @@ struct Argument {
 #define CALL(function, ...) {#function, [](const Argument &in) { (void)in; return Value(function(__VA_ARGS__)); }}
 const std::map<std::string, Value (*)(const Argument &in)> kFunctions = {
     CALL(DeployDefCrt, in[0], in[1], in[2]), CALL(SetCrtForServices, in[0], in[1], in[2], in[3]),
-    CALL(CheckAndRecoverCrt, in[0]), CALL(DeployMultipleCrt, in[0], in[1]), CALL(WriteCrtInfo, in[0]),
+    CALL(CheckAndRecoverCrt, in[0]), CALL(WriteCrtInfo, in[0]),
     CALL(MoveDirectory, in[0], in[1]), CALL(ReloadService, in[0]),
     CALL(modifyCsrCfg, in[0], in[1]), CALL(genCACnf, in[0]), CALL(genServerCnf, in[0], in[1]),
     CALL(genServerCrt, in[0], in[1], in[2], in[3], in[4], in[5]), CALL(genSerialFile),
@@ -68,10 +66,6 @@ const std::map<std::string, Value (*)(const Argument &in)> kFunctions = {
         Value list = in[0], element = in[1];
         UpdateServiceList(list, element.isInt() ? list[element.asInt()] : element, in[2]);
         return list; }},
-    {"GetCrtKeyTypes", [](const Argument &in) {
-        Value names(Json::arrayValue);
-        for (const KeyType type : GetCrtKeyTypes(in[0])) { names.append(KeyTypeName(type)); }
-        return names; }},
     // Path, mode, seconds to wait for it, seconds to keep it.
     {"Lock", [](const Argument &in) {
         int fd = -1;

@@ -2,7 +2,7 @@
 import json
 
 import pytest
-from conftest import A, P, ROW, service
+from conftest import A, P, ROW
 
 FAILED = "Failed to DeployDefCrt for p"
 CHMOD = "utils.cpp Failed to chmod chown. [$P/p/web.temp/"
@@ -52,6 +52,8 @@ def check(w, files, prefixes=[""], cert_id="c"):
 @pytest.mark.parametrize("multiple, renew, prefixes", [
     ({}, "RSA", ""), ({"multiple_cert": False}, "RSA", ""), (MANY, "", ""),
     (MANY, "RSA", "RSA-"), (MANY, "ECC/RSA", "ECC- RSA-"), (MANY, "RSA/RSA", "RSA- RSA-"),
+    (MANY, "RSA/", "RSA-"), (MANY, " RSA\t/\n ECC\v", "RSA- ECC-"), (MANY, "DSA/ECC", "ECC-"),
+    *[(MANY, text, "RSA- ECC-") for text in ("rsa", "/", "E CC/")],
 ])  # fmt: skip
 def test_gives_what_the_mode_asks_for(w, multiple, renew, prefixes):
     w.crt("c", "RSA-")
@@ -62,16 +64,6 @@ def test_gives_what_the_mode_asks_for(w, multiple, renew, prefixes):
     w.ok("umask 0777; opalcrtregister p")
     prefixes = prefixes.split() or [""]
     check(w, [prefix + name for prefix in prefixes for name in PLAIN] if prefixes[0] else ALL, prefixes)
-
-
-def test_parses_key_types(w):
-    assert not w.call("DeployMultipleCrt", "c", service("web")) and not w.tree(P)
-    assert w.said.log == ["utils.cpp Empty key types, Failed to setup multiple mode"]
-    texts = "", "RSA/", "ECC/RSA", " RSA\t/\n ECC\v", "rsa", "/", "E CC/", "DSA/ECC", "RSA/RSA"
-    types = "", "RSA", "ECC RSA", *["RSA ECC"] * 4, "ECC", "RSA RSA", "", ""
-    for renew, right in zip([json.dumps({"key_types": text}) for text in texts] + ["[]", "{"], types):
-        (A / "c/renew.json").write_text(renew)
-        assert w.call("GetCrtKeyTypes", "c") == right.split(), renew
 
 
 @pytest.mark.parametrize("scene, cp, trail", [
