@@ -2,7 +2,7 @@
 import os, re, time
 
 import pytest
-from conftest import A, CALL, P, ROW, service
+from conftest import A, P, ROW, service
 
 FAILED = "Failed to DeployDefCrt for p"
 REAL = "utils.cpp Path not match, maybe bugs or attacked\nutils.cpp Folder not exits [$A/c]\n"
@@ -104,15 +104,8 @@ def test_a_failed_mend_removes_nothing(w, scene, fail):
     action = f"cp {A}/other ${{11}}" if MATCH in trail[0] else "exit 1"
     w.replace(program, action) if program[0] == "/" else w.ssl(f"{program}) {action}; exit;;")
     w.define("p", "web")
-    end = "Failed to generate default certificate to recover for [c]\nutils.cpp Failed to recover certificate"
-    w.fails(
-        "opalcrtregister p",
-        FAILED,
-        START,
-        "\nmkcert.cpp ".join(["", *trail]),
-        "\nutils.cpp " + end,
-        timeout=20,
-    )
+    lines = [START, *(f"mkcert.cpp {each}\n" for each in trail), "Failed to generate default certificate to"]
+    w.fails("opalcrtregister p", FAILED, *lines, "utils.cpp Failed to recover certificate", timeout=20)
     assert before <= set(w.tree(A / "c")) and MARK.exists() == (A / "c/cert.pem").exists()
 
 
@@ -122,13 +115,11 @@ def test_a_certificate_whose_cert_info_cannot_be_written_is_complete(w):
     assert w.call("CheckAndRecoverCrt", "c") and not w.said.log and not MARK.exists()
 
 
-def test_a_mend_that_was_killed_is_made_again_by_the_registration_that_needs_it(w):
+def test_a_registration_mends_the_certificate_that_it_needs(w):
     w.crt("x")
     w.write(info={"c": {"services": []}, "x": {"services": [service("web")]}})
-    w.replace("/bin/cp", "kill -9 $PPID")
-    w.sh(f"""rm x/cert.pem; {CALL} CheckAndRecoverCrt '["x"]'; ls x/cert.pem x/fullchain.pem x/.mending""")
-    w.replace("/bin/cp", 'exec $REAL "$@"')
     w.define("p", "web")
+    w.sh("touch x/.mending")
     w.ok("opalcrtregister p; cmp x/cert.pem $P/p/web/cert.pem", "x is incomplete, start recovering", BUS)
     assert mended(w, "x") and not (A / "c/cert_info").exists()
 
@@ -180,13 +171,10 @@ def test_syncs_before_it_removes_or_renames(w):
     assert seen == f"{mend} {deployment}"
 
 
-# The listener is the system bus's own; the signal is what an administrator would see.
+# A bus takes it, or there would be a line in the log.
 def test_tells_the_system_bus(w):
-    heard, match = ROW / "heard", "type='signal',interface='org.opal.Notification'"
+    w.replace("/usr/bin/busctl", 'echo "$*" > /run/row/told; exec $REAL "$@"')
     w.sh("rm c/cert.pem; mkdir -p /run/dbus; dbus-daemon --system --fork --nopidfile --nosyslog")
-    w.start(f'exec busctl --system monitor --match="{match}" > {heard} 2>&1')
-    wait = f"for i in $(seq 200); do grep -q %s {heard} && exit; %s sleep 0.02; done; exit 1"
-    w.sh(wait % ("Ready", "busctl --system emit / org.opal.Notification Ready;"))
     assert w.call("CheckAndRecoverCrt", "c") and w.said.log == [LACKS, START]
-    w.sh(wait % ("certificate_broken", ""))
-    w.sh(f"grep -qE 'Path=/org/opal/Notification +Interface=org.opal.Notification +Member=Event$' {heard}")
+    event = "emit /org/opal/Notification org.opal.Notification Event "
+    assert event in (told := (ROW / "told").read_text()) and "certificate_broken" in told
