@@ -38,8 +38,7 @@ std::string Get(const std::string &path)
 
 const Json::Value kOurs = [] {
     Json::Value list;
-    std::istringstream in(R"({"subscriber":"p","service":"s","display_name":"d","owner":"o","isPkg":true})");
-    in >> list[0];
+    std::istringstream(R"([{"subscriber":"p","service":"s","display_name":"","owner":"","isPkg":true}])") >> list;
     return list;
 }();
 
@@ -57,39 +56,29 @@ bool (*const kChanges[])() = {
 };
 // clang-format on
 
-void Read(const std::string &input)
-{
-    std::string id = GetDefCrtId();
-    REQUIRE(id.size() <= 15 && !ParseKeyTypes(input).empty());
-    GetServiceCrtId(kOurs[0], id);
-    CheckAndRecoverCrt("c");
-    Json::Value value(Json::arrayValue);
-    ListCrtChecksums(value);
-    const std::string folder = std::string(kArchive) + "/c/";
-    checkCrtKeyMatch(folder + "cert.pem", folder + "privkey.pem");
-    checkCrtKeyMatch(folder + "fullchain.pem", folder + "cert.pem");
-    DefinitionFile file;
-    Json::Value services;
-    if (LoadServiceConfig("p", value, file)) {
-        value["subscriber"] = "p";
-        REQUIRE(!PrepareServices(value, services) || AppendRegisterServices(services));
-    }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const char *named = getenv("FUZZ_FILE");
-    REQUIRE(named != nullptr);
-    const std::string path = named, input(reinterpret_cast<const char *>(data), size);
-    Json::Value after;
+    const std::string path = getenv("FUZZ_FILE"), input(reinterpret_cast<const char *>(data), size);
+    Json::Value value, services;
     for (const auto change : kChanges) {
         REQUIRE(ReplaceFile(path, input, ""));
-        REQUIRE((change() && fromFile(path, after)) || Get(path) == input);
+        REQUIRE((change() && fromFile(path, value)) || Get(path) == input);
     }
     REQUIRE(ReplaceFile(kServicesPath, "[]", "") && ReplaceFile(path, input, ""));
-    Read(input);
+    std::string id = GetDefCrtId();
+    REQUIRE(id.size() <= 15 && !ParseKeyTypes(input).empty());
+    GetServiceCrtId(kOurs[0], id);
+    CheckAndRecoverCrt("c");
+    ListCrtChecksums(value = Json::arrayValue);
+    const std::string folder = std::string(kArchive) + "/c/";
+    checkCrtKeyMatch(folder + "cert.pem", folder + "privkey.pem");
+    checkCrtKeyMatch(folder + "fullchain.pem", folder + "cert.pem");
+    if (DefinitionFile file; LoadServiceConfig("p", value, file)) {
+        value["subscriber"] = "p";
+        REQUIRE(!PrepareServices(value, services) || AppendRegisterServices(services));
+    }
     // A byte order mark is taken from a certificate or key, and nothing else.
     REQUIRE(input.ends_with(Get(path)) && Get(path).size() + 6 >= size);
     return 0;
