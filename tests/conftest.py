@@ -158,7 +158,6 @@ class World:
 
     def mount(self, *arguments): subprocess.run(["mount", "--no-mtab", *map(str, arguments)], check=True)
     def tmpfs(self, path, options="mode=0755"): self.mount("-t", "tmpfs", "-o", options, "row", path)
-    def readonly(self, path): self.mount("--bind", "-o", "ro", path, path)
 
     # Keeps a lock, of flock(2) or of fcntl(2), until the row ends. Answers the descriptor that can be closed.
     def hold(self, path, shared=False, record=False):
