@@ -101,4 +101,3 @@ def test_a_lock_that_cannot_be_released_is_only_logged(w):
     front = "opalcrtregister.cpp Failed to unlock [%s]\n"
     w.ok("opalcrtregister p", front % SERVICES, *lines, inject="flock:error=EIO:when=2+2")
     w.ok("opalcrtunregister p", front % SERVICES, front % INFO, inject="flock:error=EIO:when=3+1")
-    assert w.sh("stat -c '%A %U' /tmp/*.lock | sort -u") == "-rw------- root\n"
