@@ -38,7 +38,8 @@ std::string Get(const std::string &path)
 
 const Json::Value kOurs = [] {
     Json::Value list;
-    std::istringstream(R"([{"subscriber":"p","service":"s","display_name":"","owner":"","isPkg":true}])") >> list;
+    std::istringstream in(R"({"subscriber":"p","service":"s","display_name":"d","owner":"o","isPkg":true})");
+    in >> list[0];
     return list;
 }();
 
@@ -60,7 +61,8 @@ bool (*const kChanges[])() = {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const std::string path = getenv("FUZZ_FILE"), input(reinterpret_cast<const char *>(data), size);
+    const char *const named = getenv("FUZZ_FILE");
+    const std::string path = named == nullptr ? "" : named, input(reinterpret_cast<const char *>(data), size);
     Json::Value value, services;
     for (const auto change : kChanges) {
         REQUIRE(ReplaceFile(path, input, ""));
