@@ -75,6 +75,13 @@ def test_files_are_the_owners_and_his_groups_and_folders_are_roots(w, owner):
     assert {*w.tree(P).values()} == (right if owner == "long" else set())
 
 
+# Nobody would mend the mode of a folder that a cut-off run has left.
+def test_a_folder_that_cannot_be_made_whole_is_not_made(w):
+    w.define("p", "web")
+    w.fails("opalcrtregister p", DEPLOY, "Failed to create", inject=f"fchown:error=EPERM -P {P}/p")
+    assert not w.tree(P)
+
+
 PROBE = r"""(cd /proc/$$; tr '\0' '\n' <environ; cd fd; echo $(readlink 0 1 2) $(ls | grep -vxE '10|255')
     umask; readlink /proc/$$/cwd; grep 'Sig[BI]' /proc/self/status; ulimit -t) > /run/row/seen.${0##*/}"""
 SEEN = """PATH=/usr/sbin:/usr/bin:/sbin:/bin\nHOME=/root\nLC_ALL=C\n/dev/null /dev/null /dev/null 0 1 2\n%s\n/
