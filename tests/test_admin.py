@@ -5,7 +5,7 @@ from pathlib import Path
 import pytest
 from conftest import A, D, P, ROW, S
 
-# A root, a CA below it (mid), and what they sign: name of the .pem and .key, issuer, first and last day, kind.
+# A root, a CA below it (mid), and what they sign: name of .pem and .key, issuer, first and last day, kind.
 MAKE = r"""
 printf '[d]\ndatabase=index\npolicy=p\nrand_serial=yes\ncopy_extensions=copy\n[p]\ncommonName=supplied\n' >cfg
 : >index; day() { date -u -d "$1 days" +%Y%m%d%H%M%SZ; }
@@ -146,23 +146,19 @@ REFUSALS = [  # e lacks all files, and the id LONG is too long for DEFAULT.
     *[(f"renew --name ok --name '{name}'", 1, "is neither") for name in ("a b", "a;b", "-a", "a/b")],
     ("renew --name " + "a." * 32 + "b", 1, "the first name"), ("nothing", 64, "required"),
     *[(usage, 64, "--help") for usage in (
-        "assign c", "deploy c d", "status --days -1", "install c --key x --cert x --cert y")],
+        "", "assign c", "deploy c d", "status --days -1", "install c --key x --cert x --cert y")],
 ]
 # fmt: on
 
 
 def test_a_refusal_is_told_and_changes_nothing(store):
-    store.sh(
-        f"{PUT} mkdir {LONG}; put leaf {LONG}; edit INFO '.e.services = [] | .[\"{LONG}\"].services = []'"
-    )
+    store.sh(f"{PUT} mkdir {LONG}; put leaf {LONG}; edit INFO '.e.services = [] | .[\"{LONG}\"] = .e'")
     before = stores(store)
     for command, ended, told in REFUSALS:
         user = "setpriv --reuid=opalweb --clear-groups" if "only root" in told else ""
         said = store.run(f"{user} opalcrt {command}")
         assert said.status == ended and told in said.out and stores(store) == before
-    store.ok(
-        "opalcrt 2>$ROW/help || opalcrt --help | cmp - $ROW/help; grep -c '^  [a-z]' $ROW/help", out="7\n"
-    )
+    store.ok("opalcrt 2>help || opalcrt --help | cmp - help; grep -c '^  [a-z]' help", out="7\n")
     told = f"opalcrt: cannot read {A}/INFO: No such file or directory\n"
     store.ok("rm INFO; opalcrt status", out=told, status=3)
 
@@ -188,16 +184,15 @@ def test_install_refuses(store, arguments, wrong):
     said = store.run(f"cd $ROW; {install} --check 2>first; {install} --json 2>lines")
     critical = [each for each in json.loads(said.out)["findings"] if each["severity"] == "critical"]
     assert said.status == 1 and sorted(each["code"] for each in critical) == wrong.split()
-    lines = "".join(f"opalcrt: {each['text']}\n" for each in critical).replace("a\nb", "a?b")
-    assert lines in (ROW / "first").read_text()
-    assert (ROW / "lines").read_text() == (ROW / "first").read_text() and stores(store) == before
+    lines, first = [(ROW / name).read_text() for name in ("lines", "first")]
+    assert all(f": {each['text']}\n".replace("a\nb", "a?b") in lines for each in critical)
+    assert lines == first and stores(store) == before
 
 
 # fmt: off
-ALL = "--key all --cert all"
 TWO = "--key rsa.key --cert rsa.pem --chain mid.pem --key leaf.key --cert bare"
 @pytest.mark.parametrize("files, used, chain, warnings", [
-    (LEAF, {"": "leaf"}, ["mid"], "chain-unknown"), (ALL, {"": "leaf"}, ["mid", "root"], ""),
+    ("--key all --cert all", {"": "leaf"}, ["mid", "root"], ""),
     (TWO, {"": "rsa", "RSA-": "rsa", "ECC-": "leaf"}, ["mid"], "chain-unknown chain-unknown"),
     ("--key soon.key --cert soon.pem", {"": "soon"}, [], "chain-unknown expires-soon"),
 ])
@@ -248,11 +243,10 @@ def test_a_failed_roll_out_is_told(store, verb):
     same = {"certificate": "c", "subscriber": "p", "result": "hook-failed", "hook_status": 7}
     services = [{**same, "service": each} for each in ("web", "mail")]
     report = {"format": 1, "id": "c", "result": "partly-done", "services": services}
-    assert {**json.loads(said.out), **report} == json.loads(said.out)
+    assert said.status == 3 and report.items() <= json.loads(said.out).items()
     owner = "edit $A/INFO '.c.services[0].owner = \"nobody-knows\"'"
-    again = store.run(f"cd $ROW; {PUT} {owner}; echo 0 >end; opalcrt {verb}")
-    assert said.status == again.status == 3 and "p/web: failed;" in again.out
-    assert DONE.split("\n")[1] in again.out
+    said = store.run(f"cd $ROW; {PUT} {owner}; echo 0 >end; opalcrt {verb}")
+    assert said.status == 3 and "p/web: failed;" in said.out and DONE.split("\n")[1] in said.out
 
 
 def test_deploy_copies_again_what_info_lists(store):
@@ -308,21 +302,21 @@ def test_renew_makes_a_new_set_and_gives_it_to_all(store):
     said = store.run("echo 7 >$ROW/end; opalcrt renew --name nas.example --name 192.0.2.7")
     assert said.status == 3 and (A / ".c.new").exists()
     store.ok("echo 0 >$ROW/end; opalcrt renew; opalcrt renew", out=f"{DONE}c: done\nc: not due\n")
-    assert sorted(os.listdir(A)) == ["DEFAULT", "INFO", "SERVICES", "c"]
     store.sh("cmp c/cert.pem $P/p/mail/cert.pem; openssl verify -CAfile c/opal-ca-cert.pem $P/p/web/cert.pem")
     ended, report, _ = status(store)
     (crt,) = report["certificates"]
     assert (ended, crt["names"], crt["self_made"]) == (0, ["nas.example", "192.0.2.7"], True)
     assert crt["subject"].endswith("nas.example") and 365 < crt["seconds_left"] / 86400 <= 366
-    assert not {"left-over", "cert_info"} & {*os.listdir(A / "c")}
+    assert not {".c.new", "c/left-over", "c/cert_info"} & {*store.tree(A)}
 
 
 @pytest.mark.slow
 def test_init_makes_the_first_store(store):
     store.ok("cp -a $S $ROW; opalcrt init; diff -r $S $ROW/certificate", out=f"{A}: left as it is\n")
     store.sh("rm -r $A/* $P/p; mkdir -p $S/._archive.new/x")
-    assert store.run("opalcrt init", inject="?rename,?renameat:signal=KILL:when=1").status
-    assert os.listdir(A) == []
+    assert store.run("opalcrt init", inject="?rename,?renameat:signal=KILL:when=1").status and not any(
+        A.iterdir()
+    )
     store.sh("unshare --uts sh -c 'hostname nas; opalcrt init'")
     ended, report, _ = status(store)
     (crt,) = report["certificates"]
