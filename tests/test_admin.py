@@ -20,8 +20,7 @@ openssl pkey -aes128 -passout pass:x -in leaf.key -out locked.key; truncate -s 1
 openssl genpkey -algorithm ed25519 -out ed.key; cat leaf.key good.key >two
 head -c 300 leaf.pem >cut; printf %s "$(cat leaf.pem)" >bare
 cat root.pem leaf.key leaf.pem mid.pem | sed 's/$/\r/' >all"""
-PUT = """put() { for f in cert fullchain; do cat $ROW/$1.pem >${2-c}/$f.pem; done
-    cat $ROW/$1.key >${2-c}/privkey.pem; }
+PUT = """put() (cd ${2-c} && tee cert.pem <$ROW/$1.pem >fullchain.pem && cat $ROW/$1.key >privkey.pem)
 edit() { jq -c "$2" $1 >$ROW/book; cat $ROW/book >$1; }\n"""
 DONE = "p/web: has c; its hook ended with 0\np/mail: has c; its hook ended with 0\n"
 
