@@ -78,7 +78,8 @@ bool fromOpenFile(int fd, Json::Value &value, size_t limit)
         if (Parse(text, value)) {
             return true;
         }
-    } catch (const Json::Exception &) {  // It nests too deep.
+    } catch (const Json::Exception &) {
+        error = EBADMSG;  // It nests too deep.
     } catch (const std::bad_alloc &) {
         error = ENOMEM;
     }
