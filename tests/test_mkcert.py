@@ -36,7 +36,9 @@ def test_configuration_files_byte_for_byte(w, function, arguments, text):
     w.sh("cd /usr/opal/full; cat /dev/zero > fill 2>&1 || mkfifo fifo; mknod full c 1 7; mkdir folder")
     for name, answer in {"new": 0, "fifo": -1, "full": -1, "folder": -1}.items():
         assert w.call(function, f"/usr/opal/full/{name}", *arguments) == answer
-        assert bool(answer) == bool(re.match(r"mkcert.cpp f?[Oo]pen \S+ failed\[0x0200 config", *w.said.log or [""]))
+        assert bool(answer) == bool(
+            re.match(r"mkcert.cpp f?[Oo]pen \S+ failed\[0x0200 config", *w.said.log or [""])
+        )
     assert w.sh("ls /usr/opal/full") == "fifo\nfill\nfolder\nfull\n"
 
 

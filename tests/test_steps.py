@@ -76,7 +76,8 @@ def test_every_step_holds(w, name, kind, share):
     try_points(w, name, lambda points: [each for each in points if each[0] == kind][share::8])
 
 
-NAMES, VERBS = {"a", "b"}, ["opalcrtregister"] * 6 + ["opalcrtunregister"] * 4 + ["opalcrtchecksum"] * 3
+NAMES, VERBS = {"a", "b"}, ["opalcrtregister"] * 6 + ["opalcrtunregister"] * 4 + ["opalcrtchecksum"] * 2
+VERBS += ["opalcrt status --json"]
 
 
 # Sixteen register, repeat, unregister and report over eight subscribers, nearly a third of the commands is killed at
@@ -107,7 +108,8 @@ class Crowd:
         if killed_after is not None:
             time.sleep(killed_after)
             child.kill()
-        output, end = child.communicate()[0], {0: "done", 1: "refused", -9: "killed"}[child.returncode]
+        output, end = child.communicate()[0], child.returncode
+        end = {0: "done", 1: "refused", 2: "refused", -9: "killed"}[end]
         self.done.append(f"{command} {end}")
         return end, output
 
@@ -119,9 +121,12 @@ class Crowd:
             if verb == "opalcrtregister":
                 self.w.define(subscriber, *NAMES)
             killed_after = chance.random() * 0.15 if chance.random() < 0.3 else None
-            end, output = self.run(verb, subscriber, some, killed_after=killed_after)
-            if verb == "opalcrtchecksum":
-                assert json.loads(output) if end == "done" else not output or end == "killed"
+            looks = "register" not in verb
+            words = () if looks else (subscriber, some)
+            end, output = self.run(verb, *words, killed_after=killed_after)
+            if looks:
+                is_told = end == "done" or end == "refused" and "status" in verb  # Something is wrong.
+                assert json.loads(output) if is_told else not output or end == "killed"
             elif end != "done" or known is None and some:
                 known = None
             elif number < 4:
