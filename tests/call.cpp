@@ -87,5 +87,5 @@ int main(int, char *argv[])
     out["answer"] = kFunctions.at(argv[1])({arguments});
     out["errno"] = errno;
     out["state"] = YLIBCErrGet();
-    std::cout << Json::writeString(Json::StreamWriterBuilder(), out) << std::endl;
+    std::cout << Json::writeString(Json::StreamWriterBuilder(), out) << '\n';
 }
