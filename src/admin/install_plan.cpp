@@ -64,7 +64,8 @@ std::vector<UniqueOpenSSL<X509>> ReadCrts(const Options &options, Json::Value &f
     paths.insert(paths.end(), options.chainFiles.begin(), options.chainFiles.end());
     std::vector<UniqueOpenSSL<X509>> crts;
     for (const std::string &path : paths) {
-        for (UniqueOpenSSL<X509> &crt : ReadPem(path, false, findings).crts) {
+        PemContent content = ReadPem(path, false, findings);
+        for (UniqueOpenSSL<X509> &crt : content.crts) {
             if (std::none_of(crts.begin(), crts.end(),
                              [&](const auto &known) { return X509_cmp(known.get(), crt.get()) == 0; })) {
                 crts.push_back(std::move(crt));
