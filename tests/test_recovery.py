@@ -169,12 +169,3 @@ def test_syncs_before_it_removes_or_renames(w):
     deployment = f"p temp/{copies} temp web.bak -arp bak/1 bak p web rename p web.bak"
     seen = " ".join(each.removeprefix("c/").removeprefix("p/web.") for each in found)
     assert seen == f"{mend} {deployment}"
-
-
-# A bus takes it, or there would be a line in the log.
-def test_tells_the_system_bus(w):
-    w.replace("/usr/bin/busctl", 'echo "$*" > /run/row/told; exec $REAL "$@"')
-    w.sh("rm c/cert.pem; mkdir -p /run/dbus; dbus-daemon --system --fork --nopidfile --nosyslog")
-    assert w.call("CheckAndRecoverCrt", "c") and w.said.log == [LACKS, START]
-    event = "emit /org/opal/Notification org.opal.Notification Event "
-    assert event in (told := (ROW / "told").read_text()) and "certificate_broken" in told
