@@ -41,11 +41,6 @@ struct Argument {
     operator unsigned() const { return value.asUInt(); }
     operator std::string() const { return value.asString(); }
     operator const char *() const { return value.isNull() ? nullptr : value.asCString(); }
-    operator CsrSubject() const
-    {
-        const auto at = [this](Json::ArrayIndex i) { return value.get(i, "").asString(); };
-        return {at(0), at(1), at(2), at(3), at(4), at(5), at(6)};
-    }
     operator const SzList *() const
     {
         static SzList list;
@@ -54,12 +49,12 @@ struct Argument {
     }
 };
 
-#define CALL(function, ...) {#function, [](const Argument &in) { (void)in; return Value(function(__VA_ARGS__)); }}
+#define CALL(name, ...) {#name, [](const Argument &in) { (void)in; return Value(name(__VA_ARGS__)); }}
 const std::map<std::string, Value (*)(const Argument &in)> kFunctions = {
     CALL(DeployDefCrt, in[0], in[1], in[2]), CALL(SetCrtForServices, in[0], in[1], in[2], in[3]),
     CALL(CheckAndRecoverCrt, in[0]), CALL(WriteCrtInfo, in[0]),
     CALL(MoveDirectory, in[0], in[1]), CALL(ReloadService, in[0]),
-    CALL(modifyCsrCfg, in[0], in[1]), CALL(genCACnf, in[0]), CALL(genServerCnf, in[0], in[1]),
+    CALL(genCACnf, in[0]), CALL(genServerCnf, in[0], in[1]),
     CALL(RemoveServiceFromInfo, in[0]), CALL(genKey, in[0], in[1]),
     CALL(genServerCrt, in[0], in[1], in[2], in[3], in[4], in[5]), CALL(genSerialFile),
     CALL(genDefaultCrtSet, in[0]), CALL(checkCrtKeyMatch, in[0], in[1]),

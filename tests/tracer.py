@@ -48,7 +48,7 @@ def ask():
     return seccomp.seccomp_notify_fd(rules)
 
 
-Call = namedtuple("Call", "program name path inode errors")  # inode: of an open file; errors: that it may meet
+Call = namedtuple("Call", "program name path inode errors")  # inode: of an open file; errors: it may meet
 END = Call("", "the end", "", None, [])
 
 
