@@ -63,12 +63,10 @@ const std::map<std::string, Value (*)(const Argument &in)> kFunctions = {
         Value list = in[0], element = in[1];
         UpdateServiceList(list, element.isInt() ? list[element.asInt()] : element, in[2]);
         return list; }},
-    // Path, mode, seconds to wait for it, seconds to keep it.
+    // Path, mode, seconds to wait for it.
     {"Lock", [](const Argument &in) {
         int fd = -1;
-        const int answer = YLIBCFileLockTimeByFile(in[0], in[1], in[2], &fd);
-        sleep(answer != 0 ? in[3] : 0u);
-        return Value(answer); }},
+        return Value(YLIBCFileLockTimeByFile(in[0], in[1], in[2], &fd)); }},
 };
 // clang-format on
 

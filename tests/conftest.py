@@ -36,8 +36,6 @@ def pytest_runtest_makereport(item):
     w = getattr(item, "funcargs", {}).get("w")
     if report.failed and w is not None:
         report.sections.append(("what was run", "\n".join(map(str, w.story))))
-        tree = [f"{at}/{path} {what}" for at in (S, P, D) for path, what in w.tree(at).items()]
-        report.sections.append(("the tree", "\n".join(tree)))
 
 
 # A service object as a registration makes it.

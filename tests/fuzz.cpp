@@ -9,7 +9,6 @@
 #include "assign/recovery.h"
 #include "checksum/crt_checksums.h"
 #include "common/json_file.h"
-#include "common/json_member.h"
 #include "deploy/key_types.h"
 #include "frontend/definition_file.h"
 #include "frontend/registerer.h"
@@ -48,12 +47,6 @@ bool (*const kChanges[])() = {
     [] { return AppendRegisterServices(kOurs); },
     [] { return RemoveRegisterServices("p", ""); },
     [] { return RemoveServiceFromInfo(kOurs[0]); },
-    [] {
-        Json::Value info;
-        if (!TakeCrtInfo(info) || !GetMember(GetMember(info, "c"), "services").isArray()) { return false; }
-        UpdateServiceList(info["c"]["services"], kOurs[0], false);
-        return WriteCrtInfo(info);
-    },
 };
 // clang-format on
 

@@ -64,7 +64,7 @@ def test_is_waited_for_no_longer_than_its_time(w):
 # None when the lock was taken, else the name of the error. Without a wait where there is nothing to wait for.
 def lock(w, path, seconds=0):
     begin = time.monotonic()
-    taken = w.call("Lock", path, 1, seconds, 0)
+    taken = w.call("Lock", path, 1, seconds)
     assert time.monotonic() - begin < 1
     return None if taken else errno.errorcode[w.answer["errno"]]
 
@@ -90,7 +90,7 @@ def test_a_planted_lock_file_is_neither_taken_nor_waited_for(w):
 def test_a_lock_file_that_is_removed_before_it_is_locked_guards_nothing(w):
     w.sh("touch /tmp/some.lock")
     w.start("sleep 0.2; rm /tmp/some.lock")
-    w.run(f"{CALL} Lock '[\"/tmp/some.lock\", 1, 5, 0]'", inject="flock:delay_enter=400000:when=1")
+    w.run(f"{CALL} Lock '[\"/tmp/some.lock\", 1, 5]'", inject="flock:delay_enter=400000:when=1")
     assert os.path.exists("/tmp/some.lock")
 
 
