@@ -16,10 +16,9 @@ PLAIN = pytest.mark.skipif("sanitize" in str(TOOL), reason="the sanitizers need 
     ("umask 0777; env --ignore-signal=XFSZ,PIPE,CHLD,TERM opalcrtregister p", "", ""),
     (f"mkdir /tmp/g; cd /tmp/g; rmdir /tmp/g; IFS=p TMPDIR=/none PATH=/none {TOOL}/opalcrtregister p", "", ""),
     pytest.param("prlimit --nofile=4 -- opalcrtregister p", LIST, "Failed to lock [/tmp/", marks=PLAIN),
-    ("ln -s $A/x $P/p/web.temp; ln -s $A/x $P/p/web.bak; opalcrtregister p", "", ""),
     ("rm -r $P/p/web; ln -s $A/x $P/p/web; opalcrtregister p", "", ""),
-    ("ln -f x/f $P/p/web/cert.pem; ln x/f $P/p/web/more; opalcrtregister p", "", ""),
-    ("ln -s x/f SERVICES.new; ln x/f INFO.temp; opalcrtregister p", "", ""),
+    ("ln -f x/f $P/p/web/cert.pem; ln x/f $P/p/web/more; ln x/f INFO.temp; opalcrtregister p", "", ""),
+    ("ln -s $A/x SERVICES.new; cd $P/p; ln -s $A/x web.temp; ln -s $A/x web.bak; opalcrtregister p", "", ""),
     ("mkfifo $P/p/web.temp; opalcrtregister p", DEPLOY, "Failed to clean $P/p/web.temp"),
 ])
 # fmt: on
