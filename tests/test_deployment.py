@@ -26,6 +26,7 @@ RM = "rm case $2 in */s) unlink /tmp/w/s/o; "
     (BAK, "cp exit 1", False, "s.temp/n=new s/b=b", "Failed to copy /tmp/w/s to /tmp/w/s.bak [5]"),
     (BAK + MOUNTED + "s.bak", "", False, "s.temp/n=new", "Failed to move /tmp/w/s.bak to /tmp/w/s [16]"),
     (OLD, RM + "exit 1;; esac", False, "s.bak/o=old s.temp/n=new", "Failed to remove /tmp/w/s [5]\n" * 2),
+    (OLD, "rm case $2 in */s) $REAL -rf $2.temp;; esac; $REAL $*", False, "s/o=old", "s.temp to /tmp/w/s [2]"),
     # A backup that stays is no failure.
     (OLD, RM + "rmdir $2;; *) [ ! -d $2 ];; esac", True, "s.bak/o=old s/n=new", "remove /tmp/w/s.bak [5]"),
 ])  # fmt: skip

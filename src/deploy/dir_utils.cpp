@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 
 #include "common/log.h"
@@ -17,12 +18,14 @@ namespace opalcrt {
 
 namespace {
 
+bool LogMove(const std::string &from, const std::string &to)
+{
+    return LOG_ERROR("Failed to move %s to %s [%d]", from.c_str(), to.c_str(), errno);
+}
+
 bool Rename(const std::string &from, const std::string &to)
 {
-    if (!RenameAndSync(from, to)) {
-        return LOG_ERROR("Failed to move %s to %s [%d]", from.c_str(), to.c_str(), errno);
-    }
-    return true;
+    return RenameAndSync(from, to) || LogMove(from, to);
 }
 
 // A run that was killed between the removal and the rename has left only the backup. False when it could not
@@ -35,7 +38,7 @@ bool BringBackLoneBackup(const std::string &backup, const std::string &destinati
     }
     const int isFolder = errno == ENOENT ? YLIBCFileCheckDir(backup.c_str()) : -1;
     if (isFolder < 0) {
-        LOG_ERROR("Failed to move %s to %s [%d]", backup.c_str(), destination.c_str(), errno);
+        LogMove(backup, destination);
     }
     return isFolder == 0 || (isFolder == 1 && Rename(backup, destination));
 }
@@ -72,15 +75,19 @@ bool MoveDirectory(const std::string &source, const std::string &destination)
         return false;
     }
 
-    if (RemovePath(destination) && Rename(source, destination)) {
-        RemovePath(backup);
-        return true;
+    if (!RemovePath(destination) ||
+        (rename(source.c_str(), destination.c_str()) != 0 && !LogMove(source, destination))) {
+        if (RemovePath(destination)) {
+            Rename(backup, destination);
+        }
+        return false;
     }
-    // When only the sync has failed the new folder stands, whole, and the backup is what is sure to survive a power cut.
-    if (YLIBCFileExist(source.c_str()) != 0 && RemovePath(destination)) {
-        Rename(backup, destination);
+    // The new folder stands, whole; until it is synced only the backup is sure to survive a power cut.
+    if (!SyncParent(destination)) {
+        return LogMove(source, destination);
     }
-    return false;
+    RemovePath(backup);
+    return true;
 }
 
 bool RemovePath(const std::string &path)
