@@ -26,7 +26,8 @@ namespace opalcrt {
 
 // Multiple mode when the service object's `multiple_cert` is true and the certificate lists key types, else
 // single mode. `cert_id` names a folder of the archive; the service object is valid (IsServiceObjValid) and
-// its names are usable (store/names.h).
+// its names are usable (store/names.h). Done again when that failed and the key types are other ones now: a certificate
+// with others has taken its place (opalcrt install), and nobody may fail because of that.
 bool DeployServiceCrt(const std::string &cert_id, const Json::Value &serviceObj);
 
 bool DeploySingleCrt(const std::string &cert_id, const Json::Value &serviceObj);

@@ -37,7 +37,7 @@ bool CopyPlannedFile(const DeployPlan::File &file, const std::string &crtFolder,
                      uid_t uid, gid_t gid)
 {
     const int exists = file.isOptional ? YLIBCFileExist((crtFolder + "/" + file.name).c_str()) : 1;
-    return exists == 0 || (exists == 1 && CopyCrtFile(crtFolder, staging, file.name, uid, gid));
+    return exists == 0 || CopyCrtFile(crtFolder, staging, file.name, uid, gid);
 }
 
 }  // namespace

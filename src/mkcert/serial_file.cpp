@@ -20,7 +20,7 @@ namespace opalcrt {
 
 namespace {
 
-constexpr size_t kLargestSerialFile = 4096;
+constexpr size_t kLargestSerialFile = 1024UL * 1024;
 
 // Reads it as the program openssl does.
 bool IsSerialNumber(const std::string &text)

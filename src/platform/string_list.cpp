@@ -10,12 +10,12 @@
 namespace opalcrt {
 
 std::unique_ptr<SzList> YLIBCSzListAlloc(size_t size)
-{
-    std::unique_ptr<SzList> list(new (std::nothrow) SzList);
-    if (list != nullptr) {
-        list->items.reserve(size);
-    }
+try {
+    auto list = std::make_unique<SzList>();
+    list->items.reserve(size);
     return list;
+} catch (const std::bad_alloc &) {
+    return nullptr;
 }
 
 const char *YLIBCSzListGet(const SzList &list, size_t index) { return list.items[index].c_str(); }
