@@ -1,9 +1,11 @@
 # What the administrator's command does: what install refuses and takes, and the other verbs.
 import json, os, re
 
-import pytest
-from conftest import A, P, ROW
-from test_status import DONE, PUT, certificates, codes, every_bit, status, store, stores
+import pytest, test_status
+from conftest import A, P, ROW, S
+from test_status import DONE, PUT, certificates, codes, every_bit, status, stores
+
+store = test_status.store  # its fixture
 
 # fmt: off
 LONG = "0123456789abcdef"
