@@ -1,4 +1,4 @@
-// The archive's certificate folders and INFO, as the verbs change them, and what they do for the services.
+// The archive's certificate folders and INFO, as the verbs change them.
 //
 // A folder is replaced in one step. What a kill leaves is the old folder or the new one, each whole, and a part of the
 // other under the name that a new folder is made under, "." + id + ".new", which the next run removes. Whoever replaces
@@ -52,14 +52,5 @@ bool IsListedCrt(const std::string &cert_id, const Json::Value &info);
 
 // Whether it also has a folder that is complete, as it is, without a mend. False, told.
 bool IsUsableCrt(const std::string &cert_id, const Json::Value &info);
-
-// Whether a service that INFO lists under a certificate is to get something.
-using IsMeant = std::function<bool(const std::string &cert_id, const Json::Value &service)>;
-
-// Gives the services that are meant the certificate `options.id`, when it `assigns`, or else what the archive holds of
-// the one that each has, and runs their hooks; a line for each as it happens. Certificates that are not complete are
-// refused, not mended; so is all when that is so of `options.id`, or INFO does not list it. Adds the services to `report`,
-// and answers the exit status.
-int RollOut(const Options &options, bool assigns, const IsMeant &isMeant, Json::Value &report);
 
 }  // namespace opalcrt

@@ -154,16 +154,16 @@ Json::Value DescribeCrt(const X509 &crt)
     return facts;
 }
 
-void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings)
+bool AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings)
 {
     const time_t now = time(nullptr);
     const time_t begin = ToTime(X509_get0_notBefore(&crt));
     const time_t end = ToTime(X509_get0_notAfter(&crt));
     const std::string endText = ToTimeText(end);
-    AddIf(end < now, findings, "expired", what + " has ended: " + endText) ||
-        AddIf(begin > now, findings, "not-yet-valid",
-              what + " begins " + ToTimeText(begin) + "; is the clock right?") ||
-        AddIf(end - now < days * kDaySeconds, findings, "expires-soon", what + " ends soon: " + endText);
+    return AddIf(end < now, findings, "expired", what + " has ended: " + endText) ||
+           AddIf(begin > now, findings, "not-yet-valid",
+                 what + " begins " + ToTimeText(begin) + "; is the clock right?") ||
+           AddIf(end - now < days * kDaySeconds, findings, "expires-soon", what + " ends soon: " + endText);
 }
 
 // OpenSSL keeps what it has worked out of a certificate inside it, so these of its functions take no const.

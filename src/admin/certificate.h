@@ -46,8 +46,8 @@ Json::Value DescribeCrt(const X509 &crt);
 
 constexpr time_t kDaySeconds = 24L * 60 * 60;
 
-// Adds to `findings` (admin/report.h) that it has ended, has not begun, or has less than so many days left.
-void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings);
+// Adds to `findings` (admin/report.h) that it has ended, has not begun, or has less than so many days left. Whether it has.
+bool AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings);
 
 // Whether the issuer's name and key made this signature.
 bool IsSignedBy(const X509 &crt, const X509 &issuer);

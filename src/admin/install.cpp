@@ -18,7 +18,7 @@ namespace {
 // What a cut-off run of the same command has left: only its entry in INFO is missing.
 bool IsMadeAlready(const std::string &folder, const CrtFiles &files)
 {
-    return !files.empty() && std::all_of(files.begin(), files.end(), [&folder](const auto &file) {
+    return !files.empty() && std::ranges::all_of(files, [&folder](const auto &file) {
         return LookAtFile(folder + "/" + file.first).text == file.second;
     });
 }
@@ -70,7 +70,7 @@ int PutIntoArchive(const Options &options, const CrtFiles &files)
         return kRefused;
     }
     const int status = ReplaceCrtFolder(*options.id, [&files](const std::string &folder) {
-        return std::all_of(files.begin(), files.end(), [&folder](const auto &file) {
+        return std::ranges::all_of(files, [&folder](const auto &file) {
             const std::string path = folder + "/" + file.first;
             return WriteNewFile(path, file.second, std::string(), 0400) || RefuseCall("cannot write " + path);
         });

@@ -6,7 +6,6 @@
 
 #include "admin/certificate.h"
 #include "admin/report.h"
-#include "common/json_file.h"
 #include "deploy/key_types.h"
 #include "store/paths.h"
 
@@ -49,9 +48,7 @@ std::vector<KeyPair> ReadKeys(const std::vector<std::string> &paths, Json::Value
         const KeyType type = id == EVP_PKEY_EC ? KeyType::ECC : KeyType::RSA;
         AddIf(id != EVP_PKEY_RSA && id != EVP_PKEY_EC, findings, "key-type",
               path + " holds neither an RSA nor an EC key") ||
-            AddIf(std::any_of(pairs.begin(), pairs.end(),
-                              [type](const KeyPair &pair) { return pair.type == type; }),
-                  findings, "key-type",
+            AddIf(std::ranges::count(pairs, type, &KeyPair::type) != 0, findings, "key-type",
                   path + " holds a second key of one type; two are an RSA and an EC key");
         pairs.push_back({std::move(content.keys.front()), type, path, {}});
     }
@@ -66,8 +63,8 @@ std::vector<UniqueOpenSSL<X509>> ReadCrts(const Options &options, Json::Value &f
     for (const std::string &path : paths) {
         PemContent content = ReadPem(path, false, findings);
         for (UniqueOpenSSL<X509> &crt : content.crts) {
-            if (std::none_of(crts.begin(), crts.end(),
-                             [&](const auto &known) { return X509_cmp(known.get(), crt.get()) == 0; })) {
+            const auto isSame = [&crt](const auto &known) { return X509_cmp(known.get(), crt.get()) == 0; };
+            if (std::ranges::none_of(crts, isSame)) {
                 crts.push_back(std::move(crt));
             }
         }
@@ -79,10 +76,10 @@ std::vector<const X509 *> OrderChain(const EVP_PKEY &key, const std::vector<Uniq
 {
     std::vector<const X509 *> chain;
     const auto isNext = [&](const UniqueOpenSSL<X509> &crt) {
-        return std::find(chain.begin(), chain.end(), crt.get()) == chain.end() &&
+        return std::ranges::count(chain, crt.get()) == 0 &&
                (chain.empty() ? IsKeyOf(key, *crt) : IsSignedBy(*chain.back(), *crt));
     };
-    for (auto next = crts.begin(); (next = std::find_if(crts.begin(), crts.end(), isNext)) != crts.end();) {
+    for (auto next = crts.begin(); (next = std::ranges::find_if(crts, isNext)) != crts.end();) {
         chain.push_back(next->get());
     }
     return chain;
@@ -104,11 +101,9 @@ void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpen
     }
     for (const UniqueOpenSSL<X509> &crt : crts) {
         const std::string what = "the certificate of " + DescribeCrt(*crt)["subject"].asString();
-        if (std::find(used.begin(), used.end(), crt.get()) != used.end()) {
+        AddIf(!used.empty() && std::ranges::count(used, crt.get()) == 0, findings, "chain-broken",
+              what + " signed none of the others; leave it out") ||
             AddTimeFinding(what, *crt, 30, findings);
-        } else if (!used.empty()) {
-            AddIf(true, findings, "chain-broken", what + " signed none of the others; leave it out");
-        }
     }
 }
 
@@ -118,7 +113,7 @@ void WarnOfLostNames(const std::string &id, const X509 &crt, Json::Value &findin
     const Json::Value names = DescribeCrt(crt)["names"];
     const Json::Value oldNames = old != nullptr ? DescribeCrt(*old)["names"] : names;
     for (const Json::Value &name : oldNames) {
-        AddIf(std::find(names.begin(), names.end(), name) == names.end(), findings, "name-lost",
+        AddIf(std::ranges::count(names, name) == 0, findings, "name-lost",
               "the new certificate is not for " + name.asString() + ", as the old one is");
     }
 }
@@ -147,13 +142,11 @@ CrtFiles PlanInstall(const Options &options, Json::Value &findings)
     if (!findings.empty()) {
         return {};  // Without one of the files nothing sensible can be said of how the others fit together.
     }
-    bool allFit = true;
     for (KeyPair &pair : pairs) {
         pair.crts = OrderChain(*pair.key, crts);
-        allFit = allFit && !pair.crts.empty();
     }
     CheckChains(pairs, crts, findings);
-    if (!allFit) {
+    if (std::ranges::any_of(pairs, [](const KeyPair &pair) { return pair.crts.empty(); })) {
         return {};
     }
     WarnOfLostNames(*options.id, *pairs.front().crts.front(), findings);
@@ -165,9 +158,7 @@ CrtFiles PlanInstall(const Options &options, Json::Value &findings)
             AddFiles(pair, KeyTypePrefix(pair.type), files);
             types.append(KeyTypeName(pair.type));
         }
-        Json::Value renew(Json::objectValue);
-        renew["key_types"] = Join(types, "/");
-        files["renew.json"] = toString(renew);
+        files["renew.json"] = "{\"key_types\":\"" + Join(types, "/") + "\"}\n";
     }
     return files;
 }

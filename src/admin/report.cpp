@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <regex>
 #include <set>
 
 #include "common/json_file.h"
@@ -48,19 +49,12 @@ void Say(const Options &options, const std::string &text)
     }
 }
 
-std::string ToShownText(std::string text)
+std::string ToShownText(const std::string &text)
 {
-    const bool isUtf8 = IsUtf8(text);
-    for (size_t at = 0; at < text.size(); ++at) {
-        const auto byte = static_cast<unsigned char>(text[at]);
-        // U+0080 to U+009F are control characters as well; in UTF-8 they begin with C2.
-        if (isUtf8 && byte == 0xC2 && static_cast<unsigned char>(text[at + 1]) < 0xA0) {
-            text.replace(at, 2, "?");
-        } else if (byte < 0x20 || byte == 0x7F || (!isUtf8 && byte >= 0x80)) {
-            text[at] = '?';
-        }
-    }
-    return text;
+    // U+0080 to U+009F are control characters as well; in UTF-8 they begin with C2.
+    static const std::regex kControls("[\\x00-\\x1F\\x7F]|\xC2[\x80-\x9F]");
+    static const std::regex kAllButAscii("[^ -~]");
+    return std::regex_replace(text, IsUtf8(text) ? kControls : kAllButAscii, "?");
 }
 
 std::string Join(const Json::Value &texts, const char *separator)

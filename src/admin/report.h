@@ -26,7 +26,7 @@ bool Complain(const std::string &text);
 void Say(const Options &options, const std::string &text);
 
 // Text from outside as one line of UTF-8 that no terminal obeys: what is none of it becomes "?".
-std::string ToShownText(std::string text);
+std::string ToShownText(const std::string &text);
 
 // The strings of the array, with something between them.
 std::string Join(const Json::Value &texts, const char *separator = ", ");

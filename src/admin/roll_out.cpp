@@ -55,17 +55,19 @@ bool ListOnce(const std::string &cert_id, const Json::Value &services)
     });
 }
 
-// Those of INFO's services that are meant, by the certificate that each has: one that is listed several times has the
-// first, in byte order of the ids, as the engine sees it too. What is no service is left out.
-std::map<std::string, Json::Value> ListServices(const Json::Value &info, const IsMeant &isMeant)
+// Those of INFO's services that are to get something, by the certificate that each has: one that is listed several times
+// has the first, in byte order of the ids, as the engine sees it too. What is no service is left out.
+std::map<std::string, Json::Value> ListServices(const Json::Value &info, const Options &options, int action)
 {
     std::set<ServiceName> seen;
     std::map<std::string, Json::Value> services;
     for (auto entry = info.begin(); entry != info.end(); ++entry) {
         const Json::Value &listed = GetMember(*entry, "services");
         for (Json::ArrayIndex at = 0; listed.isArray() && at < listed.size(); ++at) {
-            if (NameOf(listed[at]).IsWhole() && seen.insert(NameOf(listed[at])).second &&
-                isMeant(entry.name(), listed[at])) {
+            const bool isMeant = action == kActionAssign
+                                     ? MatchService(listed[at], options.subscriber, options.service)
+                                     : entry.name() == options.id.value_or(entry.name());
+            if (NameOf(listed[at]).IsWhole() && seen.insert(NameOf(listed[at])).second && isMeant) {
                 services[entry.name()].append(listed[at]);
             }
         }
@@ -73,16 +75,19 @@ std::map<std::string, Json::Value> ListServices(const Json::Value &info, const I
     return services;
 }
 
-}  // namespace
-
-int RollOut(const Options &options, bool assigns, const IsMeant &isMeant, Json::Value &report)
+// Gives the services that are meant the certificate `options.id`, or with kActionDeploy what the archive holds of the one
+// that each has, and runs their hooks; a line for each as it happens. Certificates that are not complete are refused, not
+// mended; so is all when that is so of `options.id`, or INFO does not list it.
+int RollOut(const Options &options, int action, Json::Value &report)
 {
+    if (options.id) {
+        report["id"] = *options.id;
+    }
     Json::Value &told = report["services"] = Json::Value(Json::arrayValue);
     Json::Value info;
     if (!ReadInfo(info) || (options.id && !IsUsableCrt(*options.id, info))) {
         return kRefused;
     }
-    const std::map<std::string, Json::Value> services = ListServices(info, isMeant);
     Json::Value moved(Json::arrayValue);
     bool allDone = true;
     const auto tell = [&](const Json::Value &serviceObj, const ServiceOutcome &outcome) {
@@ -91,40 +96,27 @@ int RollOut(const Options &options, bool assigns, const IsMeant &isMeant, Json::
             moved.append(serviceObj);
         }
     };
-    for (const auto &[old_id, list] : services) {
-        const std::string &new_id = assigns ? *options.id : old_id;
-        const int action = assigns ? kActionAssign : kActionDeploy;
+    for (const auto &[old_id, list] : ListServices(info, options, action)) {
+        const std::string &new_id = options.id ? *options.id : old_id;
         // Asked for here, since the engine would mend it: nobody wants a new key in place of a bought one.
-        const bool isGiven =
-            IsUsableCrt(new_id, info) && SetCrtForServices(new_id, list, old_id, action, tell, false);
-        allDone = isGiven && allDone;
+        allDone = IsUsableCrt(new_id, info) && SetCrtForServices(new_id, list, old_id, action, tell, false) &&
+                  allDone;
     }
     if (told.empty()) {
         return allDone ? kDone : kRefused;
     }
-    allDone = (!assigns || ListOnce(*options.id, moved)) && allDone;
+    allDone = (action != kActionAssign || ListOnce(*options.id, moved)) && allDone;
     ReloadRelayDaemon();
     return allDone ? kDone : kPartlyChanged;
 }
 
-int Deploy(const Options &options, Json::Value &report)
-{
-    if (options.id) {
-        report["id"] = *options.id;
-    }
-    const auto isMeant = [&options](const std::string &cert_id, const Json::Value &) {
-        return cert_id == options.id.value_or(cert_id);
-    };
-    return RollOut(options, false, isMeant, report);
-}
+}  // namespace
+
+int Deploy(const Options &options, Json::Value &report) { return RollOut(options, kActionDeploy, report); }
 
 int Assign(const Options &options, Json::Value &report)
 {
-    report["id"] = *options.id;
-    const auto isMeant = [&options](const std::string &, const Json::Value &service) {
-        return MatchService(service, options.subscriber, options.service);
-    };
-    const int status = RollOut(options, true, isMeant, report);
+    const int status = RollOut(options, kActionAssign, report);
     if (status == kDone && report["services"].empty()) {
         return Refuse("INFO lists no service" + (options.service.empty() ? "" : " " + options.service) +
                       " of " + options.subscriber + "; register it first, opalcrt status lists them");
