@@ -1,8 +1,8 @@
 # Callers with odd limits, authors of packages who plant things where root will work, and what children are given.
-import errno, shlex, time
+import shlex, time
 
 import pytest
-from conftest import A, CALL, D, P, TOOL, service
+from conftest import CALL, D, P, TOOL, service
 
 LIST, DEPLOY = "Failed to append register services", "Failed to DeployDefCrt for p"
 PLAIN = pytest.mark.skipif("sanitize" in str(TOOL), reason="the sanitizers need much memory themselves")
@@ -49,12 +49,6 @@ def test_a_limit_on_memory_is_a_failure_too(w):
             assert said.status == 0 or (said.status == 1 and said.log)
             assert len(w.json("INFO")["c"]["services"]) >= 5000
     assert {*ends} == {0, 1}
-
-
-def test_a_full_disk_leaves_the_old(w):
-    w.tmpfs(A, "size=8k")
-    assert not w.call("WriteCrtInfo", {"c": "x" * 9000})
-    assert (w.answer["errno"], w.answer["state"], w.tree(A)) == (errno.ENOSPC, 0x0200, {})
 
 
 # -1 means "leave as it is" to chown(2). The entry of "long" does not fit at first, and his group is not his own.

@@ -1,5 +1,5 @@
 # The report of checksums, the log of OpenSSL's errors, and long log lines.
-import json
+import errno, json
 
 import pytest
 from conftest import A
@@ -54,8 +54,9 @@ def test_prints_nothing_where_anything_is_wrong(w, scene, line):
     w.fails(f"{book}; {scene}; opalcrtchecksum", "", *line.split("*"), timeout=5)
 
 
-def test_a_long_line_loses_the_end_of_its_long_text(w):
-    w.sh("mkdir -p INFO.temp/x")
+def test_a_full_disk_leaves_the_old_and_a_long_line_loses_the_end_of_its_long_text(w):
+    w.tmpfs(A, "size=8k")
     assert not w.call("WriteCrtInfo", {"c": "ü" * 9000})
+    assert (w.answer["errno"], w.answer["state"], w.tree(A)) == (errno.ENOSPC, 0x0200, {})
     line = w.said.log[0]
     assert line.endswith("ü] to [$A/INFO.temp].") and 5900 < len(line.encode()) < 8192
