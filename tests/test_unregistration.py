@@ -13,7 +13,7 @@ WEB, MAIL, SYSTEM = service("web"), service("mail"), service("web", "s", owner="
 def scene(w):
     w.sh("cd $P; mkdir -p p/web p/web.temp p/mail $S/s/web.temp $S/s/web $S/s2/web $A/a/key; >p/web.bak")
     both = {"a": {"desc": 1, "services": [SYSTEM, WEB]}, "b": {"services": [MAIL]}}
-    w.write({**both, "c": 5, "d": {"services": {}}}, [WEB, "stranger", SYSTEM, MAIL])
+    w.write({**both, "c": 5, "0": {"services": {"x": {**WEB, "owner": ""}}}}, [WEB, "stranger", SYSTEM, MAIL])
     return w
 
 
