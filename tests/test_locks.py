@@ -18,6 +18,7 @@ RECOVER, WEB = "/tmp/opal_cert_recover.lock", "/tmp/certificate_p_web.lock"
     ("opalcrtunregister p", SERVICES, True, {"c": [], "list": ["n/new"]}),
     ("opalcrtunregister p", INFO, True, {"c": [], "n": [], "list": []}),
     *[("opalcrtregister p", lock, True, {"c": ["p/web"], "list": ["p/web"]}) for lock in (RECOVER, WEB)],
+    ("opalcrt install c --key n/privkey.pem --cert n/cert.pem", RECOVER, True, {"c": [], "list": []}),
 ])
 # fmt: on
 def test_waits_for_whoever_holds_the_lock(w, command, lock, shared, left, record):

@@ -77,12 +77,12 @@ std::string ToTimeText(time_t time)
 
 }  // namespace
 
-FileLook LookAtFile(const std::string &path, int folder)
+FileLook LookAtFile(const std::string &path)
 {
     constexpr size_t kLargestFile = 1024UL * 1024;
 
     FileLook look;
-    const UniqueFd fd = OpenRegularFile(path.c_str(), folder);
+    const UniqueFd fd = OpenRegularFile(path.c_str());
     if (!fd.IsOpen() || fstat(fd.Get(), &look.info) != 0 || !ReadWhole(fd.Get(), kLargestFile, look.text)) {
         look.error = errno;
         look.text.clear();

@@ -1,7 +1,6 @@
 // Certificates, keys and chains as PEM, and what they say. Nothing here logs or asks for a password.
 #pragma once
 
-#include <fcntl.h>
 #include <json/value.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
@@ -21,7 +20,7 @@ struct FileLook {
     std::string text;
     struct stat info = {};
 };
-FileLook LookAtFile(const std::string &path, int folder = AT_FDCWD);
+FileLook LookAtFile(const std::string &path);
 
 struct PemContent {
     std::vector<UniqueOpenSSL<X509>> crts;

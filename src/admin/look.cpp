@@ -11,7 +11,6 @@
 #include "common/json_member.h"
 #include "deploy/key_types.h"
 #include "platform/file_test.h"
-#include "platform/unique_fd.h"
 #include "platform/users.h"
 #include "store/names.h"
 #include "store/paths.h"
@@ -20,16 +19,13 @@ namespace opalcrt {
 
 namespace {
 
-// An open folder, in which names keep meaning the same files when its path is given to another one, and what has been
-// read of it. A folder that is not there has no files.
+// A folder, and what has been read of it.
 struct FolderLook {
-    explicit FolderLook(const std::string &path) : fd(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
-
     const FileLook &File(const std::string &name)
     {
         const auto [entry, isNew] = files.try_emplace(name);
         if (isNew) {
-            entry->second = fd.IsOpen() ? LookAtFile(name, fd.Get()) : FileLook{ENOENT, "", {}};
+            entry->second = LookAtFile(path + "/" + name);
         }
         return entry->second;
     }
@@ -46,9 +42,8 @@ struct FolderLook {
         return Join(missing);
     }
 
-    UniqueFd fd;
-    std::string inside = "/proc/self/fd/" + std::to_string(fd.Get()) + "/";
-    std::map<std::string, FileLook> files;
+    std::string path;
+    std::map<std::string, FileLook> files = {};
     bool hasMismatch = false;  // of a key and its certificate
 };
 
@@ -83,9 +78,9 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, in
 }
 
 // What is wrong with the folder as a whole.
-void LookAtCrtFolder(const std::string &path, FolderLook &folder, const std::vector<std::string> &prefixes,
-                     Json::Value &findings)
+void LookAtCrtFolder(FolderLook &folder, const std::vector<std::string> &prefixes, Json::Value &findings)
 {
+    const std::string &path = folder.path;
     std::error_code error;
     const auto real = std::filesystem::canonical(path, error);
     AddIf(!error && real != path, findings, "mended-for-ever",
@@ -101,18 +96,18 @@ void LookAtCrtFolder(const std::string &path, FolderLook &folder, const std::vec
     AddIf(folder.File(".mending").error == 0, findings, "mend-unfinished",
           path + " is being mended, or that was cut off");
     Json::Value crtInfo;
-    (void)fromFile(folder.inside + "cert_info", crtInfo);
+    (void)fromFile(path + "/cert_info", crtInfo);
     AddIf(GetBool(crtInfo, "is_broken"), findings, "mended",
           "it had lost files, and a generated one has taken its place");
 }
 
 // The file name prefixes of what the copy's `info` tells the service to use.
-std::vector<std::string> ListUsedPrefixes(const FolderLook &copy, const std::string &path)
+std::vector<std::string> ListUsedPrefixes(const std::string &path)
 {
     const std::string name = "cert.pem";
     Json::Value info;
     std::vector<std::string> prefixes;
-    (void)fromFile(copy.inside + "info", info);
+    (void)fromFile(path + "/info", info);
     for (const Json::Value &element : GetMember(info, "certs")) {
         const std::string crt = GetString(element, "cert");
         if (crt.starts_with(path + "/") && crt.ends_with(name)) {
@@ -132,14 +127,12 @@ void LookAtCopy(FolderLook &copy, FolderLook &archive, const std::string &prefix
         return;
     }
     const FileLook &keyFile = copy.File(prefix + "privkey.pem");
-    const auto [user, isNew] = facts.users.try_emplace(owner, static_cast<uid_t>(-1));
-    if (isNew) {
-        (void)OPALUserGetUGID(owner, &user->second, nullptr);
-    }
+    uid_t user = static_cast<uid_t>(-1);
+    (void)OPALUserGetUGID(owner, &user, nullptr);
     const struct stat &info = keyFile.info;
     char found[64];
     snprintf(found, sizeof(found), "mode %04o and user %u", info.st_mode & 07777, info.st_uid);
-    AddIf((info.st_mode & 0377) != 0 || info.st_uid != user->second, findings, "copy-exposed",
+    AddIf((info.st_mode & 0377) != 0 || info.st_uid != user, findings, "copy-exposed",
           prefix + "privkey.pem has " + found + " instead of 0400 and " + owner);
     std::vector<std::string> names(std::begin(kKeyTypeFiles), std::end(kKeyTypeFiles));
     if (prefix.empty()) {
@@ -177,8 +170,8 @@ Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
     service["state"] = "current";
     Json::Value &findings = service["findings"] = Json::Value(Json::arrayValue);
     facts.folders.insert(path);
-    FolderLook copy(path);
-    const std::vector<std::string> used = ListUsedPrefixes(copy, path);
+    FolderLook copy = {path};
+    const std::vector<std::string> used = ListUsedPrefixes(path);
     Json::Value differing(Json::arrayValue);
     for (const std::string &prefix : used) {
         LookAtCopy(copy, archive, prefix, GetString(element, "owner"), facts, differing, findings);
@@ -217,12 +210,12 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, Stor
                "INFO has an entry that is none of a certificate: " + cert_id)) {
         const std::string path = GetCrtFolderPath(cert_id);
         facts.folders.insert(path);
-        FolderLook folder(path);
+        FolderLook folder = {path};
         std::vector<std::string> prefixes;
         for (const KeyType type : GetCrtKeyTypes(cert_id)) {
             prefixes.push_back(KeyTypePrefix(type));
         }
-        LookAtCrtFolder(path, folder, prefixes, findings);
+        LookAtCrtFolder(folder, prefixes, findings);
         if (const UniqueOpenSSL<X509> main = LookAtPair(folder, "", facts.days, findings)) {
             const UniqueOpenSSL<X509> ca = FirstCrt(folder.File("opal-ca-cert.pem").text);
             crt = DescribeCrt(*main);

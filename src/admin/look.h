@@ -19,8 +19,7 @@ struct StoreFacts {
     std::map<ServiceName, int> listed;  // how often INFO lists the service
     // What SERVICES lists; nothing when it cannot be read.
     std::optional<std::set<ServiceName>> registered;
-    std::set<std::string> folders;       // looked at until now
-    std::map<std::string, uid_t> users;  // asked for until now
+    std::set<std::string> folders;  // looked at until now
 };
 
 // The part of the report (admin/verbs.h) for one certificate of INFO and the services that have it. Without `not_after`

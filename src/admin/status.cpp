@@ -171,7 +171,7 @@ int WorstIn(const Json::Value &report)
 int Status(const Options &options, Json::Value &)
 {
     // Registrations come into SERVICES first and into INFO last, and replace folders between: what seems wrong is
-    // looked at again, and once more while the books change.
+    // looked at again.
     constexpr int kMostLooks = 3;
     constexpr std::chrono::milliseconds kPause(300);
     constexpr const char *kWorst[] = {"ok", "warning", "critical"};
@@ -180,14 +180,10 @@ int Status(const Options &options, Json::Value &)
         Complain("only root can read the keys");
         return kCouldNotLook;
     }
-    struct stat before = {};
-    struct stat after = {};
-    (void)stat(kInfoPath, &before);
     Json::Value report;
     for (int looks = 1; LookOnce(options, report); ++looks) {
-        const bool hasChanged = stat(kInfoPath, &after) != 0 || !IsSameFile(before, after);
         const int worst = WorstIn(report);
-        if (worst == 0 || looks == kMostLooks || (looks > 1 && !hasChanged)) {
+        if (worst == 0 || looks == kMostLooks) {
             report["worst"] = kWorst[worst];
             const bool isPrinted =
                 options.asJson ? PrintJson(report) : WriteAll(STDOUT_FILENO, ToReportText(report));

@@ -1,5 +1,6 @@
 #include "platform/file_read.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -9,10 +10,10 @@
 
 namespace opalcrt {
 
-UniqueFd OpenRegularFile(const char *path, int folder)
+UniqueFd OpenRegularFile(const char *path)
 {
     // O_NONBLOCK: opening a fifo must not wait for a writer. It has no effect on a regular file.
-    UniqueFd fd(openat(folder, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat info = {};
     if (!fd.IsOpen() || fstat(fd.Get(), &info) != 0) {
         SET_PLATFORM_ERRNO(errno);

@@ -1,7 +1,6 @@
 // Reading regular files.
 #pragma once
 
-#include <fcntl.h>
 
 #include <cstdio>
 #include <memory>
@@ -12,9 +11,9 @@
 namespace opalcrt {
 
 // Opens a regular file for reading, close-on-exec. Anything else in its place (a folder, a fifo, a device)
-// is refused without waiting for it: errno is EINVAL then. Follows links. A relative path leads from the open folder.
+// is refused without waiting for it: errno is EINVAL then. Follows links.
 // A descriptor that is not open, with the platform error state and errno set, on failure.
-UniqueFd OpenRegularFile(const char *path, int folder = AT_FDCWD);
+UniqueFd OpenRegularFile(const char *path);
 
 struct FileCloser {
     void operator()(FILE *file) const { fclose(file); }

@@ -6,7 +6,6 @@ import pytest
 from conftest import REPOSITORY, ROW
 
 pytestmark = [pytest.mark.package, pytest.mark.slow]
-HERE = platform.freedesktop_os_release()["VERSION_CODENAME"]
 ROOT = ROW / "debian"
 COPY = "mkdir -p $1; tar -C $0 --exclude=./build --exclude=./.git -c . | tar -C $1 -x"
 CLEAN = "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root DEBIAN_FRONTEND=noninteractive"
@@ -38,7 +37,7 @@ def enter(w, release):
 @pytest.mark.parametrize("release", ["bookworm", "trixie"])
 def test_the_package_lives_and_this_repository_does(w, release):
     built = REPOSITORY / "build/package"
-    if release != HERE:
+    if release != platform.freedesktop_os_release()["VERSION_CODENAME"]:
         enter(w, release)
         sh(INSIDE, ROOT, "cd /tmp/opalcrt; scripts/test --fast; scripts/package")
         built = ROW / "built"
