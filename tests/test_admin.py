@@ -17,7 +17,7 @@ REFUSALS = [  # e lacks all files, and the id LONG is too long for DEFAULT.
     ("assign c q", 1, "lists no service"), ("assign c p api", 1, "lists no service api of p"),
     (f"default {LONG}", 1, "more than 15 bytes"), ("status >/dev/full", 3, ""),
     *[(f"renew --name ok --name '{name}'", 1, "is neither") for name in ("a b", "a;b", "-a", "a/b")],
-    ("renew --name " + "a." * 32 + "b", 1, "the first name"), ("nothing", 64, "required"),
+    ("renew --name " + "a." * 32 + "b", 1, "the first name"), ("instal c", 64, "instal"),
     *[(usage, 64, "--help") for usage in (
         "", "assign c", "deploy c d", "status --days -1", "install c --key x --cert x --cert y")],
 ]

@@ -78,7 +78,7 @@ int Run(int argc, char *argv[])
     Options options;
     CLI::App app("Looks after the certificates of the appliance and of its services.", "opalcrt");
     app.set_version_flag("--version", "opalcrt " OPALCRT_VERSION);
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
     app.footer(
         "Exit status: 0 done; 1 refused or failed, nothing changed; 3 changed, but not all is done; "
         "64 wrong usage. Only root can use it.");
@@ -89,10 +89,11 @@ int Run(int argc, char *argv[])
             throw CLI::ValidationError("--key and --cert", "each key needs a certificate");
         }
     } catch (const CLI::ParseError &error) {
-        if (argc == 1) {
-            fputs(app.help().c_str(), stderr);
-        }
-        return argc > 1 && app.exit(error) == 0 ? kDone : kWrongUsage;
+        return app.exit(error) == 0 ? kDone : kWrongUsage;
+    }
+    if (verb == nullptr) {
+        fputs(app.help().c_str(), stderr);
+        return kWrongUsage;
     }
     // A monitor may not be root, and is answered in its own way.
     if (geteuid() != 0 && !app.got_subcommand("status")) {
