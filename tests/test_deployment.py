@@ -55,7 +55,7 @@ def check(w, files, prefixes=[""], cert_id="c"):
     ({}, "RSA", ""), ({"multiple_cert": False}, "RSA", ""), (MANY, "", ""),
     (MANY, "RSA", "RSA-"), (MANY, "ECC/RSA", "ECC- RSA-"), (MANY, "RSA/RSA", "RSA- RSA-"),
     (MANY, "RSA/", "RSA-"), (MANY, " ECC\t/\n RSA\v", "ECC- RSA-"), (MANY, "DSA/ECC", "ECC-"),
-    *[(MANY, text, "RSA- ECC-") for text in ("rsa", "/", "E CC/")],
+    *[(MANY, text, "RSA- ECC-") for text in ("rsa", "/", "E CC/", 5)],
 ])  # fmt: skip
 def test_gives_what_the_mode_asks_for(w, multiple, renew, prefixes):
     w.crt("c", "RSA-")

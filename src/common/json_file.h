@@ -13,7 +13,7 @@ constexpr size_t kLargestJsonFile = 64UL * 1024 * 1024;
 // Reads and parses the whole file, as jsoncpp's strict mode does, and without NUL bytes: no trailing commas, no text
 // after the value, no member twice. What reads differently in different readers is broken here rather than half
 // understood. Strings may hold any other bytes, also such as are no UTF-8. Numbers beyond 64 bits become floating
-// point.
+// point; beyond that, as 1e400, they are no JSON here.
 // False, with `value` null and the platform error state set, when the path is missing, is no regular file, is
 // larger than `limit` bytes, is empty, nests deeper than 500, is no JSON or does not fit into memory. errno is
 // that of the failed call, EBADMSG for a text that is no JSON.

@@ -13,13 +13,13 @@ const Json::Value &GetMember(const Json::Value &object, const char *key)
 std::string GetString(const Json::Value &object, const char *key)
 {
     const Json::Value &member = GetMember(object, key);
-    return member.isString() ? member.asString() : std::string();
+    return member.isConvertibleTo(Json::stringValue) ? member.asString() : std::string();
 }
 
 bool GetBool(const Json::Value &object, const char *key)
 {
     const Json::Value &member = GetMember(object, key);
-    return member.isBool() && member.asBool();
+    return member.isConvertibleTo(Json::booleanValue) && member.asBool();
 }
 
 bool HasString(const Json::Value &object, const char *key) { return GetMember(object, key).isString(); }

@@ -103,7 +103,7 @@ bool PrepareServices(const Json::Value &definition, Json::Value &services)
         return LOG_ERROR("Invalid config: %s", ToLogText(definition).c_str());
     }
 
-    const std::string filter = GetString(definition, "service");
+    const std::string filter = HasString(definition, "service") ? GetString(definition, "service") : "";
     const std::string subscriber = GetString(definition, "subscriber");
     for (const Json::Value &element : definition["services"]) {
         if (!IsGoodElement(element, subscriber)) {

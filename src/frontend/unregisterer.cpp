@@ -209,13 +209,13 @@ bool RemoveServiceCertificate(const Json::Value &request)
     const bool remainsStay = !service.empty() && IsPlainFolderName(service) &&
                              IsRemovableFolder(isPkg, subscriber, true, "") &&
                              !RemoveRemains(path, GetServiceLockPath(subscriber, service));
-    if (!remainsStay && !IsRemovableFolder(isPkg, subscriber, hasService, service)) {
+    if (!IsRemovableFolder(isPkg, subscriber, hasService, service)) {
         return LOG_ERROR("Invalid certificate: %s%s", folder.c_str(), mark);
     }
 
     // Synced: nobody would look for a key that a power cut brought back. Of an empty service the path ends in "/".
-    if (remainsStay || YLIBCExec("/bin/rm", "-rf", path.c_str(), nullptr, nullptr) != 0 ||
-        !SyncParent(service.empty() ? GetCertificateRoot(isPkg) + subscriber : path)) {
+    if (YLIBCExec("/bin/rm", "-rf", path.c_str(), nullptr, nullptr) != 0 ||
+        !SyncParent(service.empty() ? GetCertificateRoot(isPkg) + subscriber : path) || remainsStay) {
         return LOG_ERROR_STATE("Failed to remove certificate [%s%s]", folder.c_str(), mark);
     }
     LOG_ERROR("Un-Register certificate for %s%s", folder.c_str(), mark);
