@@ -18,7 +18,7 @@ std::string KeyTypeName(KeyType type);
 std::string KeyTypePrefix(KeyType type);
 
 // The certificate's key types, from the member `key_types` of its renew.json, in the order given there.
-// Empty when the file cannot be read as JSON, or when the member is missing, empty or no string.
+// Empty when the file cannot be read as JSON, or when the member is missing, empty, or has no form as a string.
 std::vector<KeyType> GetCrtKeyTypes(const std::string &cert_id);
 
 bool HasCrtKeyTypes(const std::string &cert_id);
