@@ -2,7 +2,7 @@
 import json, os, re
 
 import pytest, test_status
-from conftest import A, P, ROW, S
+from conftest import A, D, P, ROW, S, TOOL
 from test_status import DONE, PUT, certificates, codes, every_bit, status, stores
 
 store = test_status.store  # its fixture
@@ -42,7 +42,8 @@ SCENES = {"folder-exists": "mkdir d", "id-too-long": f"echo {LONG} >DEFAULT", "b
 @pytest.mark.parametrize("arguments, wrong", [
     ("c --key leaf.pem --cert leaf.key --key two --cert cut --chain no --chain big --chain /dev/null",
      "no-pem no-pem no-pem no-pem unreadable unreadable unreadable"),
-    ("c --key locked.key --cert leaf.pem --key ed.key --cert leaf.pem", "key-encrypted key-type"),
+    ("c --key locked.key --cert ended.pem --key ed.key --cert leaf.pem", "expired key-encrypted key-type"),
+    ("c --key bad.key --cert bad.pem --chain good.pem", "chain-broken"),
     ("c --key rsa.key --cert rsa.pem --key leaf.key --cert leaf.pem --key good.key --cert good.pem", "key-type"),
     ("c --key good.key --cert leaf.pem --chain mid.pem", "key-mismatch"), (f"c {LEAF}", "book-broken"),
     ("x --key ended.key --cert ended.pem --chain leaf.pem", "chain-broken expired no-such-id"),
@@ -68,6 +69,7 @@ TWO = "--key rsa.key --cert rsa.pem --chain mid.pem --key leaf.key --cert bare"
     ("--key all --cert all", {"": "leaf"}, ["mid", "root"], ""),
     (TWO, {"": "rsa", "RSA-": "rsa", "ECC-": "leaf"}, ["mid"], "chain-unknown chain-unknown"),
     ("--key soon.key --cert soon.pem", {"": "soon"}, [], "chain-unknown expires-soon"),
+    ("--key new.key --cert new.pem --chain cross.pem --chain own.pem", {"": "new"}, ["cross"], "chain-unknown"),
 ])
 # fmt: on
 def test_install_takes(store, files, used, chain, warnings):
@@ -92,8 +94,8 @@ def test_install_takes(store, files, used, chain, warnings):
 
 
 def test_install_makes_a_new_certificate_and_ends_what_was_cut_off(store):
-    for scene in ("", f"{PUT} edit $A/INFO 'del(.n)'; mkdir $A/.n.new"):
-        store.sh(f"cd $ROW; {scene}\nopalcrt install n --new {LEAF}; cmp $A/n/cert.pem leaf.pem")
+    for scene in ("", f"{PUT} edit $A/INFO 'del(.n)'; mkdir $A/.n.new", ""):
+        store.sh(f"cd $ROW; {scene}\nopalcrt install n --new {LEAF} && cmp $A/n/cert.pem leaf.pem")
         assert store.json("INFO")["n"] == {"services": []} and store.books()["c"] == store.books()["list"]
         assert sorted(os.listdir(A)) == ["DEFAULT", "INFO", "SERVICES", "c", "n"]
 
@@ -112,8 +114,9 @@ def test_folders_are_exchanged_in_one_step_that_a_power_cut_does_not_tear(store)
 
 @pytest.mark.parametrize("verb", [f"install c {LEAF}", "deploy c", "assign c p", "renew --days 400"])
 def test_a_failed_roll_out_is_told(store, verb):
-    said = store.run(f"cd $ROW; echo 7 >end; opalcrt {verb} --json")
-    same = {"certificate": "c", "subscriber": "p", "result": "hook-failed", "hook_status": 7}
+    hook, code = ("chmod 0644 $D/p", 126) if "assign" in verb else ("echo 7 >end", 7)
+    said = store.run(f"cd $ROW; {hook}; opalcrt {verb} --json; s=$?; chmod 0755 $D/p; exit $s")
+    same = {"certificate": "c", "subscriber": "p", "result": "hook-failed", "hook_status": code}
     services = [{**same, "service": each} for each in ("web", "mail")]
     report = {"format": 1, "id": "c", "result": "partly-done", "services": services}
     assert said.status == 3 and report.items() <= json.loads(said.out).items()
@@ -136,6 +139,15 @@ def test_deploy_copies_again_what_info_lists(store):
     assert stores(store) == before
 
 
+# By the hook of the one before it, or while it is copied.
+@pytest.mark.parametrize(
+    "program, when", [(D / "p", "$1 in web"), ("/bin/cp", "$3 in */mail.temp/privkey.pem")]
+)
+def test_who_is_taken_back_meanwhile_gets_nothing(store, program, when):
+    store.replace(program, f'case {when}) {TOOL}/opalcrtunregister p mail;; *) exec $REAL "$@";; esac')
+    store.ok("opalcrt deploy; ls $P/p", out=f"{DONE.splitlines()[0]}\ndone\nweb\n")
+
+
 def test_assign_gives_another_certificate_to_listed_services_and_default_to_new_ones(store):
     store.sh(f"{PUT} mkdir d x; put leaf d; put rsa x")
     store.sh(f"{PUT} edit INFO '.x.services = [.c.services[0]] | .d.services = []'")
@@ -153,7 +165,7 @@ def test_renew_leaves_alone(store):
     # fmt: off
     for scene, arguments, ended, text in (
         ("", "", 0, "not due"), ("", "--check", 0, "not due"), ("", "c --days 100 --check", 1, "due"),
-        ("", "--name nas --check", 1, "due"), ("put soon", "--check", 1, "due"),
+        ("", "--name nas --check", 1, "due"), ("", "--name KESTREL", 0, "not due"), ("put soon", "--check", 1, "due"),
         ("put leaf", "", 0, "left alone, it is not self-made"),
         ("put soon; rm c/opal-ca-cert.pem", "", 0, "left alone, it is not self-made"),
     ):

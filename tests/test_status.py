@@ -7,14 +7,15 @@ from conftest import D, P, ROW, S
 
 # A root, a CA below it (mid), and what they sign: name of .pem and .key, issuer, first and last day, kind.
 MAKE = r"""
-printf '[d]\ndatabase=index\npolicy=p\nrand_serial=yes\ncopy_extensions=copy\n[p]\ncommonName=supplied\n' >cfg
+printf '[d]\ndatabase=index\npolicy=p\nrand_serial=yes\nunique_subject=no\ncopy_extensions=copy\n[p]\ncommonName=supplied\n' >cfg
 : >index; day() { date -u -d "$1 days" +%Y%m%d%H%M%SZ; }
-make() { sign="-cert $2.pem -keyfile $2.key"; [ $1 != $2 ] || sign="-selfsign -keyfile $1.key"
-    openssl req -new -newkey ${6-ec -pkeyopt ec_paramgen_curve:P-256} -nodes -keyout $1.key -subj /CN=$1 \
-        -out csr -addext subjectAltName=DNS:kestrel -addext basicConstraints=critical,CA:${5-false}
-    openssl ca -batch -notext -config cfg -name d -md sha256 -outdir . $sign \
+sign() { by="-cert $2.pem -keyfile $2.key"; [ $1 != $2 ] || by="-selfsign -keyfile $1.key"
+    openssl ca -batch -notext -config cfg -name d -md sha256 -outdir . $by \
         -startdate $(day $3) -enddate $(day $4) -in csr -out $1.pem; }
+make() { openssl req -new -newkey ${6-ec -pkeyopt ec_paramgen_curve:P-256} -nodes -keyout $1.key -subj /CN=$1 \
+        -out csr -addext subjectAltName=DNS:kestrel -addext basicConstraints=critical,CA:${5-false}; sign "$@"; }
 make root root -9 999 true; make mid root -9 999 true; make good root -9 99; make leaf mid -9 99
+make own own -9 999 true; sign cross root -9 999; make new own -9 99; make bad good -9 99
 make rsa mid -9 99 false rsa:2048; make ended root -9 -1; make future root 1 99; make soon root -9 9
 openssl pkey -aes128 -passout pass:x -in leaf.key -out locked.key; truncate -s 1048577 big
 openssl genpkey -algorithm ed25519 -out ed.key; cat leaf.key good.key >two

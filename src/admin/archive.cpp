@@ -72,8 +72,8 @@ bool ReadInfo(Json::Value &info)
 {
     const Json::Value *read = ReadCrtInfo();
     info = read != nullptr ? *read : Json::Value();
-    return info.isObject() ||
-           Refuse(std::string(kInfoPath) + " cannot be read as a JSON object; see opalcrt status");
+    return info.isObject() || Refuse(std::string(kInfoPath) +
+                                     " is no JSON object, or not there; opalcrt init makes the first one");
 }
 
 bool ChangeInfo(const std::function<bool(Json::Value &info)> &change)

@@ -4,6 +4,8 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <algorithm>
+#include <cctype>
 #include <regex>
 #include <utility>
 
@@ -154,22 +156,23 @@ Json::Value DescribeCrt(const X509 &crt)
     return facts;
 }
 
-bool AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings)
+void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings)
 {
     const time_t now = time(nullptr);
     const time_t begin = ToTime(X509_get0_notBefore(&crt));
     const time_t end = ToTime(X509_get0_notAfter(&crt));
     const std::string endText = ToTimeText(end);
-    return AddIf(end < now, findings, "expired", what + " has ended: " + endText) ||
-           AddIf(begin > now, findings, "not-yet-valid",
-                 what + " begins " + ToTimeText(begin) + "; is the clock right?") ||
-           AddIf(end - now < days * kDaySeconds, findings, "expires-soon", what + " ends soon: " + endText);
+    AddIf(end < now, findings, "expired", what + " has ended: " + endText) ||
+        AddIf(begin > now, findings, "not-yet-valid",
+              what + " begins " + ToTimeText(begin) + "; is the clock right?") ||
+        AddIf(end - now < days * kDaySeconds, findings, "expires-soon", what + " ends soon: " + endText);
 }
 
 // OpenSSL keeps what it has worked out of a certificate inside it, so these of its functions take no const.
 bool IsSignedBy(const X509 &crt, const X509 &issuer)
 {
     const bool isSigned =
+        (&crt == &issuer || X509_check_ca(const_cast<X509 *>(&issuer)) != 0) &&
         X509_check_issued(const_cast<X509 *>(&issuer), const_cast<X509 *>(&crt)) == X509_V_OK &&
         X509_verify(const_cast<X509 *>(&crt), X509_get0_pubkey(&issuer)) == 1;
     ERR_clear_error();
@@ -194,6 +197,15 @@ bool IsIssuerWellKnown(const X509 &crt)
         X509_verify_cert(check.get()) == 1;
     ERR_clear_error();
     return isKnown;
+}
+
+std::string ToPlainName(std::string name)
+{
+    if (const UniqueOpenSSL<ASN1_OCTET_STRING> octets(a2i_IPADDRESS(name.c_str())); octets != nullptr) {
+        return ToAddress(octets.get());
+    }
+    std::ranges::transform(name, name.begin(), [](unsigned char letter) { return std::tolower(letter); });
+    return name;
 }
 
 bool IsHostName(const std::string &name)

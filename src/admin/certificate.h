@@ -45,16 +45,19 @@ Json::Value DescribeCrt(const X509 &crt);
 
 constexpr time_t kDaySeconds = 24L * 60 * 60;
 
-// Adds to `findings` (admin/report.h) that it has ended, has not begun, or has less than so many days left. Whether it has.
-bool AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings);
+// Adds to `findings` (admin/report.h) that it has ended, has not begun, or has less than so many days left.
+void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings);
 
-// Whether the issuer's name and key made this signature.
+// Whether the issuer's name and key made this signature, and may: it is a CA, or the certificate itself.
 bool IsSignedBy(const X509 &crt, const X509 &issuer);
 
 bool IsKeyOf(const EVP_PKEY &key, const X509 &crt);
 
 // Whether the machine's own CA certificates lead to a root, whatever the times.
 bool IsIssuerWellKnown(const X509 &crt);
+
+// A host name in small letters, an address in its shortest form: as names are compared.
+std::string ToPlainName(std::string name);
 
 // Whether it is a name that clients can ask for, and a certificate can be made for.
 bool IsHostName(const std::string &name);

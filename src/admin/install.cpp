@@ -15,7 +15,7 @@ namespace opalcrt {
 
 namespace {
 
-// What a cut-off run of the same command has left: only its entry in INFO is missing.
+// What a cut-off run of the same command has left: all is there, but perhaps its entry in INFO.
 bool IsMadeAlready(const std::string &folder, const CrtFiles &files)
 {
     return !files.empty() && std::ranges::all_of(files, [&folder](const auto &file) {
@@ -28,6 +28,7 @@ void CheckId(const Options &options, const CrtFiles &files, Json::Value &finding
     const std::string &id = *options.id;
     const std::string folder = GetCrtFolderPath(id);
     Json::Value info;
+    const auto isMade = [&] { return IsMadeAlready(folder, files); };
     // The books and their temporary files have names that begin so; other names with a dot in front are ours, too.
     const bool isTaken = std::regex_match(id, std::regex("(INFO|SERVICES|DEFAULT)(\\..*)?|\\..*"));
     const bool isGood =
@@ -37,10 +38,10 @@ void CheckId(const Options &options, const CrtFiles &files, Json::Value &finding
               std::string("without ") + kInfoPath + " nothing can be installed") ||
         AddIf(!options.isNew && !GetMember(info, id.c_str()).isObject(), findings, "no-such-id",
               "there is no certificate " + id + "; with --new it is made") ||
-        AddIf(options.isNew && info.isMember(id), findings, "in-info",
+        AddIf(options.isNew && info.isMember(id) && !isMade(), findings, "in-info",
               "there is a certificate " + id + " already; it is replaced without --new") ||
-        AddIf(options.isNew && YLIBCFileExist(folder.c_str()) != 0 && !IsMadeAlready(folder, files), findings,
-              "folder-exists", folder + " is there, though INFO does not list it; move it away");
+        AddIf(options.isNew && YLIBCFileExist(folder.c_str()) != 0 && !isMade(), findings, "folder-exists",
+              folder + " is there, though INFO does not list it; move it away");
     AddIf(id.size() > kLongestDefaultId && LookAtFile(kDefaultPath).text == id + "\n", findings,
           "id-too-long", id + " would be the default certificate: at most 15 bytes");
 }
@@ -76,8 +77,11 @@ int PutIntoArchive(const Options &options, const CrtFiles &files)
         });
     });
     const auto list = [&options](Json::Value &info) {
-        info[*options.id]["services"] = Json::Value(Json::arrayValue);
-        return true;
+        const bool isMissing = !info.isMember(*options.id);
+        if (isMissing) {
+            info[*options.id]["services"] = Json::Value(Json::arrayValue);
+        }
+        return isMissing;
     };
     return status != kDone || !options.isNew || ChangeInfo(list) ? status : kPartlyChanged;
 }

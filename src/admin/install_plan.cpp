@@ -100,10 +100,11 @@ void CheckChains(const std::vector<KeyPair> &pairs, const std::vector<UniqueOpen
         }
     }
     for (const UniqueOpenSSL<X509> &crt : crts) {
-        const std::string what = "the certificate of " + DescribeCrt(*crt)["subject"].asString();
-        AddIf(!used.empty() && std::ranges::count(used, crt.get()) == 0, findings, "chain-broken",
-              what + " signed none of the others; leave it out") ||
-            AddTimeFinding(what, *crt, 30, findings);
+        // One that signed another, but is not the next, is another way to a root, and not needed.
+        const auto isUsed = [&crt](const X509 *each) { return each == crt.get() || IsSignedBy(*each, *crt); };
+        AddIf(!used.empty() && std::ranges::none_of(used, isUsed), findings, "chain-broken",
+              "the certificate of " + DescribeCrt(*crt)["subject"].asString() +
+                  " signed none of the others; leave it out");
     }
 }
 
@@ -139,7 +140,11 @@ CrtFiles PlanInstall(const Options &options, Json::Value &findings)
 {
     std::vector<KeyPair> pairs = ReadKeys(options.keyFiles, findings);
     const std::vector<UniqueOpenSSL<X509>> crts = ReadCrts(options, findings);
-    if (!findings.empty()) {
+    const bool areAllRead = findings.empty();
+    for (const UniqueOpenSSL<X509> &crt : crts) {
+        AddTimeFinding("the certificate of " + DescribeCrt(*crt)["subject"].asString(), *crt, 30, findings);
+    }
+    if (!areAllRead) {
         return {};  // Without one of the files nothing sensible can be said of how the others fit together.
     }
     for (KeyPair &pair : pairs) {

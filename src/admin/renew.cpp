@@ -65,9 +65,10 @@ int Renew(const Options &given, Json::Value &report)
     const Json::Value &old_names = crt["names"];
     Json::Value names = options.names.empty() ? old_names : Json::Value(Json::arrayValue);
     bool isDue = crt["seconds_left"].asInt64() < options.days * kDaySeconds;
-    for (const std::string &name : options.names) {
+    for (const std::string &given_name : options.names) {
+        const std::string name = ToPlainName(given_name);
         names.append(name);
-        isDue = isDue || std::find(old_names.begin(), old_names.end(), name) == old_names.end();
+        isDue = isDue || std::ranges::count(old_names, name) == 0;
     }
     if (isDue && !AreGoodNames(names)) {
         return kRefused;

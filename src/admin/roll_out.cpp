@@ -75,6 +75,14 @@ std::map<std::string, Json::Value> ListServices(const Json::Value &info, const O
     return services;
 }
 
+// The certificate under which INFO lists the service now; empty when it was taken back meanwhile. `old_id` when that cannot
+// be asked for: the engine fails then, too, and says why.
+std::string CurrentId(const Json::Value &service, const std::string &old_id)
+{
+    std::string cert_id;
+    return GetServiceCrtId(service, cert_id) ? cert_id : old_id;
+}
+
 // Gives the services that are meant the certificate `options.id`, or with kActionDeploy what the archive holds of the one
 // that each has, and runs their hooks; a line for each as it happens. Certificates that are not complete are refused, not
 // mended; so is all when that is so of `options.id`, or INFO does not list it.
@@ -90,19 +98,34 @@ int RollOut(const Options &options, int action, Json::Value &report)
     }
     Json::Value moved(Json::arrayValue);
     bool allDone = true;
-    const auto tell = [&](const Json::Value &serviceObj, const ServiceOutcome &outcome) {
-        allDone = Tell(serviceObj, outcome, options, told) && allDone;
-        if (outcome.isDone) {
-            moved.append(serviceObj);
-        }
-    };
+    ServiceOutcome outcome;
+    const auto keep = [&outcome](const Json::Value &, const ServiceOutcome &seen) { outcome = seen; };
     for (const auto &[old_id, list] : ListServices(info, options, action)) {
         const std::string &new_id = options.id ? *options.id : old_id;
-        // Asked for here, since the engine would mend it: nobody wants a new key in place of a bought one.
-        allDone = IsUsableCrt(new_id, info) && SetCrtForServices(new_id, list, old_id, action, tell, false) &&
-                  allDone;
+        for (const Json::Value &service : list) {
+            // Hooks take their time: who is taken back meanwhile, or given another certificate, gets nothing.
+            const std::string current_id = CurrentId(service, old_id);
+            if (current_id.empty() || (current_id != old_id && action == kActionDeploy)) {
+                continue;
+            }
+            // Asked for here, since the engine would mend it: nobody wants a new key in place of a bought one.
+            if (!IsUsableCrt(new_id, info)) {
+                allDone = false;
+                break;
+            }
+            Json::Value one;
+            one.append(service);
+            outcome = {};
+            SetCrtForServices(new_id, one, current_id, action, keep, false);
+            if (outcome.isDone) {
+                moved.append(service);
+            }
+            if (outcome.isDone || !CurrentId(service, old_id).empty()) {
+                allDone = Tell(service, outcome, options, told) && allDone;
+            }
+        }
     }
-    if (told.empty()) {
+    if (moved.empty()) {
         return allDone ? kDone : kRefused;
     }
     allDone = (action != kActionAssign || ListOnce(*options.id, moved)) && allDone;

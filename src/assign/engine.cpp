@@ -117,6 +117,7 @@ bool SetCrtForService(const Json::Value &serviceObj, std::string newId, std::str
                          oldId.c_str(), newId.c_str());
     }
 
+    outcome.isDone = true;
     if (row.reload && ReloadService(serviceObj, &outcome.hookEnded) != 0) {
         return LOG_ERROR("Failed to reload [%s]", ToLogText(serviceObj).c_str());
     }
@@ -146,8 +147,7 @@ bool SetCrtForServices(const std::string &cert_id, const Json::Value &services,
     bool allDone = true;
     for (const Json::Value &serviceObj : services) {
         ServiceOutcome outcome;
-        outcome.isDone = SetCrtForService(serviceObj, cert_id, old_cert_id, *row, outcome);
-        allDone = allDone && outcome.isDone;
+        allDone = SetCrtForService(serviceObj, cert_id, old_cert_id, *row, outcome) && allDone;
         if (tell) {
             tell(serviceObj, outcome);
         }

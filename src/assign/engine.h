@@ -14,9 +14,9 @@ constexpr int kActionDefault = 3;
 
 // What became of one service.
 struct ServiceOutcome {
-    bool isDone = false;  // A hook that ran counts as done, whatever it ended with.
+    bool isDone = false;  // It has the certificate, and INFO says so, whatever became of its hook.
     std::string cert_id;  // what it was to get; empty when it was refused before that was known
-    int hookEnded = -1;   // exit status, or 128 and the signal; below 0 when no hook ran
+    int hookEnded = -1;   // what ReloadService tells; below 0 when there is no hook, or it was not to run
 };
 using ServiceObserver = std::function<void(const Json::Value &serviceObj, const ServiceOutcome &outcome)>;
 

@@ -24,12 +24,12 @@ int ReloadService(const Json::Value &serviceObj, int *ended)
             continue;
         }
         const int result = YLIBCExecl(hook.c_str(), kExecHook, service.c_str(), nullptr);
+        if (ended != nullptr) {
+            *ended = result < 0 ? 126 : result;
+        }
         if (result < 0) {
             LOG_ERROR_STATE("Failed to [%s][%s].", hook.c_str(), service.c_str());
             return result;
-        }
-        if (ended != nullptr) {
-            *ended = result;
         }
         return 0;
     }

@@ -10,7 +10,8 @@ namespace opalcrt {
 // Runs the subscriber's hook for a valid service object. 0 when it ran, whatever its exit status, and when
 // the subscriber has none; negative, logged, when there is one that could not be started. The libexec hook is
 // not tried when a share hook exists. No lock may be held: the hook may call this tool.
-// `ended`, where one ran, is what it ended with (YLIBCExecl); otherwise it is left as it was.
+// `ended`, where there is one, is what it ended with (YLIBCExecl), or 126, as in sh(1), when it could not be started;
+// otherwise it is left as it was.
 int ReloadService(const Json::Value &serviceObj, int *ended = nullptr);
 
 }  // namespace opalcrt
