@@ -66,7 +66,7 @@ int Renew(const Options &given, Json::Value &report)
     Json::Value names = options.names.empty() ? old_names : Json::Value(Json::arrayValue);
     bool isDue = crt["seconds_left"].asInt64() < options.days * kDaySeconds;
     for (const std::string &given_name : options.names) {
-        const std::string name = ToPlainName(given_name);
+        const Json::Value name = ToPlainName(given_name);
         names.append(name);
         isDue = isDue || std::ranges::count(old_names, name) == 0;
     }
