@@ -1,7 +1,6 @@
 // Reading regular files.
 #pragma once
 
-
 #include <cstdio>
 #include <memory>
 #include <string>
