@@ -49,7 +49,7 @@ def store(w):
 
 # Everything that a look could change, but the time of the last look; and what an administrator cares about.
 def every_bit(w):
-    return w.sh(r"find $S $P $D /tmp -printf '%p %i %M %n %U %G %s %T@ %C@\n' | sort")
+    return w.sh(r"find $S $P $D /tmp -xdev -printf '%p %i %M %n %U %G %s %T@ %C@\n' | sort")
 
 
 def stores(w):
