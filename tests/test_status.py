@@ -110,7 +110,8 @@ FAULTS = [  # The services' copies are old where the archive's folder was change
     ("cp -a c d; edit INFO '.d.services = [.c.services[0]]'", "listed-twice listed-twice"),
     ("rm c/opal*; edit SERVICES '.[:1] + [{service: \"x\", subscriber: \"p\"}]'",
      "not-in-info not-in-services old-copy old-copy"),
-    ("edit INFO '.c.services += [5]'; edit SERVICES '. + [6]'", "BOOK-BROKEN BOOK-BROKEN"),
+    ("edit INFO '.c.services += [{subscriber: \"p\", service: 5}]'; edit SERVICES '. + [6]'",
+     "BOOK-BROKEN BOOK-BROKEN"),
     ("edit INFO '.d = 5'; sed -i 's/\"d\"/\"\\xff\\x1b[\"/' INFO", "BOOK-BROKEN"),
 ]
 # fmt: on

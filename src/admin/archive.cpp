@@ -72,8 +72,10 @@ bool ReadInfo(Json::Value &info)
 {
     const Json::Value *read = ReadCrtInfo();
     info = read != nullptr ? *read : Json::Value();
-    return info.isObject() || Refuse(std::string(kInfoPath) +
-                                     " is no JSON object, or not there; opalcrt init makes the first one");
+    return info.isObject() ||
+           Refuse(
+               std::string(kInfoPath) +
+               " cannot be read as a JSON object; see opalcrt status, or, for the first one, opalcrt init");
 }
 
 bool ChangeInfo(const std::function<bool(Json::Value &info)> &change)

@@ -20,7 +20,7 @@ constexpr ServiceObjKey kServiceObjKeys[] = {
     {"isPkg", Json::booleanValue, true},       {"owner", Json::stringValue, true},
 };
 
-// GetString without a copy.
+// Without a copy, and of strings only: a service is known by nothing else.
 std::string_view View(const Json::Value &object, const char *key)
 {
     const char *begin = nullptr;
@@ -52,8 +52,9 @@ bool IsServiceObjValid(const Json::Value &serviceObj)
 
 bool HasUsableNames(const Json::Value &serviceObj)
 {
-    const std::string subscriber = GetString(serviceObj, "subscriber");
-    return IsUsableSubscriber(subscriber) && IsUsableService(subscriber, GetString(serviceObj, "service"));
+    const ServiceName name = NameOf(serviceObj);
+    const std::string subscriber(name.subscriber);
+    return IsUsableSubscriber(subscriber) && IsUsableService(subscriber, std::string(name.service));
 }
 
 ServiceName NameOf(const Json::Value &serviceObj)
