@@ -125,7 +125,7 @@ int RollOut(const Options &options, int action, Json::Value &report)
             }
         }
     }
-    if (moved.empty()) {
+    if (told.empty()) {
         return allDone ? kDone : kRefused;
     }
     allDone = (action != kActionAssign || ListOnce(*options.id, moved)) && allDone;
