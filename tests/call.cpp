@@ -13,7 +13,6 @@
 #include "assign/recovery.h"
 #include "assign/reload_hooks.h"
 #include "deploy/dir_utils.h"
-#include "frontend/unregisterer.h"
 #include "mkcert/crt_creation.h"
 #include "mkcert/default_set.h"
 #include "mkcert/key_match.h"
@@ -55,14 +54,8 @@ const std::map<std::string, Value (*)(const Argument &in)> kFunctions = {
     CALL(CheckAndRecoverCrt, in[0]), CALL(WriteCrtInfo, in[0]),
     CALL(MoveDirectory, in[0], in[1]), CALL(ReloadService, in[0]),
     CALL(genCACnf, in[0]), CALL(genServerCnf, in[0], in[1]),
-    CALL(RemoveServiceFromInfo, in[0]), CALL(genKey, in[0], in[1]),
     CALL(genServerCrt, in[0], in[1], in[2], in[3], in[4], in[5]), CALL(genSerialFile),
     CALL(genDefaultCrtSet, in[0]), CALL(checkCrtKeyMatch, in[0], in[1]),
-    // The object, or the place in the list of the one that is meant. Answers the new list.
-    {"UpdateServiceList", [](const Argument &in) {
-        Value list = in[0], element = in[1];
-        UpdateServiceList(list, element.isInt() ? list[element.asInt()] : element, in[2]);
-        return list; }},
     // Path, mode, seconds to wait for it.
     {"Lock", [](const Argument &in) {
         int fd = -1;

@@ -42,17 +42,6 @@ def test_goes_on_after_a_service_that_fails_and_tells_of_each(w):
     assert w.said.logged(*trail) and w.json("INFO") == {"new": {"services": []}, "old": {}}
 
 
-def test_a_list_is_built_anew_also_of_its_own_element(w):
-    a, b = service("a"), service("b")
-    assert w.call("UpdateServiceList", [a, 5, b], 0, False) == [b, a]
-
-
-def test_other_parts_refuse_what_no_command_gives_them(w):
-    w.write(info="[]")
-    assert not w.call("RemoveServiceFromInfo", {"subscriber": "p"}) and w.said.logged("bad info for UnReg")
-    assert w.call("genKey", "/tmp/k", 0) == -1 and w.said.logged("Failed to genKey with invalid parameters")
-
-
 @pytest.mark.parametrize("isPkg", [True, False])
 def test_runs_the_first_hook_of_the_subscriber_whatever_becomes_of_it(w, isPkg):
     own, others = (PACKAGE, SYSTEM) if isPkg else (SYSTEM, PACKAGE)

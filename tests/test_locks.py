@@ -93,12 +93,3 @@ def test_a_lock_file_that_is_removed_before_it_is_locked_guards_nothing(w):
     w.start("sleep 0.2; rm /tmp/some.lock")
     w.run(f"{CALL} Lock '[\"/tmp/some.lock\", 1, 5]'", inject="flock:delay_enter=400000:when=1")
     assert os.path.exists("/tmp/some.lock")
-
-
-def test_a_lock_that_cannot_be_released_is_only_logged(w):
-    w.sh("rm c/cert.pem")
-    w.define("p", "web")
-    lines = [f"utils.cpp Failed to unlock {path}\n" for path in (RECOVER, INFO, WEB, INFO)]
-    front = "opalcrtregister.cpp Failed to unlock [%s]\n"
-    w.ok("opalcrtregister p", front % SERVICES, *lines, inject="flock:error=EIO:when=2+2")
-    w.ok("opalcrtunregister p", front % SERVICES, front % INFO, inject="flock:error=EIO:when=3+1")

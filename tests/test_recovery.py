@@ -1,8 +1,8 @@
 # Certificates that lack files: who mends them, what a mend that fails or is cut off leaves, and who is told.
-import os, re, time
+import re
 
 import pytest
-from conftest import A, P, ROW, service
+from conftest import A, ROW, service
 
 FAILED = "Failed to DeployDefCrt for p"
 REAL = "utils.cpp Path not match, maybe bugs or attacked\nutils.cpp Folder not exits [$A/c]\n"
@@ -121,21 +121,6 @@ def test_a_registration_mends_the_certificate_that_it_needs(w):
     w.sh("touch x/.mending")
     w.ok("opalcrtregister p; cmp x/cert.pem $P/p/web/cert.pem", "x is incomplete, start recovering", BUS)
     assert mended(w, "x") and not (A / "c/cert_info").exists()
-
-
-# All find it at once; then each copies while another mends.
-def test_many_at_once_mend_once_for_each_that_found_it_and_nobody_fails(w):
-    w.hold("/tmp/opal_cert_recover.lock")
-    w.sh("rm c/fullchain.pem")
-    for name in "pqr":
-        w.define(name, "web", "mail")
-    children = [w.start(f"opalcrtregister {name}") for name in "pqr"]
-    time.sleep(0.3)
-    assert not list(P.iterdir())
-    os.close(w.locks.pop())
-    assert {(child.communicate()[0], child.returncode) for child in children} == {(b"", 0)}
-    assert w.log.take().count(START) <= 3 and mended(w)
-    w.sh(f"for i in $P/*/*/; do cd $i; {WHOLE}; done")
 
 
 # What openssl and cp write is the certificate's own: nothing else changes, and no key is readable on the way.
