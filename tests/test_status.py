@@ -12,14 +12,13 @@ printf '[d]\ndatabase=index\npolicy=p\nrand_serial=yes\nunique_subject=no\ncopy_
 sign() { by="-cert $2.pem -keyfile $2.key"; [ $1 != $2 ] || by="-selfsign -keyfile $1.key"
     openssl ca -batch -notext -config cfg -name d -md sha256 -outdir . $by \
         -startdate $(day $3) -enddate $(day $4) -in csr -out $1.pem; }
-make() { openssl req -new -newkey ${6-ec -pkeyopt ec_paramgen_curve:P-256} -nodes -keyout $1.key -subj /CN=$1 \
+make() { openssl req -newkey ${6-ec -pkeyopt ec_paramgen_curve:P-256} -nodes -keyout $1.key -subj /CN=$1 \
         -out csr -addext subjectAltName=DNS:kestrel -addext basicConstraints=critical,CA:${5-false}; sign "$@"; }
 make root root -9 999 true; make mid root -9 999 true; make good root -9 99; make leaf mid -9 99
 make own own -9 999 true; sign cross root -9 999; make new own -9 99; make bad good -9 99
 make rsa mid -9 99 false rsa:2048; make ended root -9 -1; make future root 1 99; make soon root -9 9
 openssl pkey -aes128 -passout pass:x -in leaf.key -out locked.key; truncate -s 1048577 big
-openssl genpkey -algorithm ed25519 -out ed.key; cat leaf.key good.key >two
-head -c 300 leaf.pem >cut; printf %s "$(cat leaf.pem)" >bare
+openssl genpkey -algorithm ed25519 -out ed.key; head -c 300 leaf.pem >cut; printf %s "$(cat leaf.pem)" >bare
 cat root.pem leaf.key leaf.pem mid.pem | sed 's/$/\r/' >all"""
 PUT = """put() (cd ${2-c} && tee cert.pem <$ROW/$1.pem >fullchain.pem && cat $ROW/$1.key >privkey.pem)
 edit() { jq -c "$2" $1 >$ROW/book; cat $ROW/book >$1; }\n"""
@@ -102,9 +101,9 @@ CRT_FAULTS = [  # In the folder of a certificate that no service has
 FAULTS = [  # The services' copies are old where the archive's folder was changed.
     ("rm -r c", "DEFAULT-UNUSABLE INCOMPLETE old-copy old-copy"),
     ("rm DEFAULT SERVICES; mkdir .c.new $P/p/o", "BOOK-BROKEN DEFAULT-UNUSABLE orphan-folder orphan-folder"),
-    ("echo { >INFO", "BOOK-BROKEN DEFAULT-UNUSABLE" + " not-in-info" * 2 + " orphan-folder" * 3),
+    ("rm INFO", "BOOK-BROKEN DEFAULT-UNUSABLE" + " not-in-info" * 2 + " orphan-folder" * 3),
     ("cd $P/p; rm -r web; cat $ROW/leaf.key >mail/privkey.pem", "COPY-MISMATCH COPY-MISSING old-copy"),
-    ("cd $P/p; rm web/privkey.pem; chown opalmail mail/*", "COPY-EXPOSED COPY-MISSING"),
+    ("cd $P/p; rm web/privkey.pem; chown opalmail mail/*", "COPY-EXPOSED COPY-MISSING old-copy"),
     ("put ended $P/p/web; chmod 440 $P/p/mail/*", "COPY-EXPOSED EXPIRED old-copy"),
     ("cat $ROW/leaf.key | tee $P/p/*/privkey.pem >c/privkey.pem", "COPY-MISMATCH COPY-MISMATCH KEY-MISMATCH"),
     ("cp -a c d; edit INFO '.d.services = [.c.services[0]]'", "listed-twice listed-twice"),

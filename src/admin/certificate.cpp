@@ -1,13 +1,10 @@
 #include "admin/certificate.h"
 
-#include <arpa/inet.h>
-#include <openssl/err.h>
 #include <openssl/pem.h>
 
 #include <algorithm>
-#include <cctype>
+#include <cerrno>
 #include <regex>
-#include <utility>
 
 #include "admin/report.h"
 #include "platform/file_read.h"
@@ -28,52 +25,35 @@ std::string Written(const Write &write)
     return isWritten ? std::string(data, static_cast<size_t>(size)) : std::string();
 }
 
-std::string ToText(const ASN1_STRING *string)
-{
-    return Written(
-        [string](BIO *bio) { return ASN1_STRING_print_ex(bio, string, ASN1_STRFLGS_UTF8_CONVERT); });
-}
-
-std::string ToAddress(const ASN1_STRING *octets)
-{
-    const int size = ASN1_STRING_length(octets);
-    char text[INET6_ADDRSTRLEN] = {};
-    if (size == 4 || size == 16) {
-        inet_ntop(size == 4 ? AF_INET : AF_INET6, ASN1_STRING_get0_data(octets), text, sizeof(text));
-    }
-    return text;
-}
-
 Json::Value ListNames(const X509 &crt)
 {
     Json::Value names(Json::arrayValue);
     const UniqueOpenSSL<GENERAL_NAMES> alternatives(
         static_cast<GENERAL_NAMES *>(X509_get_ext_d2i(&crt, NID_subject_alt_name, nullptr, nullptr)));
     for (int at = 0; at < sk_GENERAL_NAME_num(alternatives.get()); ++at) {
-        const GENERAL_NAME *name = sk_GENERAL_NAME_value(alternatives.get(), at);
+        GENERAL_NAME *name = sk_GENERAL_NAME_value(alternatives.get(), at);
         if (name->type == GEN_DNS || name->type == GEN_IPADD) {
-            names.append(name->type == GEN_DNS ? ToText(name->d.dNSName) : ToAddress(name->d.iPAddress));
+            // "DNS:kestrel", "IP Address:192.0.2.7"
+            const std::string text = Written([name](BIO *bio) { return GENERAL_NAME_print(bio, name); });
+            names.append(text.substr(text.find(':') + 1));
         }
-    }
-    const X509_NAME *subject = X509_get_subject_name(&crt);
-    const int at = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
-    if (names.empty() && at >= 0) {
-        names.append(ToText(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at))));
     }
     return names;
 }
 
-time_t ToTime(const ASN1_TIME *time)
+long SecondsUntil(const ASN1_TIME *time)
 {
-    struct tm parts = {};
-    return ASN1_TIME_to_tm(time, &parts) == 1 ? timegm(&parts) : 0;
+    int days = 0;
+    int seconds = 0;
+    (void)ASN1_TIME_diff(&days, &seconds, nullptr, time);
+    return days * kDaySeconds + seconds;
 }
 
-std::string ToTimeText(time_t time)
+std::string ToTimeText(const ASN1_TIME *time)
 {
-    struct tm parts = {};
-    char text[32] = {};
-    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&time, &parts));
+    std::string text =
+        Written([time](BIO *bio) { return ASN1_TIME_print_ex(bio, time, ASN1_DTFLGS_ISO8601); });
+    std::ranges::replace(text, ' ', 'T');
     return text;
 }
 
@@ -92,45 +72,16 @@ FileLook LookAtFile(const std::string &path)
     return look;
 }
 
-PemContent ParsePem(std::string text)
-{
-    if (text.starts_with("\xEF\xBB\xBF")) {
-        text.erase(0, 3);
-    }
-    constexpr char kJoined[] = "----------BEGIN ";
-    for (size_t at = 0; (at = text.find(kJoined, at)) != std::string::npos;) {
-        text.insert(at + 5, 1, '\n');
-    }
-
-    PemContent content;
-    const UniqueOpenSSL<BIO> bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-    STACK_OF(X509_INFO) *blocks = PEM_X509_INFO_read_bio(bio.get(), nullptr, NoPassword, nullptr);
-    content.isBroken = blocks == nullptr;
-    for (int at = 0; at < sk_X509_INFO_num(blocks); ++at) {
-        X509_INFO &block = *sk_X509_INFO_value(blocks, at);
-        content.hasEncryptedKey = content.hasEncryptedKey || block.enc_data != nullptr;
-        if (block.x509 != nullptr) {
-            content.crts.emplace_back(std::exchange(block.x509, nullptr));
-        }
-        if (block.x_pkey != nullptr && block.x_pkey->dec_pkey != nullptr) {
-            content.keys.emplace_back(std::exchange(block.x_pkey->dec_pkey, nullptr));
-        }
-    }
-    sk_X509_INFO_pop_free(blocks, X509_INFO_free);
-    ERR_clear_error();
-    return content;
-}
-
 UniqueOpenSSL<X509> FirstCrt(const std::string &text)
 {
-    PemContent content = ParsePem(text);
-    return content.crts.empty() ? nullptr : std::move(content.crts.front());
+    const UniqueOpenSSL<BIO> bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    return UniqueOpenSSL<X509>(PEM_read_bio_X509(bio.get(), nullptr, NoPassword, nullptr));
 }
 
 UniqueOpenSSL<EVP_PKEY> FirstKey(const std::string &text)
 {
-    PemContent content = ParsePem(text);
-    return content.keys.empty() ? nullptr : std::move(content.keys.front());
+    const UniqueOpenSSL<BIO> bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    return UniqueOpenSSL<EVP_PKEY>(PEM_read_bio_PrivateKey(bio.get(), nullptr, NoPassword, nullptr));
 }
 
 Json::Value DescribeCrt(const X509 &crt)
@@ -144,68 +95,41 @@ Json::Value DescribeCrt(const X509 &crt)
     for (unsigned at = 0; at < size; ++at) {
         digits += {"0123456789abcdef"[digest[at] >> 4], "0123456789abcdef"[digest[at] & 15]};
     }
-    const time_t end = ToTime(X509_get0_notAfter(&crt));
     Json::Value facts(Json::objectValue);
     facts["subject"] = Written(
         [&crt](BIO *bio) { return X509_NAME_print_ex(bio, X509_get_subject_name(&crt), 0, kHowSubjects); });
     facts["names"] = ListNames(crt);
-    facts["not_before"] = ToTimeText(ToTime(X509_get0_notBefore(&crt)));
-    facts["not_after"] = ToTimeText(end);
-    facts["seconds_left"] = static_cast<Json::Int64>(end - time(nullptr));
+    facts["not_before"] = ToTimeText(X509_get0_notBefore(&crt));
+    facts["not_after"] = ToTimeText(X509_get0_notAfter(&crt));
+    facts["seconds_left"] = static_cast<Json::Int64>(SecondsUntil(X509_get0_notAfter(&crt)));
     facts["sha256"] = digits;
     return facts;
 }
 
 void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings)
 {
-    const time_t now = time(nullptr);
-    const time_t begin = ToTime(X509_get0_notBefore(&crt));
-    const time_t end = ToTime(X509_get0_notAfter(&crt));
-    const std::string endText = ToTimeText(end);
-    AddIf(end < now, findings, "expired", what + " has ended: " + endText) ||
-        AddIf(begin > now, findings, "not-yet-valid",
-              what + " begins " + ToTimeText(begin) + "; is the clock right?") ||
-        AddIf(end - now < days * kDaySeconds, findings, "expires-soon", what + " ends soon: " + endText);
+    const long left = SecondsUntil(X509_get0_notAfter(&crt));
+    const std::string end = ToTimeText(X509_get0_notAfter(&crt));
+    AddIf(left < 0, findings, "expired", what + " has ended: " + end) ||
+        AddIf(SecondsUntil(X509_get0_notBefore(&crt)) > 0, findings, "not-yet-valid",
+              what + " has not begun; is the clock right?") ||
+        AddIf(left < days * kDaySeconds, findings, "expires-soon", what + " ends soon: " + end);
 }
 
 // OpenSSL keeps what it has worked out of a certificate inside it, so these of its functions take no const.
 bool IsSignedBy(const X509 &crt, const X509 &issuer)
 {
-    const bool isSigned =
-        (&crt == &issuer || X509_check_ca(const_cast<X509 *>(&issuer)) != 0) &&
-        X509_check_issued(const_cast<X509 *>(&issuer), const_cast<X509 *>(&crt)) == X509_V_OK &&
-        X509_verify(const_cast<X509 *>(&crt), X509_get0_pubkey(&issuer)) == 1;
-    ERR_clear_error();
-    return isSigned;
+    return (&crt == &issuer || X509_check_ca(const_cast<X509 *>(&issuer)) != 0) &&
+           X509_check_issued(const_cast<X509 *>(&issuer), const_cast<X509 *>(&crt)) == X509_V_OK &&
+           X509_verify(const_cast<X509 *>(&crt), X509_get0_pubkey(&issuer)) == 1;
 }
 
-bool IsKeyOf(const EVP_PKEY &key, const X509 &crt)
-{
-    const bool fits = X509_check_private_key(&crt, &key) == 1;
-    ERR_clear_error();
-    return fits;
-}
+bool IsKeyOf(const EVP_PKEY &key, const X509 &crt) { return X509_check_private_key(&crt, &key) == 1; }
 
-bool IsIssuerWellKnown(const X509 &crt)
+bool IsFor(const X509 &crt, const std::string &name)
 {
-    const UniqueOpenSSL<X509_STORE> known(X509_STORE_new());
-    const UniqueOpenSSL<X509_STORE_CTX> check(X509_STORE_CTX_new());
-    const bool isKnown =
-        X509_STORE_set_default_paths(known.get()) == 1 &&
-        X509_STORE_set_flags(known.get(), X509_V_FLAG_NO_CHECK_TIME) == 1 &&
-        X509_STORE_CTX_init(check.get(), known.get(), const_cast<X509 *>(&crt), nullptr) == 1 &&
-        X509_verify_cert(check.get()) == 1;
-    ERR_clear_error();
-    return isKnown;
-}
-
-std::string ToPlainName(std::string name)
-{
-    if (const UniqueOpenSSL<ASN1_OCTET_STRING> octets(a2i_IPADDRESS(name.c_str())); octets != nullptr) {
-        return ToAddress(octets.get());
-    }
-    std::ranges::transform(name, name.begin(), [](unsigned char letter) { return std::tolower(letter); });
-    return name;
+    return X509_check_host(const_cast<X509 *>(&crt), name.data(), name.size(), 0, nullptr) == 1 ||
+           X509_check_ip_asc(const_cast<X509 *>(&crt), name.c_str(), 0) == 1;
 }
 
 bool IsHostName(const std::string &name)
@@ -223,8 +147,7 @@ std::string ToPem(const X509 &crt)
 std::string ToPem(const EVP_PKEY &key)
 {
     return Written([&key](BIO *bio) {
-        return PEM_write_bio_PKCS8PrivateKey(bio, const_cast<EVP_PKEY *>(&key), nullptr, nullptr, 0, nullptr,
-                                             nullptr);
+        return PEM_write_bio_PrivateKey(bio, &key, nullptr, nullptr, 0, nullptr, nullptr);
     });
 }
 

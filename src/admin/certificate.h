@@ -1,4 +1,4 @@
-// Certificates, keys and chains as PEM, and what they say. Nothing here logs or asks for a password.
+// Certificates and keys as PEM, and what they say. Nothing here logs or asks for a password.
 #pragma once
 
 #include <json/value.h>
@@ -6,9 +6,7 @@
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
-#include <ctime>
 #include <string>
-#include <vector>
 
 #include "common/openssl.h"
 
@@ -22,28 +20,16 @@ struct FileLook {
 };
 FileLook LookAtFile(const std::string &path);
 
-struct PemContent {
-    std::vector<UniqueOpenSSL<X509>> crts;
-    std::vector<UniqueOpenSSL<EVP_PKEY>> keys;
-    bool hasEncryptedKey = false;
-    bool isBroken = false;  // a block that is cut off, or is not what its first line says
-};
-
-// All certificates and private keys of the text, in its order, but none when it is broken; anything else in it is passed
-// over. Takes what people make by joining files: a byte order mark, line ends of any kind, and a "BEGIN" behind an "END"
-// on one line.
-PemContent ParsePem(std::string text);
-
-// The first certificate, or the first private key; null when the text holds none.
+// The first certificate, or the first private key; null when the text holds none, or it is damaged.
 UniqueOpenSSL<X509> FirstCrt(const std::string &text);
 UniqueOpenSSL<EVP_PKEY> FirstKey(const std::string &text);
 
 // What a report tells of a certificate: its `subject` ("C=TW, O=Kestrel Inc., CN=kestrel"), its `names` (host names and
-// addresses of subjectAltName, or else the common name), `not_before` and `not_after` (RFC 3339, in UTC),
-// `seconds_left`, and `sha256` of its DER encoding in lower-case hexadecimal digits.
+// addresses of subjectAltName), `not_before` and `not_after` (RFC 3339, in UTC), `seconds_left`, and `sha256` of its
+// DER encoding in lower-case hexadecimal digits.
 Json::Value DescribeCrt(const X509 &crt);
 
-constexpr time_t kDaySeconds = 24L * 60 * 60;
+constexpr long kDaySeconds = 24L * 60 * 60;
 
 // Adds to `findings` (admin/report.h) that it has ended, has not begun, or has less than so many days left.
 void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings);
@@ -53,11 +39,8 @@ bool IsSignedBy(const X509 &crt, const X509 &issuer);
 
 bool IsKeyOf(const EVP_PKEY &key, const X509 &crt);
 
-// Whether the machine's own CA certificates lead to a root, whatever the times.
-bool IsIssuerWellKnown(const X509 &crt);
-
-// A host name in small letters, an address in its shortest form: as names are compared.
-std::string ToPlainName(std::string name);
+// Whether a client that asks for this host name or address takes the certificate (X509_check_host(3)).
+bool IsFor(const X509 &crt, const std::string &name);
 
 // Whether it is a name that clients can ask for, and a certificate can be made for.
 bool IsHostName(const std::string &name);

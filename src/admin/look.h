@@ -1,5 +1,5 @@
-// Looking at the store without a trace: no lock, no log line, nothing written. What the engine asks of the same files
-// it asks with log lines, and mends.
+// Looking at certificates and services without a trace: no lock, no log line, nothing written. What the engine asks of
+// the same files it asks with log lines, and mends.
 #pragma once
 
 #include <json/value.h>
@@ -22,8 +22,8 @@ struct StoreFacts {
     std::set<std::string> folders;  // looked at until now
 };
 
-// The part of the report (admin/verbs.h) for one certificate of INFO and the services that have it. Without `not_after`
-// where no certificate could be read.
-Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &entry, StoreFacts &facts);
+// The part of the report (admin/verbs.h) for one certificate and the services that have it. What DescribeCrt tells
+// is not there where no certificate could be read.
+Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &services, StoreFacts &facts);
 
 }  // namespace opalcrt

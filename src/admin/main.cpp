@@ -23,11 +23,12 @@ void AddVerbs(CLI::App &app, Options &options, Verb &verb)
     const auto add = [&](const char *name, const char *text, Verb what) {
         CLI::App *command = app.add_subcommand(name, text);
         command->callback([&verb, what] { verb = what; });
+        if (what != Init && what != Default) {
+            command->add_flag("--json", options.asJson, "One JSON object on one line");
+        }
         return command;
     };
-    const auto addDays = [&](CLI::App *command, const char *text) {
-        command->add_option("--days", options.days, text)->capture_default_str()->check(CLI::Range(0, 36500));
-    };
+    const CLI::Range days(0, 36500);
     const auto addList = [](CLI::App *command, const char *name, std::vector<std::string> &list,
                             const char *type, const char *text) {
         return command->add_option(name, list, text)->type_name(type)->allow_extra_args(false);
@@ -37,7 +38,9 @@ void AddVerbs(CLI::App &app, Options &options, Verb &verb)
 
     auto *status = add("status", "Tell what certificates and services there are and what is wrong", Status);
     status->add_option("ID", options.ids, "Only these certificates");
-    addDays(status, "Warn when fewer days are left");
+    status->add_option("--days", options.days, "Warn when fewer days are left")
+        ->capture_default_str()
+        ->check(days);
     status->footer("Exit status: 0 well, 1 a warning, 2 something critical, 3 it could not look.");
 
     auto *install = add("install", "Put a key and its certificate in the place of a certificate", Install);
@@ -63,16 +66,13 @@ void AddVerbs(CLI::App &app, Options &options, Verb &verb)
 
     auto *renew = add("renew", "Make a self-made certificate anew before it ends", Renew);
     renew->add_option("ID", options.id, "The certificate; else the default one");
-    addDays(renew, "When fewer days are left");
+    renew->add_option("--days", options.days, "When fewer days are left")->capture_default_str()->check(days);
     addList(renew, "--name", options.names, "NAME", "A host name or address that it is to be for");
     renew->add_flag("--check", options.onlyCheck, "Only tell, with status 1, that it is due");
-
-    for (CLI::App *command : {status, install, deploy, assign, renew}) {
-        command->add_flag("--json", options.asJson, "One JSON object on one line");
-    }
 }
 
-int Run(int argc, char *argv[])
+// `failure` is the status of a verb that could not begin.
+int Run(int argc, char *argv[], int failure)
 {
     Verb verb = nullptr;
     Options options;
@@ -95,14 +95,19 @@ int Run(int argc, char *argv[])
         fputs(app.help().c_str(), stderr);
         return kWrongUsage;
     }
-    // A monitor may not be root, and is answered in its own way.
-    if (geteuid() != 0 && !app.got_subcommand("status")) {
-        return Refuse("only root can do this");
-    }
     Json::Value report;
-    const int status = verb(options, report);
+    int status = failure;
+    try {
+        if (geteuid() == 0) {
+            status = verb(options, report);
+        } else {
+            Complain("only root can do this");
+        }
+    } catch (const Failure &early) {
+        status = early.status;
+    }
     FinishReport(options, status, report);
-    return status;
+    return fflush(stdout) == 0 && ferror(stdout) == 0 ? status : kPartlyChanged;
 }
 
 }  // namespace
@@ -114,14 +119,12 @@ int main(int argc, char *argv[])
     if (!opalcrt::PrepareProcess()) {
         return 1;
     }
-    // Without the configuration file that the caller's environment may name.
     opalcrt::ReadNoOpenSSLConfig();
     // To a monitor 1 would be a warning.
     const int failure =
         argc > 1 && strcmp(argv[1], "status") == 0 ? opalcrt::kCouldNotLook : opalcrt::kRefused;
     try {
-        const int status = opalcrt::Run(argc, argv);
-        return fflush(stdout) == 0 ? status : failure;
+        return opalcrt::Run(argc, argv, failure);
     } catch (const std::exception &error) {
         fprintf(stderr, "opalcrt: cannot go on: %s\n", error.what());
         return failure;

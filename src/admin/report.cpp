@@ -1,45 +1,37 @@
 #include "admin/report.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <regex>
 #include <set>
 
 #include "common/json_file.h"
 #include "common/log.h"
 #include "common/utf8.h"
-#include "platform/atomic_file.h"
 
 namespace opalcrt {
 
-namespace {
-
-// What is not among them is critical.
-const std::set<std::string> kWarnings = {
-    "expires-soon", "old-copy",      "mended",          "mend-unfinished", "listed-twice", "not-in-services",
-    "not-in-info",  "orphan-folder", "mended-for-ever", "chain-unknown",   "name-lost",
-};
-
-}  // namespace
-
-Refused Refuse(const std::string &text, int line)
+void Tell(const std::string &text, int line)
 {
     Complain(text);
     LogLine(LOG_ERR, LOG_SOURCE, line, false, "%s", ToShownText(text).c_str());
-    return Refused();
 }
 
-Refused RefuseCall(const std::string &text, int line) { return Refuse(text + ": " + strerror(errno), line); }
-
-bool Complain(const std::string &text)
+void Require(bool isSo, const std::string &text, int status, int line)
 {
-    fprintf(stderr, "opalcrt: %s\n", ToShownText(text).c_str());
-    return false;
+    if (!isSo) {
+        Tell(text, line);
+        throw Failure{status};
+    }
 }
+
+void RequireCall(bool isSo, const std::string &text, int status, int line)
+{
+    Require(isSo, text + ": " + strerror(errno), status, line);
+}
+
+void Complain(const std::string &text) { fprintf(stderr, "opalcrt: %s\n", ToShownText(text).c_str()); }
 
 void Say(const Options &options, const std::string &text)
 {
@@ -68,6 +60,11 @@ std::string Join(const Json::Value &texts, const char *separator)
 
 bool AddIf(bool isSo, Json::Value &findings, const char *code, const std::string &text)
 {
+    static const std::set<std::string> kWarnings = {
+        "expires-soon",    "old-copy",        "mended",      "mend-unfinished",
+        "listed-twice",    "not-in-services", "not-in-info", "orphan-folder",
+        "mended-for-ever", "chain-unknown",   "name-lost",
+    };
     if (isSo) {
         Json::Value &finding = findings.append(Json::objectValue);
         finding["code"] = code;
@@ -77,21 +74,10 @@ bool AddIf(bool isSo, Json::Value &findings, const char *code, const std::string
     return isSo;
 }
 
-bool PrintJson(const Json::Value &object)
-{
-    return WriteAll(STDOUT_FILENO, "{\"format\":1," + toString(object).substr(1));
-}
+std::string ToJsonLine(const Json::Value &object) { return "{\"format\":1," + toString(object).substr(1); }
 
 void FinishReport(const Options &options, int status, Json::Value report)
 {
-    static const std::map<std::string, const char *> kTexts = {
-        {"can-be-installed", "can be installed"},
-        {"done", "done"},
-        {"due", "due"},
-        {"not-due", "not due"},
-        {"not-self-made", "left alone, it is not self-made"},
-        {"partly-done", "not all is done"},
-    };
     if (report.isNull()) {
         return;
     }
@@ -99,9 +85,10 @@ void FinishReport(const Options &options, int status, Json::Value report)
         report["result"] = status == kDone ? "done" : status == kRefused ? "refused" : "partly-done";
     }
     if (options.asJson) {
-        PrintJson(report);
-    } else if (const auto text = kTexts.find(report["result"].asString()); text != kTexts.end()) {
-        Say(options, (report.isMember("id") ? report["id"].asString() + ": " : "") + text->second);
+        fputs(ToJsonLine(report).c_str(), stdout);
+    } else if (report["result"] != "refused") {
+        Say(options,
+            (report.isMember("id") ? report["id"].asString() + ": " : "") + report["result"].asString());
     }
 }
 

@@ -9,18 +9,20 @@
 
 namespace opalcrt {
 
-// What Refuse answers, and with it the function that refuses.
-struct Refused {
-    operator bool() const { return false; }
-    operator int() const { return kRefused; }
+// Ends a verb with this exit status; why has been told.
+struct Failure {
+    int status;
 };
 
-// One line on standard error and the same to the system log; RefuseCall adds the text of errno.
-Refused Refuse(const std::string &text, int line = __builtin_LINE());
-Refused RefuseCall(const std::string &text, int line = __builtin_LINE());
+// One line on standard error and the same to the system log.
+void Tell(const std::string &text, int line = __builtin_LINE());
 
-// The line on standard error alone; false.
-bool Complain(const std::string &text);
+// Unless it is so, tells the text, RequireCall with that of errno, and throws a Failure.
+void Require(bool isSo, const std::string &text, int status = kRefused, int line = __builtin_LINE());
+void RequireCall(bool isSo, const std::string &text, int status = kRefused, int line = __builtin_LINE());
+
+// The line on standard error alone.
+void Complain(const std::string &text);
 
 // One line for people on standard output, unless the caller wants JSON.
 void Say(const Options &options, const std::string &text);
@@ -35,9 +37,8 @@ std::string Join(const Json::Value &texts, const char *separator = ", ");
 // report.cpp. Answers whether it is so.
 bool AddIf(bool isSo, Json::Value &findings, const char *code, const std::string &text);
 
-// Prints the object on one line with "format" in front, which jsoncpp, who sorts, cannot do. False when standard
-// output did not take it.
-bool PrintJson(const Json::Value &object);
+// The object on one line with "format" in front, which jsoncpp, who sorts, cannot do.
+std::string ToJsonLine(const Json::Value &object);
 
 // The end of a verb: prints its report, unless that is null, with the `result`, a code, in it; or for people "ID: RESULT",
 // but nothing of "refused", which was told already. The archive is what it is when the output could not be written.

@@ -1,11 +1,10 @@
 #include <glob.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <thread>
 
@@ -14,7 +13,6 @@
 #include "admin/report.h"
 #include "common/json_file.h"
 #include "common/json_member.h"
-#include "platform/atomic_file.h"
 #include "platform/file_test.h"
 #include "store/default_crt.h"
 #include "store/names.h"
@@ -36,14 +34,11 @@ void LookAtServicesBook(const Json::Value &services, StoreFacts &facts, Json::Va
     }
     facts.registered.emplace();
     for (const Json::Value &element : services) {
-        const std::string name = GetString(element, "subscriber") + "/" + GetString(element, "service");
-        if (!HasUsableNames(element)) {
-            AddIf(true, findings, "book-broken",
-                  "SERVICES lists something that is no service: " + ToLogText(element));
-        } else {
+        AddIf(!HasUsableNames(element), findings, "book-broken",
+              "SERVICES lists something that is no service: " + ToLogText(element)) ||
             AddIf(!facts.listed.contains(NameOf(element)), findings, "not-in-info",
-                  name + " is registered, but not listed in INFO");
-        }
+                  "registered, but not listed in INFO: " + GetString(element, "subscriber") + "/" +
+                      GetString(element, "service"));
         facts.registered->insert(NameOf(element));
     }
 }
@@ -65,94 +60,97 @@ void LookForOrphans(const StoreFacts &facts, Json::Value &findings)
     globfree(&found);
 }
 
-// Everything once. False, told, when there is nothing to be looked at.
-bool LookOnce(const Options &options, Json::Value &report)
+// Everything once.
+Json::Value LookOnce(const Options &options)
 {
-    report = Json::Value(Json::objectValue);
+    Json::Value report;
     Json::Value &crts = report["certificates"] = Json::Value(Json::arrayValue);
     Json::Value &findings = report["findings"] = Json::Value(Json::arrayValue);
     StoreFacts facts;
     facts.days = options.days;
     Json::Value info;
     Json::Value services;
-    if (!fromFile(kInfoPath, info) && errno != EBADMSG && errno != EFBIG) {
-        return Complain(std::string("cannot read ") + kInfoPath + ": " + strerror(errno));
-    }
-    if (AddIf(!info.isObject(), findings, "book-broken", std::string(kInfoPath) + " is no JSON object")) {
+    (void)fromFile(kInfoPath, info);
+    (void)fromFile(kServicesPath, services);
+    if (AddIf(!info.isObject(), findings, "book-broken",
+              std::string(kInfoPath) + " is missing or no JSON object")) {
         info = Json::Value(Json::objectValue);
     }
     for (const Json::Value &entry : info) {
-        const Json::Value &list = GetMember(entry, "services");
-        for (Json::ArrayIndex at = 0; list.isArray() && at < list.size(); ++at) {
-            ++facts.listed[NameOf(list[at])];
+        for (const Json::Value &service : GetMember(entry, "services")) {
+            ++facts.listed[NameOf(service)];
         }
     }
-    (void)fromFile(kServicesPath, services);
     LookAtServicesBook(services, facts, findings);
-    const std::string id = ReadDefCrtId();
-    AddIf(!IsPlainFolderName(id) || !GetMember(info, id.c_str()).isObject() ||
-              YLIBCFileExist(GetCrtFolderPath(id).c_str()) == 0,
+    const std::string default_id = ReadDefCrtId();
+    AddIf(!IsPlainFolderName(default_id) || !GetMember(info, default_id.c_str()).isObject() ||
+              YLIBCFileExist(GetCrtFolderPath(default_id).c_str()) == 0,
           findings, "default-unusable",
-          std::string("no new service can be registered: ") + kDefaultPath + " names \"" + id +
+          std::string("no new service can be registered: ") + kDefaultPath + " names \"" + default_id +
               "\", which INFO does not list or which has no folder");
-    for (const std::string &cert_id : options.ids.empty() ? info.getMemberNames() : options.ids) {
-        if (!info.isMember(cert_id)) {
-            return Complain(std::string(kInfoPath) + " lists no certificate \"" + cert_id + "\"");
+    if (!options.ids.empty()) {
+        findings.clear();  // What belongs to no certificate was not asked for.
+    }
+    for (const std::string &id : options.ids.empty() ? info.getMemberNames() : options.ids) {
+        if (!info.isMember(id)) {
+            Complain(std::string(kInfoPath) + " lists no certificate \"" + id + "\"");
+            throw Failure{kCouldNotLook};
         }
-        crts.append(LookAtCrt(cert_id, info[cert_id], facts))["default"] = cert_id == id;
+        const Json::Value &listed = GetMember(info[id], "services");
+        if (!AddIf(!listed.isArray() || !IsPlainFolderName(id), findings, "book-broken",
+                   "INFO has an entry that is none of a certificate: " + id)) {
+            crts.append(LookAtCrt(id, listed, facts))["default"] = id == default_id;
+        }
     }
     if (options.ids.empty()) {
         LookForOrphans(facts, findings);
-    } else {
-        findings.clear();  // What belongs to no certificate was not asked for.
     }
-    return true;
+    return report;
 }
 
-std::string ToLine(const char *indentation, const std::string &text)
+// What is told of a finding, a service or a certificate.
+std::string ToLine(const Json::Value &node)
 {
-    return indentation + ToShownText(text) + "\n";
+    if (node.isMember("code")) {
+        return node["severity"].asString() + " " + node["code"].asString() + ": " + node["text"].asString();
+    }
+    if (node.isMember("state")) {
+        return node["subscriber"].asString() + "/" + node["service"].asString() + ": " +
+               node["state"].asString() + ", " + node["folder"].asString();
+    }
+    const std::string head = node["id"].asString() + ":" + (node["default"].asBool() ? " default," : "") +
+                             (node["self_made"].asBool() ? " self-made, " : " ");
+    return !node.isMember("subject")
+               ? head + "no certificate that can be read"
+               : head + node["subject"].asString() + ", for " + Join(node["names"]) + ", ends " +
+                     node["not_after"].asString() + ", " +
+                     std::to_string(node["seconds_left"].asInt64() / kDaySeconds) + " days left";
 }
 
-std::string ToLines(const char *indentation, const Json::Value &findings)
+// The line, and below it those of what it has.
+std::string ToLines(const Json::Value &node, const std::string &indentation)
 {
-    std::string lines;
-    for (const Json::Value &finding : findings) {
-        lines += ToLine(indentation, finding["severity"].asString() + " " + finding["code"].asString() +
-                                         ": " + finding["text"].asString());
+    std::string lines = indentation + ToShownText(ToLine(node)) + "\n";
+    for (const char *list : {"findings", "services"}) {
+        for (const Json::Value &each : GetMember(node, list)) {
+            lines += ToLines(each, indentation + "  ");
+        }
     }
     return lines;
 }
 
-std::string CrtText(const Json::Value &crt)
-{
-    const std::string text = crt["id"].asString() + ":" + (crt["default"].asBool() ? " default," : "") +
-                             (crt["self_made"].asBool() ? " self-made," : "");
-    if (!crt.isMember("not_after")) {
-        return text + " no certificate that can be read";
-    }
-    return text + " " + crt["subject"].asString() + ", for " + Join(crt["names"]) + ", ends " +
-           crt["not_after"].asString() + ", " + std::to_string(crt["seconds_left"].asInt64() / kDaySeconds) +
-           " days left";
-}
-
 std::string ToReportText(const Json::Value &report)
 {
-    std::string text;
+    std::string lines;
     Json::ArrayIndex services = 0;
-    for (const Json::Value &crt : report["certificates"]) {
-        text += ToLine("", CrtText(crt)) + ToLines("  ", crt["findings"]);
-        services += crt["services"].size();
-        for (const Json::Value &service : crt["services"]) {
-            text +=
-                ToLine("  ", service["subscriber"].asString() + "/" + service["service"].asString() + ": " +
-                                 service["state"].asString() + ", " + service["folder"].asString()) +
-                ToLines("    ", service["findings"]);
+    for (const char *list : {"findings", "certificates"}) {
+        for (const Json::Value &each : report[list]) {
+            lines += ToLines(each, "");
+            services += GetMember(each, "services").size();
         }
     }
     return report["worst"].asString() + ": " + std::to_string(report["certificates"].size()) +
-           " certificates, " + std::to_string(services) + " services\n" + ToLines("", report["findings"]) +
-           text;
+           " certificates, " + std::to_string(services) + " services\n" + lines;
 }
 
 // The exit status for the worst finding anywhere in a report.
@@ -176,22 +174,16 @@ int Status(const Options &options, Json::Value &)
     constexpr std::chrono::milliseconds kPause(300);
     constexpr const char *kWorst[] = {"ok", "warning", "critical"};
 
-    if (geteuid() != 0) {
-        Complain("only root can read the keys");
-        return kCouldNotLook;
-    }
-    Json::Value report;
-    for (int looks = 1; LookOnce(options, report); ++looks) {
+    for (int looks = 1;; ++looks) {
+        Json::Value report = LookOnce(options);
         const int worst = WorstIn(report);
         if (worst == 0 || looks == kMostLooks) {
             report["worst"] = kWorst[worst];
-            const bool isPrinted =
-                options.asJson ? PrintJson(report) : WriteAll(STDOUT_FILENO, ToReportText(report));
-            return isPrinted ? worst : kCouldNotLook;
+            fputs((options.asJson ? ToJsonLine(report) : ToReportText(report)).c_str(), stdout);
+            return worst;
         }
         std::this_thread::sleep_for(kPause);
     }
-    return kCouldNotLook;
 }
 
 }  // namespace opalcrt

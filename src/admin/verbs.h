@@ -1,5 +1,5 @@
-// The verbs of `opalcrt`. Each answers its exit status, and what it puts into `report` is the answer in JSON; its `result`
-// is added where it follows from the status (FinishReport, admin/report.h).
+// The verbs of `opalcrt`. Each answers its exit status, or throws a Failure (admin/report.h), and what it puts into
+// `report` is the answer in JSON; its `result` is added where it follows from the status (FinishReport).
 #pragma once
 
 #include <json/value.h>
@@ -48,8 +48,12 @@ int Status(const Options &options, Json::Value &report);
 // exchanged with it in one step (admin/archive.h) under the recovery lock; then its services get it.
 int Install(const Options &options, Json::Value &report);
 
-// Copies certificates to the services that have them, and runs the hooks.
+// Copies certificates to the services that have them, and runs the hooks. When all is done, the folders that were
+// exchanged before are removed.
 int Deploy(const Options &options, Json::Value &report);
+
+// The same at the end of a verb that has changed the archive: all failures are kPartlyChanged.
+int DeployChanged(const Options &options, Json::Value &report);
 
 // Gives listed services another certificate.
 int Assign(const Options &options, Json::Value &report);
