@@ -15,9 +15,9 @@ REFUSALS = [  # e lacks all files, and the id LONG is too long for DEFAULT.
     ("status x", 3, 'lists no certificate "x"'), ("status ''", 3, 'lists no certificate ""'),
     ("status", 3, "only root can do this"), ("default c", 1, "only root can do this"),
     ("assign c q", 1, "lists no service"), ("assign c p api", 1, "lists no service api of p"),
-    (f"default {LONG}", 1, "more than 15 bytes"), ("status >/dev/full", 3, ""),
+    (f"default {LONG}", 1, "more than 15 bytes"), ("status >/dev/full", 3, ""), ("deploy x >/dev/full", 1, "no cert"),
     *[(f"renew --name ok --name '{name}'", 1, "is neither") for name in ("a b", "a;b", "-a", "a/b")],
-    ("renew --name " + "a." * 32 + "b", 1, "cannot generate"), ("instal c", 64, "instal"),
+    ("renew --name " + "a." * 32 + "b", 1, "the first name"), ("instal c", 64, "instal"),
     *[(usage, 64, "--help") for usage in (
         "", "assign c", "deploy c d", "status --days -1", "install c --key x --cert x --cert y")],
 ]
@@ -25,13 +25,16 @@ REFUSALS = [  # e lacks all files, and the id LONG is too long for DEFAULT.
 
 
 def test_a_refusal_is_told_and_changes_nothing(store):
-    store.sh(f"{PUT} mkdir {LONG}; put leaf {LONG}; edit INFO '.e.services = [] | .[\"{LONG}\"] = .e'")
+    # What the next renewal is to do again is left, too.
+    store.sh(f"{PUT} mkdir {LONG} .c.new; put leaf {LONG}; edit INFO '.e.services = [] | .[\"{LONG}\"] = .e'")
     before = stores(store)
     for command, ended, told in REFUSALS:
         user = "setpriv --reuid=opalweb --clear-groups" if "only root" in told else ""
         said = store.run(f"{user} opalcrt {command}")
         assert said.status == ended and told in said.out and stores(store) == before
     store.ok("opalcrt 2>help || opalcrt --help | cmp - help; grep -c '^  [a-z]' help", out="7\n")
+    told = f"opalcrt: cannot read {A}/INFO: Invalid argument\n"
+    store.ok("rm INFO; mkdir INFO; opalcrt status", out=told, status=3)
 
 
 # fmt: off
@@ -88,12 +91,13 @@ def test_install_takes(store, files, used, chain, warnings):
     tree = {path: what for path, what in store.tree(A).items() if path.startswith("c")}
     assert tree.pop("c") == "drwx------ root root" and {*tree.values()} == {"-r-------- root root"}
     assert len(tree) == 3 * len(used) + bool(chain) + (files == TWO)
+    store.sh("[ ! -e c/ECC-cert.pem ] || touch c/ECC-chain.pem")  # which no service gets
     assert status(store)[0] == ("expires-soon" in warnings)
 
 
 def test_install_makes_a_new_certificate_and_ends_what_was_cut_off(store):
-    for scene in ("", "mv $A/n $A/.n.new"):
-        store.sh(f"cd $ROW; {scene}\nopalcrt install n --new {LEAF} && cmp $A/n/cert.pem leaf.pem")
+    for scene in ("edit $A/INFO '.n = 5'", "mv $A/n $A/.n.new"):
+        store.sh(f"{PUT} cd $ROW; {scene}\nopalcrt install n --new {LEAF} && cmp $A/n/cert.pem leaf.pem")
         assert store.json("INFO")["n"] == {"services": []} and store.books()["c"] == store.books()["list"]
         assert sorted(os.listdir(A)) == ["DEFAULT", "INFO", "SERVICES", "c", "n"]
 
@@ -119,10 +123,14 @@ def test_a_failed_roll_out_is_told(store, verb):
 
 def test_deploy_copies_again_what_info_lists(store):
     store.sh(f"{PUT} put leaf $P/p/web; rm -r $P/p/mail; mkdir d; put leaf d; chmod 0640 $P/p/web/*")
-    store.sh(f"{PUT} edit INFO '.d.services = [.c.services[1]]'; cp INFO SERVICES $ROW")
+    store.sh(f"{PUT} edit INFO '.d.services = [.c.services[1]] | .[\"/../v\"] = {{}}'")
+    store.sh("cp INFO SERVICES $ROW; mkdir $S/v.new")
     assert re.search("web: copy-exposed, .*mail: copy-missing, ", status(store, "c")[2], re.S)
     store.ok("opalcrt deploy d; ls $P/p", out="d: done\nweb\n")  # c lists mail first.
-    store.ok("opalcrt deploy; cmp INFO $ROW/INFO; cmp c/cert.pem $P/p/mail/cert.pem", out=f"{DONE}done\n")
+    store.ok(
+        "opalcrt deploy; rmdir $S/v.new; cmp INFO $ROW/INFO; cmp c/cert.pem $P/p/mail/cert.pem",
+        out=f"{DONE}done\n",
+    )
     store.sh(f"{PUT} edit INFO '.d.services[0].service = \"x\"'; rm d/cert.pem; : >$ROW/ran")
     assert status(store, "c")[2].count(": current, ") == 2
     before, ran = stores(store), "hook web\nhook mail\nreload opalrelayd\n"
@@ -138,6 +146,15 @@ def test_deploy_copies_again_what_info_lists(store):
 def test_who_is_taken_back_meanwhile_gets_nothing(store, program, when):
     store.replace(program, f'case {when}) {TOOL}/opalcrtunregister p mail;; *) exec $REAL "$@";; esac')
     store.ok("opalcrt deploy; ls $P/p", out=f"{DONE.splitlines()[0]}\ndone\nweb\n")
+
+
+# By its hook, while it is assigned another one.
+def test_who_gets_the_default_again_meanwhile_keeps_it(store):
+    store.sh(f"{PUT} mkdir d; put leaf d; edit INFO '.d.services = []'")
+    store.define("p", "web")
+    store.replace(D / "p", f"{TOOL}/opalcrtunregister p $1; {TOOL}/opalcrtregister p $1 || :")
+    store.sh("opalcrt assign d p web; cmp c/cert.pem $P/p/web/cert.pem")
+    assert store.books() == {"list": ["p/mail", "p/web"], "c": ["p/mail", "p/web"], "d": []}
 
 
 def test_assign_gives_another_certificate_to_listed_services_and_default_to_new_ones(store):

@@ -19,7 +19,7 @@ make own own -9 999 true; sign cross root -9 999; make new own -9 99; make bad g
 make rsa mid -9 99 false rsa:2048; make ended root -9 -1; make future root 1 99; make soon root -9 9
 openssl pkey -aes128 -passout pass:x -in leaf.key -out locked.key; truncate -s 1048577 big
 openssl genpkey -algorithm ed25519 -out ed.key; head -c 300 leaf.pem >cut; printf %s "$(cat leaf.pem)" >bare
-cat root.pem leaf.key leaf.pem mid.pem | sed 's/$/\r/' >all"""
+cat root.pem leaf.key bare mid.pem | sed 's/$/\r/' >all"""
 PUT = """put() (cd ${2-c} && tee cert.pem <$ROW/$1.pem >fullchain.pem && cat $ROW/$1.key >privkey.pem)
 edit() { jq -c "$2" $1 >$ROW/book; cat $ROW/book >$1; }\n"""
 DONE = "p/web: has c; its hook ended with 0\np/mail: has c; its hook ended with 0\n"
@@ -106,6 +106,7 @@ FAULTS = [  # The services' copies are old where the archive's folder was change
     ("cd $P/p; rm web/privkey.pem; chown opalmail mail/*", "COPY-EXPOSED COPY-MISSING old-copy"),
     ("put ended $P/p/web; chmod 440 $P/p/mail/*", "COPY-EXPOSED EXPIRED old-copy"),
     ("cat $ROW/leaf.key | tee $P/p/*/privkey.pem >c/privkey.pem", "COPY-MISMATCH COPY-MISMATCH KEY-MISMATCH"),
+    ("cat $ROW/mid.pem | tee $P/p/*/fullchain.pem >c/fullchain.pem", "CHAIN-MISMATCH"),
     ("cp -a c d; edit INFO '.d.services = [.c.services[0]]'", "listed-twice listed-twice"),
     ("rm c/opal*; edit SERVICES '.[:1] + [{service: \"x\", subscriber: \"p\"}]'",
      "not-in-info not-in-services old-copy old-copy"),

@@ -34,7 +34,10 @@ std::unique_ptr<ScopedLock> TakeRecoverLock(int status)
     return lock;
 }
 
-bool HasNewFolder(const std::string &cert_id) { return YLIBCFileExist(NewFolderPath(cert_id).c_str()) != 0; }
+bool HasNewFolder(const std::string &cert_id)
+{
+    return IsPlainFolderName(cert_id) && YLIBCFileExist(NewFolderPath(cert_id).c_str()) != 0;
+}
 
 void RemoveNewFolder(const std::string &cert_id, int status)
 {
@@ -50,28 +53,31 @@ void ReplaceCrtFolder(const std::string &cert_id, const std::function<void(const
     const std::string fresh = NewFolderPath(cert_id);
     const bool isThere = YLIBCFileExist(folder.c_str()) != 0;
     RemoveNewFolder(cert_id, kRefused);
-    const auto remove = [](const std::string *path) { RemovePath(*path); };
-    std::unique_ptr<const std::string, decltype(remove)> undo(&fresh, remove);
+    bool isReplaced = false;
+    const auto undo = [&isReplaced](const std::string *path) { (void)(isReplaced || RemovePath(*path)); };
+    const std::unique_ptr<const std::string, decltype(undo)> made(&fresh, undo);
     RequireCall(OPALFSMkdirP(fresh.c_str(), nullptr, 0, 0, 0, 0700) == 0, "cannot make " + fresh);
     fill(fresh);
     RequireCall(SyncPath(fresh), "cannot sync " + fresh);
+    int failed = kRefused;
     if (!isThere) {
         // Before the folder: one that INFO does not list would be in the way of the next run.
-        ChangeInfo([&cert_id](Json::Value &info) {
-            if (!info.isMember(cert_id)) {
+        ChangeInfo(kRefused, [&](Json::Value &info) {
+            if (!GetMember(info, cert_id.c_str()).isObject()) {
+                info[cert_id] = Json::Value(Json::objectValue);
                 info[cert_id]["services"] = Json::Value(Json::arrayValue);
+                failed = kPartlyChanged;
             }
         });
     }
     const unsigned how = isThere ? RENAME_EXCHANGE : 0;
-    const bool isReplaced = renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, folder.c_str(), how) == 0;
+    isReplaced = renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, folder.c_str(), how) == 0;
     const bool isUnable = errno == EINVAL || errno == ENOSYS;  // renameat2(2)
     RequireCall(
         isReplaced,
         "cannot replace " + folder + (isUnable ? ": its file system exchanges no folders in one step" : ""),
-        isThere ? kRefused : kPartlyChanged);
-    (void)undo.release();
-    RequireCall(SyncPath(kArchive), "cannot sync the archive", kPartlyChanged);
+        failed);
+    RequireCall(SyncPath(kArchive), "cannot sync the archive; run opalcrt deploy " + cert_id, kPartlyChanged);
 }
 
 Json::Value ReadInfo(int status)
@@ -84,13 +90,13 @@ Json::Value ReadInfo(int status)
     return *info;
 }
 
-void ChangeInfo(const std::function<void(Json::Value &info)> &change)
+void ChangeInfo(int status, const std::function<void(Json::Value &info)> &change)
 {
     const ScopedLock lock(kInfoLock, kLockExclusive, kInfoLockSeconds, UnlockLine::kStore);
     const Json::Value *old = lock.IsHeld() ? ReadCrtInfo() : nullptr;
     const std::string path = kInfoPath;
     RequireCall(old != nullptr && old->isObject(),
-                "cannot lock or read " + path + "; run the same command again", kPartlyChanged);
+                "cannot lock or read " + path + "; run the same command again", status);
     Json::Value info = *old;
     change(info);
     RequireCall(info == *old || WriteCrtInfo(info), "cannot write " + path + "; run the same command again",
@@ -103,12 +109,22 @@ void RequireListed(const std::string &cert_id)
             "there is no certificate \"" + cert_id + "\" in INFO; opalcrt status lists them");
 }
 
+bool IsWhole(const std::string &cert_id)
+{
+    const bool isWhole = IsCrtComplete(cert_id, GetCrtFolderPath(cert_id));
+    if (!isWhole) {
+        Tell("the certificate " + cert_id +
+             " lacks files or is being mended; see opalcrt status, or install it anew");
+    }
+    return isWhole;
+}
+
 void RequireUsable(const std::string &cert_id)
 {
     RequireListed(cert_id);
-    Require(IsCrtComplete(cert_id, GetCrtFolderPath(cert_id)),
-            "the certificate " + cert_id +
-                " lacks files or is being mended; see opalcrt status, or install it anew");
+    if (!IsWhole(cert_id)) {
+        throw Failure{kRefused};
+    }
 }
 
 int Default(const Options &options, Json::Value &)

@@ -37,13 +37,17 @@ void ReplaceCrtFolder(const std::string &cert_id, const std::function<void(const
 // INFO as it is now, a JSON object. A failure ends with `status`.
 Json::Value ReadInfo(int status = kRefused);
 
-// Writes INFO as `change` makes it under the info lock, unless nothing has changed. Failures end with kPartlyChanged.
-void ChangeInfo(const std::function<void(Json::Value &info)> &change);
+// Writes INFO as `change` makes it under the info lock, unless nothing has changed. Failures end with `status`, but with
+// kPartlyChanged when it was written and may not survive a power cut.
+void ChangeInfo(int status, const std::function<void(Json::Value &info)> &change);
 
 // Unless INFO lists the certificate, fails.
 void RequireListed(const std::string &cert_id);
 
-// Unless it also has a folder that is complete, as it is, without a mend, fails.
+// Whether it has a folder that is complete, as it is, without a mend. False, told.
+bool IsWhole(const std::string &cert_id);
+
+// Unless INFO lists it and it is whole, fails.
 void RequireUsable(const std::string &cert_id);
 
 }  // namespace opalcrt

@@ -38,15 +38,20 @@ Json::Value ListNames(const X509 &crt)
             names.append(text.substr(text.find(':') + 1));
         }
     }
+    char name[256];
+    if (names.empty() &&
+        X509_NAME_get_text_by_NID(X509_get_subject_name(&crt), NID_commonName, name, sizeof(name)) > 0) {
+        names.append(name);
+    }
     return names;
 }
 
-long SecondsUntil(const ASN1_TIME *time)
+// What is no time is over.
+int64_t SecondsUntil(const ASN1_TIME *time)
 {
     int days = 0;
     int seconds = 0;
-    (void)ASN1_TIME_diff(&days, &seconds, nullptr, time);
-    return days * kDaySeconds + seconds;
+    return ASN1_TIME_diff(&days, &seconds, nullptr, time) == 1 ? days * kDaySeconds + seconds : -1;
 }
 
 std::string ToTimeText(const ASN1_TIME *time)
@@ -101,14 +106,14 @@ Json::Value DescribeCrt(const X509 &crt)
     facts["names"] = ListNames(crt);
     facts["not_before"] = ToTimeText(X509_get0_notBefore(&crt));
     facts["not_after"] = ToTimeText(X509_get0_notAfter(&crt));
-    facts["seconds_left"] = static_cast<Json::Int64>(SecondsUntil(X509_get0_notAfter(&crt)));
+    facts["seconds_left"] = SecondsUntil(X509_get0_notAfter(&crt));
     facts["sha256"] = digits;
     return facts;
 }
 
 void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings)
 {
-    const long left = SecondsUntil(X509_get0_notAfter(&crt));
+    const int64_t left = SecondsUntil(X509_get0_notAfter(&crt));
     const std::string end = ToTimeText(X509_get0_notAfter(&crt));
     AddIf(left < 0, findings, "expired", what + " has ended: " + end) ||
         AddIf(SecondsUntil(X509_get0_notBefore(&crt)) > 0, findings, "not-yet-valid",

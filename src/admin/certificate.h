@@ -6,6 +6,7 @@
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <string>
 
 #include "common/openssl.h"
@@ -25,11 +26,11 @@ UniqueOpenSSL<X509> FirstCrt(const std::string &text);
 UniqueOpenSSL<EVP_PKEY> FirstKey(const std::string &text);
 
 // What a report tells of a certificate: its `subject` ("C=TW, O=Kestrel Inc., CN=kestrel"), its `names` (host names and
-// addresses of subjectAltName), `not_before` and `not_after` (RFC 3339, in UTC), `seconds_left`, and `sha256` of its
+// addresses of subjectAltName, or else the common name), `not_before` and `not_after` (RFC 3339, in UTC), `seconds_left`, and `sha256` of its
 // DER encoding in lower-case hexadecimal digits.
 Json::Value DescribeCrt(const X509 &crt);
 
-constexpr long kDaySeconds = 24L * 60 * 60;
+constexpr int64_t kDaySeconds = 24 * 60 * 60;
 
 // Adds to `findings` (admin/report.h) that it has ended, has not begun, or has less than so many days left.
 void AddTimeFinding(const std::string &what, const X509 &crt, int days, Json::Value &findings);

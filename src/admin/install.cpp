@@ -36,6 +36,8 @@ struct KeyPair {
 FileLook ReadGiven(const std::string &path, Json::Value &findings)
 {
     FileLook file = LookAtFile(path);
+    // As people join files of which the first has no end of line.
+    file.text = std::regex_replace(file.text, std::regex("----------BEGIN "), "-----\n-----BEGIN ");
     const char *cause = file.error == EINVAL ? "it is no regular file" : strerror(file.error);
     AddIf(file.error != 0, findings, "unreadable", path + " cannot be read (at most 1 MiB): " + cause);
     return file;
@@ -177,9 +179,9 @@ void CheckId(const Options &options, Json::Value &findings)
     const std::string folder = GetCrtFolderPath(id);
     const Json::Value *info = ReadCrtInfo();
     // The books and their temporary files have names that begin so; other names with a dot in front are ours, too.
-    const bool isTaken = std::regex_match(id, std::regex("(INFO|SERVICES|DEFAULT)?(\\..*)?"));
-    AddIf(isTaken || !IsPlainFolderName("." + id + ".new") || ToShownText(id) != id, findings, "bad-id",
-          "\"" + id + "\" cannot be the name of a certificate's folder") ||
+    const std::regex taken("(INFO|SERVICES|DEFAULT)?(\\..*)?");
+    AddIf(!IsPlainFolderName("." + id + ".new") || std::regex_match(id, taken) || ToShownText(id) != id,
+          findings, "bad-id", "\"" + id + "\" cannot be the name of a certificate's folder") ||
         AddIf(info == nullptr || !info->isObject(), findings, "book-broken",
               std::string("without ") + kInfoPath + " nothing can be installed") ||
         AddIf(!options.isNew && !GetMember(*info, id.c_str()).isObject(), findings, "no-such-id",

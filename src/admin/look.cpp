@@ -2,13 +2,14 @@
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
+#include <optional>
 #include <vector>
 
 #include "admin/certificate.h"
 #include "admin/report.h"
 #include "common/json_file.h"
 #include "common/json_member.h"
+#include "deploy/dir_utils.h"
 #include "deploy/key_types.h"
 #include "platform/file_test.h"
 #include "platform/users.h"
@@ -36,8 +37,10 @@ struct FolderLook {
     std::map<std::string, FileLook> files = {};
 };
 
-// What is wrong with a certificate, its key and its chain, of this file name prefix. Answers the certificate.
-UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, int days, Json::Value &findings)
+// What is wrong with a certificate, its key and its chain, of this file name prefix. Answers the certificate. `days` for
+// AddTimeFinding; none when the times are not to be told.
+UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, std::optional<int> days,
+                               Json::Value &findings)
 {
     UniqueOpenSSL<X509> crt = FirstCrt(folder.File(prefix + "cert.pem").text);
     const UniqueOpenSSL<X509> first = FirstCrt(folder.File(prefix + "fullchain.pem").text);
@@ -51,7 +54,7 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, in
         if (IsMissing(error)) {
             missing.append(prefix + kKeyTypeFiles[at]);
         } else {
-            AddIf(!areGood[at], findings, "unreadable",
+            AddIf(!areGood[at], findings, folder.isCopy ? "copy-mismatch" : "unreadable",
                   path + kKeyTypeFiles[at] + ": " +
                       (error != 0 ? strerror(error) : "damaged, no PEM, or a key with a password"));
         }
@@ -63,11 +66,11 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, in
           folder.path + " lacks " + Join(missing));
     AddIf(crt != nullptr && key != nullptr && !IsKeyOf(*key, *crt), findings,
           folder.isCopy ? "copy-mismatch" : "key-mismatch", path + "privkey.pem is not the key of cert.pem");
-    AddIf(crt != nullptr && first != nullptr && X509_cmp(first.get(), crt.get()) != 0, findings,
-          "chain-mismatch", path + "fullchain.pem does not begin with cert.pem");
+    AddIf(!folder.isCopy && crt != nullptr && first != nullptr && X509_cmp(first.get(), crt.get()) != 0,
+          findings, "chain-mismatch", path + "fullchain.pem does not begin with cert.pem");
     folder.areWhole = folder.areWhole && findings.size() == before;
-    if (crt != nullptr) {
-        AddTimeFinding(path + "cert.pem", *crt, days, findings);
+    if (crt != nullptr && days) {
+        AddTimeFinding(path + "cert.pem", *crt, *days, findings);
     }
     return crt;
 }
@@ -99,16 +102,22 @@ void LookAtCopy(FolderLook &copy, FolderLook &archive, const std::string &prefix
     snprintf(found, sizeof(found), "mode %04o and user %u", key.info.st_mode & 07777, key.info.st_uid);
     AddIf(key.error == 0 && ((key.info.st_mode & 0377) != 0 || key.info.st_uid != user), findings,
           "copy-exposed", prefix + "privkey.pem has " + found + " instead of 0400 and " + owner);
+    std::vector<std::string> names(std::begin(kKeyTypeFiles), std::end(kKeyTypeFiles));
+    if (prefix.empty()) {
+        names.insert(names.end(), {"chain.pem", "opal-ca-cert.pem"});
+    }
     const Json::ArrayIndex before = differing.size();
-    for (const char *name : {"cert.pem", "fullchain.pem", "privkey.pem", "chain.pem", "opal-ca-cert.pem"}) {
+    for (const std::string &name : names) {
         const FileLook &mine = copy.File(prefix + name);
         const FileLook &right = archive.File(prefix + name);
         if (mine.error != right.error || mine.text != right.text) {
             differing.append(prefix + name);
         }
     }
-    if (differing.size() != before || !archive.areWhole) {
+    if (differing.size() != before) {
         LookAtPair(copy, prefix, days, findings);
+    } else if (!archive.areWhole) {
+        LookAtPair(copy, prefix, {}, findings);
     }
 }
 
@@ -138,7 +147,13 @@ Json::Value LookAtService(const Json::Value &element, FolderLook &archive,
     AddIf(used.empty(), findings, "copy-missing",
           path + "/info, which names the files, is missing or broken") ||
         AddIf(!differing.empty(), findings, "old-copy", "differs from the archive: " + Join(differing));
-    service["state"] = findings.empty() ? Json::Value("current") : findings[0]["code"];
+    service["state"] = "current";
+    for (const Json::Value &finding : findings) {
+        const std::string code = finding["code"].asString();
+        if (code.starts_with("copy-") || (code == "old-copy" && service["state"] == "current")) {
+            service["state"] = code;
+        }
+    }
     const int times = facts.listed[name];
     AddIf(times > 1, findings, "listed-twice", "INFO lists it " + std::to_string(times) + " times");
     AddIf(facts.registered && !facts.registered->contains(name), findings, "not-in-services",
@@ -160,16 +175,19 @@ Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &services, S
         prefixes.push_back(KeyTypePrefix(type));
         LookAtPair(folder, prefixes.back(), facts.days, findings);
     }
-    std::error_code error;
-    const auto real = std::filesystem::canonical(folder.path, error);
-    AddIf(!error && real != folder.path, findings, "mended-for-ever", folder.path + " is a link");
+    AddIf(YLIBCFileExist(folder.path.c_str()) == 1 && !IsCanonicalPath(folder.path), findings,
+          "mended-for-ever", folder.path + " is a link");
     AddIf(folder.File(".mending").error == 0, findings, "mend-unfinished",
           folder.path + " is being mended, or that was cut off");
     Json::Value crtInfo;
     (void)fromFile(folder.path + "/cert_info", crtInfo);
     AddIf(GetBool(crtInfo, "is_broken"), findings, "mended",
           "it had lost files, and a generated one has taken its place");
-    Json::Value crt = main != nullptr ? DescribeCrt(*main) : Json::Value(Json::objectValue);
+    Json::Value crt;
+    crt["names"] = Json::Value(Json::arrayValue);
+    if (main != nullptr) {
+        crt = DescribeCrt(*main);
+    }
     crt["id"] = cert_id;
     crt["self_made"] = main != nullptr && ca != nullptr && IsSignedBy(*main, *ca);
     crt["services"] = Json::Value(Json::arrayValue);

@@ -22,8 +22,8 @@ struct StoreFacts {
     std::set<std::string> folders;  // looked at until now
 };
 
-// The part of the report (admin/verbs.h) for one certificate and the services that have it. What DescribeCrt tells
-// is not there where no certificate could be read.
+// The part of the report (admin/verbs.h) for one certificate and the services that have it. Where no certificate could
+// be read it has no `not_after` and the like.
 Json::Value LookAtCrt(const std::string &cert_id, const Json::Value &services, StoreFacts &facts);
 
 }  // namespace opalcrt

@@ -107,7 +107,8 @@ int Run(int argc, char *argv[], int failure)
         status = early.status;
     }
     FinishReport(options, status, report);
-    return fflush(stdout) == 0 && ferror(stdout) == 0 ? status : kPartlyChanged;
+    const bool isTold = fflush(stdout) == 0 && ferror(stdout) == 0;
+    return isTold || (status == kRefused && failure == kRefused) ? status : kPartlyChanged;
 }
 
 }  // namespace

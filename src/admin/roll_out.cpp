@@ -1,12 +1,12 @@
+#include <algorithm>
 #include <set>
+#include <vector>
 
 #include "admin/archive.h"
 #include "admin/report.h"
 #include "assign/engine.h"
-#include "assign/recovery.h"
 #include "common/json_member.h"
 #include "store/crt_info.h"
-#include "store/paths.h"
 #include "store/service.h"
 
 namespace opalcrt {
@@ -59,15 +59,15 @@ Json::Value ListServices(const Json::Value &info, const Options &options, int ac
 // who was given another certificate than the one that is deployed. Whether all of it is done.
 bool GiveCrt(const Json::Value &service, const Options &options, int action, Json::Value &told)
 {
-    ServiceOutcome outcome;
     std::string old_id;
     const bool isKnown = GetServiceCrtId(service, old_id);
     const std::string new_id = options.id.value_or(old_id);
+    ServiceOutcome outcome = {false, new_id, -1};
     if (isKnown && (old_id.empty() || (action == kActionDeploy && old_id != new_id))) {
         return true;
     }
     // Asked for here, since the engine would mend it: nobody wants a new key in place of a bought one.
-    if (isKnown && IsCrtComplete(new_id, GetCrtFolderPath(new_id))) {
+    if (isKnown && IsWhole(new_id)) {
         Json::Value one;
         one.append(service);
         const auto keep = [&outcome](const Json::Value &, const ServiceOutcome &seen) { outcome = seen; };
@@ -108,10 +108,12 @@ int DeployChanged(const Options &options, Json::Value &report)
 
 int Deploy(const Options &options, Json::Value &report)
 {
-    (void)ReadInfo();
+    report["services"] = Json::Value(Json::arrayValue);
     if (options.id) {
         report["id"] = *options.id;
         RequireUsable(*options.id);
+    } else {
+        (void)ReadInfo();
     }
     return DeployChanged(options, report);
 }
@@ -125,13 +127,19 @@ int Assign(const Options &options, Json::Value &report)
     Require(status != kDone || !report["services"].empty(),
             "INFO lists no service" + what + " of " + options.subscriber +
                 "; register it first, opalcrt status lists them");
-    // The engine has taken them from the first certificate that listed them.
-    ChangeInfo([&](Json::Value &info) {
-        for (const std::string &other : info.getMemberNames()) {
-            const bool isList = other != *options.id && GetMember(info[other], "services").isArray();
+    // The engine has taken them from the first certificate that listed them. Who has another one again stays there.
+    ChangeInfo(kPartlyChanged, [&](Json::Value &info) {
+        const Json::Value mine = GetMember(info[*options.id], "services");
+        const auto isMine = [&mine](const Json::Value &service) {
+            return std::any_of(mine.begin(), mine.end(), [&service](const Json::Value &each) {
+                return NameOf(each) == NameOf(service);
+            });
+        };
+        for (auto entry = info.begin(); entry != info.end(); ++entry) {
+            const bool isOther = entry.name() != *options.id && GetMember(*entry, "services").isArray();
             for (const Json::Value &service : report["services"]) {
-                if (isList && service["result"] != "failed") {
-                    UpdateServiceList(info[other]["services"], service, true);
+                if (isOther && service["result"] != "failed" && isMine(service)) {
+                    UpdateServiceList((*entry)["services"], service, true);
                 }
             }
         }

@@ -43,13 +43,21 @@ std::string RandomDigits()
     return digits;
 }
 
-// A set for these names, the first of which is the subject.
+// Unless a certificate can be made for them, the first of which is the subject, fails.
+void RequireGoodNames(const Json::Value &names)
+{
+    constexpr size_t kLongestCommonName = 64;  // RFC 5280, A.1
+    for (const Json::Value &each : names) {
+        const std::string name = each.asString();
+        Require(IsHostName(name) || BlYLIBIsIpAddr(name.c_str()) != 0,
+                "\"" + name + "\" is neither a host name nor an address; give others with --name");
+    }
+    Require(!names.empty() && names[0].asString().size() <= kLongestCommonName,
+            "the first name must have 1 to 64 bytes; give others with --name");
+}
+
 void MakeSet(const std::string &folder, const Json::Value &names)
 {
-    for (const Json::Value &name : names) {
-        Require(IsHostName(name.asString()) || BlYLIBIsIpAddr(name.asString().c_str()) != 0,
-                "\"" + name.asString() + "\" is neither a host name nor an address; give others with --name");
-    }
     Require(genNamedCrtSet(folder, names[0].asString(), Join(names, ";")) == 0,
             "cannot generate a certificate; the system log says why");
 }
@@ -57,14 +65,6 @@ void MakeSet(const std::string &folder, const Json::Value &names)
 void MakeFolder(const std::string &folder)
 {
     RequireCall(OPALFSMkdirP(folder.c_str(), nullptr, 1, 0, 0, 0755) == 0, "cannot make " + folder);
-}
-
-// Where there is no kernel file the tool can make no serial file, so no certificate could be made or mended.
-void MakeSerialFile()
-{
-    RequireCall(HasSerialFile() || YLIBCFileExist(kMacAddressFile) != 0 ||
-                    ReplaceFile(kSerialFile, RandomDigits() + "\n", kSerialFile),
-                std::string("cannot write ") + kSerialFile);
 }
 
 // The whole archive, on the disk, under another name.
@@ -97,7 +97,10 @@ int Init(const Options &options, Json::Value &)
 {
     const auto lock = TakeRecoverLock();
     std::ranges::for_each(kFolders, MakeFolder);
-    MakeSerialFile();
+    // Where there is no kernel file the tool can make no serial file, so no certificate could be made or mended.
+    RequireCall(HasSerialFile() || YLIBCFileExist(kMacAddressFile) != 0 ||
+                    ReplaceFile(kSerialFile, RandomDigits() + "\n", kSerialFile),
+                std::string("cannot write ") + kSerialFile);
     const std::string archive = kArchive;
     std::error_code error;
     if (!std::filesystem::is_empty(archive, error) && error.value() != ENOENT) {
@@ -135,6 +138,9 @@ int Renew(const Options &given, Json::Value &report)
     for (const std::string &name : options.names) {
         names.append(name);
         isDue = isDue || !IsFor(*old, name);
+    }
+    if (isDue) {
+        RequireGoodNames(names);
     }
     if (options.onlyCheck || (!isDue && !HasNewFolder(id))) {
         report["result"] = isDue ? "due" : "not-due";

@@ -2,9 +2,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <thread>
 
@@ -70,7 +72,10 @@ Json::Value LookOnce(const Options &options)
     facts.days = options.days;
     Json::Value info;
     Json::Value services;
-    (void)fromFile(kInfoPath, info);
+    if (!fromFile(kInfoPath, info) && !IsMissing(errno) && errno != EBADMSG && errno != EFBIG) {
+        Complain(std::string("cannot read ") + kInfoPath + ": " + strerror(errno));
+        throw Failure{kCouldNotLook};
+    }
     (void)fromFile(kServicesPath, services);
     if (AddIf(!info.isObject(), findings, "book-broken",
               std::string(kInfoPath) + " is missing or no JSON object")) {
