@@ -33,8 +33,8 @@ def test_a_refusal_is_told_and_changes_nothing(store):
         said = store.run(f"{user} opalcrt {command}")
         assert said.status == ended and told in said.out and stores(store) == before
     store.ok("opalcrt 2>help || opalcrt --help | cmp - help; grep -c '^  [a-z]' help", out="7\n")
-    told = f"opalcrt: cannot read {A}/INFO: Invalid argument\n"
-    store.ok("rm INFO; mkdir INFO; opalcrt status", out=told, status=3)
+    told = f"opalcrt: cannot read {A}/INFO: Input/output error\n"
+    store.ok("opalcrt status", out=told, status=3, inject=f"openat:error=EIO -P {A}/INFO")
 
 
 # fmt: off

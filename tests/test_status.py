@@ -92,7 +92,7 @@ CRT_FAULTS = [  # In the folder of a certificate that no service has
     ("put ended .", "EXPIRED"), ("put future .", "NOT-YET-VALID"), ("put soon .", "expires-soon"),
     ("rm privkey.pem", "INCOMPLETE"), ("rm -r $PWD", "INCOMPLETE"), ("echo x >cert.pem", "UNREADABLE"),
     ("rm cert.pem; mkfifo cert.pem", "UNREADABLE"), ("cat $ROW/locked.key >privkey.pem", "UNREADABLE"),
-    ('printf %s "$(cat cert.pem)" | cat - $ROW/root.pem >fullchain.pem', "UNREADABLE"),
+    ('printf %s "$(cat $ROW/mid.pem)" | cat cert.pem - $ROW/root.pem >fullchain.pem', "UNREADABLE"),
     ("cat $ROW/leaf.key >privkey.pem", "KEY-MISMATCH"), ("cat $ROW/mid.pem >fullchain.pem", "CHAIN-MISMATCH"),
     ("echo '{\"is_broken\": true}' >cert_info", "mended"), ("touch .mending", "mend-unfinished"),
     ("echo '{\"key_types\": \"ECC\"}' >renew.json", "mended-for-ever"),
@@ -101,7 +101,7 @@ CRT_FAULTS = [  # In the folder of a certificate that no service has
 FAULTS = [  # The services' copies are old where the archive's folder was changed.
     ("rm -r c", "DEFAULT-UNUSABLE INCOMPLETE old-copy old-copy"),
     ("rm DEFAULT SERVICES; mkdir .c.new $P/p/o", "BOOK-BROKEN DEFAULT-UNUSABLE orphan-folder orphan-folder"),
-    ("rm INFO", "BOOK-BROKEN DEFAULT-UNUSABLE" + " not-in-info" * 2 + " orphan-folder" * 3),
+    ("rm INFO; mkfifo INFO", "BOOK-BROKEN DEFAULT-UNUSABLE" + " not-in-info" * 2 + " orphan-folder" * 3),
     ("cd $P/p; rm -r web; cat $ROW/leaf.key >mail/privkey.pem", "COPY-MISMATCH COPY-MISSING old-copy"),
     ("cd $P/p; rm web/privkey.pem; chown opalmail mail/*", "COPY-EXPOSED COPY-MISSING old-copy"),
     ("put ended $P/p/web; chmod 440 $P/p/mail/*", "COPY-EXPOSED EXPIRED old-copy"),

@@ -52,9 +52,10 @@ void ReplaceCrtFolder(const std::string &cert_id, const std::function<void(const
     const std::string folder = GetCrtFolderPath(cert_id);
     const std::string fresh = NewFolderPath(cert_id);
     const bool isThere = YLIBCFileExist(folder.c_str()) != 0;
+    const bool wasMarked = HasNewFolder(cert_id);  // and stays so, with what it may hold, when this fails
     RemoveNewFolder(cert_id, kRefused);
     bool isReplaced = false;
-    const auto undo = [&isReplaced](const std::string *path) { (void)(isReplaced || RemovePath(*path)); };
+    const auto undo = [&](const std::string *path) { (void)(isReplaced || wasMarked || RemovePath(*path)); };
     const std::unique_ptr<const std::string, decltype(undo)> made(&fresh, undo);
     RequireCall(OPALFSMkdirP(fresh.c_str(), nullptr, 0, 0, 0, 0700) == 0, "cannot make " + fresh);
     fill(fresh);
@@ -100,7 +101,7 @@ void ChangeInfo(int status, const std::function<void(Json::Value &info)> &change
     Json::Value info = *old;
     change(info);
     RequireCall(info == *old || WriteCrtInfo(info), "cannot write " + path + "; run the same command again",
-                kPartlyChanged);
+                status);
 }
 
 void RequireListed(const std::string &cert_id)

@@ -37,8 +37,7 @@ void ReplaceCrtFolder(const std::string &cert_id, const std::function<void(const
 // INFO as it is now, a JSON object. A failure ends with `status`.
 Json::Value ReadInfo(int status = kRefused);
 
-// Writes INFO as `change` makes it under the info lock, unless nothing has changed. Failures end with `status`, but with
-// kPartlyChanged when it was written and may not survive a power cut.
+// Writes INFO as `change` makes it under the info lock, unless nothing has changed. Failures end with `status`.
 void ChangeInfo(int status, const std::function<void(Json::Value &info)> &change);
 
 // Unless INFO lists the certificate, fails.

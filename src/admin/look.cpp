@@ -45,7 +45,11 @@ UniqueOpenSSL<X509> LookAtPair(FolderLook &folder, const std::string &prefix, st
     UniqueOpenSSL<X509> crt = FirstCrt(folder.File(prefix + "cert.pem").text);
     const UniqueOpenSSL<X509> first = FirstCrt(folder.File(prefix + "fullchain.pem").text);
     const UniqueOpenSSL<EVP_PKEY> key = FirstKey(folder.File(prefix + "privkey.pem").text);
-    const bool areGood[] = {crt != nullptr, first != nullptr, key != nullptr};  // as kKeyTypeFiles
+    // No server reads a chain with two blocks on one line.
+    const bool isJoined =
+        folder.File(prefix + "fullchain.pem").text.find("----------BEGIN") != std::string::npos;
+    const bool areGood[] = {crt != nullptr, first != nullptr && !isJoined,
+                            key != nullptr};  // as kKeyTypeFiles
     const Json::ArrayIndex before = findings.size();
     const std::string path = folder.path + "/" + prefix;
     Json::Value missing;

@@ -117,13 +117,13 @@ int Run(int argc, char *argv[], int failure)
 
 int main(int argc, char *argv[])
 {
-    if (!opalcrt::PrepareProcess()) {
-        return 1;
-    }
-    opalcrt::ReadNoOpenSSLConfig();
     // To a monitor 1 would be a warning.
     const int failure =
         argc > 1 && strcmp(argv[1], "status") == 0 ? opalcrt::kCouldNotLook : opalcrt::kRefused;
+    if (!opalcrt::PrepareProcess()) {
+        return failure;
+    }
+    opalcrt::ReadNoOpenSSLConfig();
     try {
         return opalcrt::Run(argc, argv, failure);
     } catch (const std::exception &error) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <set>
 #include <thread>
 
 #include "admin/certificate.h"
@@ -72,7 +73,8 @@ Json::Value LookOnce(const Options &options)
     facts.days = options.days;
     Json::Value info;
     Json::Value services;
-    if (!fromFile(kInfoPath, info) && !IsMissing(errno) && errno != EBADMSG && errno != EFBIG) {
+    const std::set<int> broken = {EBADMSG, EFBIG, EINVAL};  // no JSON, too large, no file
+    if (!fromFile(kInfoPath, info) && !IsMissing(errno) && !broken.contains(errno)) {
         Complain(std::string("cannot read ") + kInfoPath + ": " + strerror(errno));
         throw Failure{kCouldNotLook};
     }
