@@ -15,7 +15,7 @@ REFUSALS = [  # e lacks all files, and the id LONG is too long for DEFAULT.
     ("status x", 3, 'lists no certificate "x"'), ("status ''", 3, 'lists no certificate ""'),
     ("status", 3, "only root can do this"), ("default c", 1, "only root can do this"),
     ("assign c q", 1, "lists no service"), ("assign c p api", 1, "lists no service api of p"),
-    (f"default {LONG}", 1, "more than 15 bytes"), ("status >/dev/full", 3, ""), ("deploy x >/dev/full", 1, "no cert"),
+    (f"default {LONG}", 1, "more than 15 bytes"), ("status >/dev/full", 3, ""), ("deploy x --json >/dev/full", 1, "no c"),
     *[(f"renew --name ok --name '{name}'", 1, "is neither") for name in ("a b", "a;b", "-a", "a/b")],
     ("renew --name " + "a." * 32 + "b", 1, "the first name"), ("instal c", 64, "instal"),
     *[(usage, 64, "--help") for usage in (
