@@ -35,7 +35,7 @@ def test_odd_callers_and_planted_things_harm_nobody_else(w, command, out, line):
     assert w.sh(look) == "f\n6005\nweb\nopalweb\n"
 
 
-# Where memory ends differs from machine to machine, so all limits up to enough are tried; with 127 it did not start.
+# Where memory ends differs from machine to machine, so all limits up to enough are tried; with 126 or 127 it did not start.
 @PLAIN
 def test_a_limit_on_memory_is_a_failure_too(w):
     w.write({"c": {"services": [service("s", "q")] * 5000}})
@@ -46,7 +46,7 @@ def test_a_limit_on_memory_is_a_failure_too(w):
         ends[said.status] = ends.get(said.status, 0) + 1
         assert said.status != 1 or said.log
         assert len(w.json("INFO")["c"]["services"]) >= 5000
-    assert {*ends} == {0, 1, 127}
+    assert {0, 1} <= {*ends} <= {0, 1, 126, 127}
 
 
 # -1 means "leave as it is" to chown(2). The entry of "long" does not fit at first, and his group is not his own.
