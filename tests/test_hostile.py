@@ -35,7 +35,7 @@ def test_odd_callers_and_planted_things_harm_nobody_else(w, command, out, line):
     assert w.sh(look) == "f\n6005\nweb\nopalweb\n"
 
 
-# Where memory ends differs from machine to machine, so all limits up to enough are tried; with 126 or 127 it did not start.
+# Where memory ends differs from machine to machine, so all limits are tried; with 126 or 127 it did not start.
 @PLAIN
 def test_a_limit_on_memory_is_a_failure_too(w):
     w.write({"c": {"services": [service("s", "q")] * 5000}})
